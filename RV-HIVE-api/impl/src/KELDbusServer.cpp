@@ -1,0 +1,366 @@
+#include <kel/KELDbusServer.h>
+
+#include <future>
+#include <memory>
+
+#include <boost/bind/bind.hpp>
+
+#include "KELGlib.h"
+#include "KELHandlerGate.h"
+#include "KELLog.h"
+#include "KELPayload.h"
+
+KEL_LOG_SOURCE("KELDbusServer", "kel::TCDbusServer")
+
+using namespace boost::placeholders;
+
+namespace kel {
+
+namespace {
+
+constexpr unsigned int kNameLost = 233;
+constexpr unsigned int kUnknownClientVanished = 256;
+
+gboolean QuitLoop(gpointer loop)
+{
+    g_main_loop_quit(static_cast<GMainLoop*>(loop));
+    return G_SOURCE_REMOVE;
+}
+
+// Runs a function once in a context, always on the thread that iterates it:
+// g_main_context_invoke() would run it here while nobody does.
+void Post(GMainContext* context, GSourceFunc function, gpointer data)
+{
+    const TGlibPtr<GSource> source(g_idle_source_new());
+    g_source_set_priority(source.get(), G_PRIORITY_DEFAULT);
+    g_source_set_callback(source.get(), function, data, nullptr);
+    g_source_attach(source.get(), context);
+}
+
+} // namespace
+
+// One call to one client. It belongs to the sending thread, which waits on the future; the private
+// thread borrows it from m_SendMessage until the promise is fulfilled.
+struct TCDbusServer::TSAsyncMessage
+{
+    TSAsyncMessage(TCDbusServer* pServer, GDBusProxy* pProxy)
+        : m_pServer(pServer), m_future(m_promise.get_future()),
+          m_pProxy(static_cast<GDBusProxy*>(g_object_ref(pProxy))), m_pParameters(nullptr),
+          m_timeout(-1)
+    {}
+
+    TCDbusServer* m_pServer;
+    std::promise<bool> m_promise;
+    std::future<bool> m_future;
+    TGlibPtr<GDBusProxy> m_pProxy; // keeps the call valid when the client is forgotten meanwhile
+    GVariant* m_pParameters;       // the sender's request, one value for all its calls
+    int m_timeout;                 // in milliseconds; -1 for the D-Bus library's default
+};
+
+// GLib's way in: resolves the ticket that GLib was given in place of the server, and starts the
+// calls of a whole fan-out.
+struct TCDbusServer::TSGlibEntry
+{
+    typedef std::vector<std::unique_ptr<TSAsyncMessage>> TMessages;
+
+    static TCDbusServer* ServerOf(const TCHandlerStay& stay)
+    {
+        return static_cast<TCDbusServer*>(stay.End());
+    }
+
+    static void NameAcquired(GDBusConnection* connection, const char* name, void* ticket)
+    {
+        const TCHandlerStay stay(ticket);
+        if (stay.End() != nullptr) {
+            m_NameAcquired(connection, name, ServerOf(stay));
+        }
+    }
+
+    static void NameLost(GDBusConnection* connection, const char* name, void* ticket)
+    {
+        const TCHandlerStay stay(ticket);
+        if (stay.End() != nullptr) {
+            m_NameLost(connection, name, ServerOf(stay));
+        }
+    }
+
+    static void ClientNameVanished(GDBusConnection* connection, const char* name, void* ticket)
+    {
+        const TCHandlerStay stay(ticket);
+        if (stay.End() != nullptr) {
+            m_ClientNameVanished(connection, name, ServerOf(stay));
+        }
+    }
+
+    static gboolean SendAll(void* messages)
+    {
+        for (const auto& message : *static_cast<const TMessages*>(messages)) {
+            m_SendMessage(message.get());
+        }
+        return G_SOURCE_REMOVE;
+    }
+};
+
+TCDbusServer::TSClient::TSClient() : m_pProxy(nullptr), m_watchId(0) {}
+
+TCDbusServer::TCDbusServer(bool test)
+    : TCDbus(test), m_ownerId(0), m_pContext(nullptr), m_pLoop(nullptr)
+{
+    try {
+        t_Start();
+    } catch (...) {
+        t_Stop(); // no destructor will run
+        throw;
+    }
+}
+
+TCDbusServer::~TCDbusServer() { t_Stop(); }
+
+bool TCDbusServer::SetCallback(int type, const TMessageCallback& callback)
+{
+    const TCWriteLock callbacks(m_callbacksMutex);
+    const bool inserted = m_callbacks.emplace(type, callback).second;
+    KEL_DEBUG("Type %d, result %d", type, inserted);
+    return inserted;
+}
+
+bool TCDbusServer::UnSetCallback(int type)
+{
+    const TCWriteLock callbacks(m_callbacksMutex);
+    return m_callbacks.erase(type) != 0;
+}
+
+size_t TCDbusServer::NumberOfClients()
+{
+    const TCReadLock state(m_stateMutex);
+    KEL_DEBUG("Number of clients %zu", m_clients.size());
+    return m_clients.size();
+}
+
+std::pair<size_t, size_t>
+TCDbusServer::SendMessage(int type, const std::vector<unsigned char>& data, int timeout)
+{
+    size_t successes = 0;
+    size_t failures = 0;
+    TGlibPtr<GVariant> parameters;
+    TSGlibEntry::TMessages messages;
+    {
+        const TCReadLock state(m_stateMutex);
+        if (!m_ready || m_clients.empty()) {
+            KEL_DEBUG("Connection is ready %d, number of clients %zu", m_ready, m_clients.size());
+            return {0, 0};
+        }
+        for (const auto& [uniqueName, client] : m_clients) {
+            const char* const name = g_dbus_proxy_get_name(client.m_pProxy);
+            if (client.m_types.count(type) == 0) {
+                KEL_DEBUG("Client %s is not registered for event %d", name, type);
+                continue;
+            }
+            if (uniqueName == m_currentSender && !m_currentAsync) {
+                KEL_ERROR("Unable to send message to %s, type %d, waiting for sync replay", name,
+                          type);
+                ++failures;
+                continue;
+            }
+            if (parameters == nullptr) {
+                GVariant* request = nullptr;
+                t_ConvertBytes(type, false, data, request);
+                parameters = SinkVariant(request);
+            }
+            messages.push_back(std::make_unique<TSAsyncMessage>(this, client.m_pProxy));
+            messages.back()->m_pParameters = parameters.get();
+            messages.back()->m_timeout = timeout;
+        }
+        if (!messages.empty()) {
+            Post(m_pContext, &TSGlibEntry::SendAll, &messages);
+        }
+    }
+    for (const auto& message : messages) {
+        ++(message->m_future.get() ? successes : failures);
+    }
+    KEL_DEBUG("Callback result: success %zu, fails %zu", successes, failures);
+    return {successes, failures};
+}
+
+bool TCDbusServer::t_Start()
+{
+    const TCWriteLock state(m_stateMutex);
+
+    // Before the base exports the object: a client's "Hello" may be there at once, and one that
+    // finds no handler would be answered and lost.
+    t_SetDbusCallback(t_dbusHelloMethod,
+                      boost::bind(&TCDbusServer::m_HandleHelloMessage, this, _1, _2, _3));
+    if (!TCDbus::t_Start()) {
+        return false;
+    }
+    m_ownerId = g_bus_own_name_on_connection(m_pConnection, m_busName, G_BUS_NAME_OWNER_FLAGS_NONE,
+                                             &TSGlibEntry::NameAcquired, &TSGlibEntry::NameLost,
+                                             AsUserData(TicketOf(*this)), nullptr);
+
+    m_pContext = g_main_context_new();
+    m_pLoop = g_main_loop_new(m_pContext, FALSE);
+    m_loopThread = boost::thread(&TCDbusServer::m_StartMainLoop, this);
+
+    KEL_DEBUG("Server started. Own name id %d", m_ownerId);
+    return true;
+}
+
+void TCDbusServer::t_Stop()
+{
+    t_EndHandlers();
+
+    const TCWriteLock state(m_stateMutex);
+    if (m_loopThread.joinable()) {
+        // On the loop's own thread: quitting a loop that does not run yet is lost, and the join
+        // would wait for ever.
+        Post(m_pContext, &QuitLoop, m_pLoop);
+        m_loopThread.join();
+    }
+    for (auto client = m_clients.begin(); client != m_clients.end();) {
+        m_DestroyClient(client->second);
+        client = m_clients.erase(client);
+    }
+    if (m_ownerId != 0) {
+        g_bus_unown_name(m_ownerId);
+    }
+    TCDbus::t_Stop();
+    ReleaseMember(m_pLoop);
+    ReleaseMember(m_pContext);
+}
+
+void TCDbusServer::m_NameAcquired(GDBusConnection*, const char*)
+{
+    const TCWriteLock state(m_stateMutex);
+    m_ready = true;
+}
+
+void TCDbusServer::m_ClientNameVanished(GDBusConnection*, const char* name)
+{
+    const TCWriteLock state(m_stateMutex);
+    const auto client = m_clients.find(name);
+    if (client == m_clients.end()) {
+        KEL_REPORT(kUnknownClientVanished);
+        return;
+    }
+    m_DestroyClient(client->second);
+    m_clients.erase(client);
+}
+
+void TCDbusServer::m_HandleHelloMessage(const char* sender, GVariant* parameters,
+                                        GDBusMethodInvocation* invocation)
+{
+    std::vector<unsigned char> bytes;
+    t_ConvertBytes(parameters, bytes);
+    std::set<int> types = ReadTypes(bytes);
+    g_dbus_method_invocation_return_value(invocation, nullptr);
+
+    const TCWriteLock state(m_stateMutex);
+    auto client = m_clients.find(sender);
+    if (client == m_clients.end()) {
+        KEL_DEBUG("A new client %s", sender);
+
+        TCGlibError error;
+        TSClient fresh;
+        fresh.m_pProxy = g_dbus_proxy_new_sync(
+            m_pConnection, G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES, nullptr, sender, m_objectPath,
+            t_interfaceName, nullptr, error.Out());
+        if (error.IsSet()) {
+            KEL_ERROR("Registering proxy error, errno %d", error.Code());
+            return;
+        }
+        fresh.m_watchId = g_bus_watch_name_on_connection(
+            m_pConnection, sender, G_BUS_NAME_WATCHER_FLAGS_NONE, nullptr,
+            &TSGlibEntry::ClientNameVanished, AsUserData(TicketOf(*this)), nullptr);
+        client = m_clients.emplace(sender, std::move(fresh)).first;
+    }
+    client->second.m_types = std::move(types);
+}
+
+void TCDbusServer::m_DestroyClient(TSClient& client)
+{
+    if (client.m_watchId != 0) {
+        g_bus_unwatch_name(client.m_watchId);
+    }
+    ReleaseMember(client.m_pProxy);
+}
+
+void TCDbusServer::m_StartMainLoop()
+{
+    g_main_context_push_thread_default(m_pContext);
+    g_main_loop_run(m_pLoop);
+}
+
+void TCDbusServer::m_AsyncReadyCallback(GObject* source, GAsyncResult* result,
+                                        TSAsyncMessage* message)
+{
+    GDBusProxy* const proxy = G_DBUS_PROXY(source);
+    const char* const name = g_dbus_proxy_get_name(proxy);
+
+    TCGlibError error;
+    const TGlibPtr<GVariant> reply(g_dbus_proxy_call_finish(proxy, result, error.Out()));
+    bool handled = false;
+    if (error.IsSet()) {
+        KEL_ERROR("Sending message from %s error, errno %d", name, error.Code());
+    } else {
+        if (reply != nullptr) {
+            std::vector<unsigned char> discarded;
+            t_ConvertBytes(reply.get(), handled, discarded);
+        } else {
+            KEL_DEBUG("Result is null");
+        }
+        if (!Truth(handled)) {
+            KEL_DEBUG("Sending message to %s failed", name);
+        }
+    }
+    // Out of the message first: the sender destroys it as soon as it sees the value.
+    std::promise<bool> promise = std::move(message->m_promise);
+    promise.set_value(Truth(handled));
+}
+
+void TCDbusServer::m_NameAcquired(GDBusConnection* connection, const char* name, void* userData)
+{
+    KEL_DEBUG("Name %s has been acquired, user_data %p", name, userData);
+    if (userData != nullptr) {
+        static_cast<TCDbusServer*>(userData)->m_NameAcquired(connection, name);
+    }
+}
+
+void TCDbusServer::m_NameLost(GDBusConnection*, const char* name, void* userData)
+{
+    KEL_DEBUG("Name %s has been lost, user_data %p", name, userData);
+    KEL_REPORT(kNameLost);
+}
+
+void TCDbusServer::m_ClientNameVanished(GDBusConnection* connection, const char* name,
+                                        void* userData)
+{
+    KEL_DEBUG("Client name %s has vanished, user_data %p", name, userData);
+    if (userData != nullptr) {
+        static_cast<TCDbusServer*>(userData)->m_ClientNameVanished(connection, name);
+    }
+}
+
+int TCDbusServer::m_SendMessage(void* message)
+{
+    TSAsyncMessage* const pMessage = static_cast<TSAsyncMessage*>(message);
+    if (pMessage->m_pServer == nullptr) {
+        KEL_ERROR("Dbus server equals NULL");
+    } else {
+        g_dbus_proxy_call(pMessage->m_pProxy.get(), t_dbusSendMethod, pMessage->m_pParameters,
+                          G_DBUS_CALL_FLAGS_NONE, pMessage->m_timeout, nullptr,
+                          &TCDbusServer::m_AsyncReadyCallback, pMessage);
+    }
+    return G_SOURCE_REMOVE;
+}
+
+void TCDbusServer::m_AsyncReadyCallback(GObject* source, GAsyncResult* result, void* message)
+{
+    TSAsyncMessage* const pMessage = static_cast<TSAsyncMessage*>(message);
+    if (pMessage->m_pServer == nullptr) {
+        KEL_ERROR("Dbus server equals NULL");
+        return;
+    }
+    pMessage->m_pServer->m_AsyncReadyCallback(source, result, pMessage);
+}
+
+} // namespace kel

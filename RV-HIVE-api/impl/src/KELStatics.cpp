@@ -1,0 +1,27 @@
+// Every object that the library makes when it is loaded, in one file, because one file alone
+// fixes an order: made from top to bottom, destroyed at unload from bottom to top. So the
+// deactivator finds, when it ends the singletons, the log above it still in place; the holders
+// below it are never freed and serve at any time.
+
+#include <kel/KELControlProxy.h>
+#include <kel/KELDbusClient.h>
+#include <kel/KELDeactivator.h>
+#include <kel/KELDebug.h>
+
+#include "KELHandlerGate.h"
+
+namespace kel {
+
+TCDebug TCDebug::m_instance;
+
+TCDeactivator TCDeactivator::m_instance;
+
+TSHandlerGate* const handlerGate = MakeHandlerGate();
+
+boost::mutex* TCDbusClientProvider::m_pMutex = new boost::mutex;
+boost::weak_ptr<IDbusClient>* TCDbusClientProvider::m_pDbusClient
+    = new boost::weak_ptr<IDbusClient>;
+
+boost::shared_ptr<IControl>* TCControlProxy::m_pInstance = new boost::shared_ptr<IControl>;
+
+} // namespace kel

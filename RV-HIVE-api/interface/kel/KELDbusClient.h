@@ -1,0 +1,77 @@
+#pragma once
+
+#include <vector>
+
+#include <boost/shared_ptr.hpp>
+#include <boost/thread/mutex.hpp>
+#include <boost/weak_ptr.hpp>
+
+#include <kel/IDbusClient.h>
+#include <kel/KELDbus.h>
+
+namespace kel {
+
+/// The application's end of the channel: watches the agent's bus name, tells the agent which
+/// message types this process wants, and sends messages to it.
+///
+/// Threads: the public operations from any thread. Messages and bus-name events arrive on the
+/// thread that iterates the main context the client was created in; the host iterates it, or the
+/// client never becomes ready (it can send all the same).
+///
+/// Locks: the state mutex before the callbacks mutex or the start/stop mutex, never the reverse.
+class KEL_EXPORT TCDbusClient : public TCDbus, public IDbusClient
+{
+public:
+    /// Starts the client. One that could not start exists, and never becomes ready.
+    ///
+    /// @param test  use the test channel.
+    explicit TCDbusClient(bool test);
+
+    ~TCDbusClient() override;
+
+    bool SetCallback(int type, const TMessageCallback& handler) override;
+    bool UnSetCallback(int type) override;
+    bool SendMessage(int type, const std::vector<unsigned char>& data,
+                     std::vector<unsigned char>& response, bool async) override;
+
+protected:
+    /// Starts the base, makes the agent's proxy and watches the agent's name.
+    bool t_Start();
+
+    /// Ends the watch, drops the proxy and stops the base. Runs once, from the destructor.
+    void t_Stop();
+
+private:
+    struct KEL_HIDDEN TSGlibEntry; // defined in the source file
+
+    void m_NameAppeared(GDBusConnection* connection, const char* name, const char* owner);
+    void m_NameVanished(GDBusConnection* connection, const char* name);
+    bool m_SendHello() KEL_REQUIRES_SHARED(m_stateMutex, m_callbacksMutex);
+    bool m_WakeServer() KEL_REQUIRES_SHARED(m_stateMutex);
+
+    static void m_NameAppeared(GDBusConnection* connection, const char* name, const char* owner,
+                               void* userData);
+    static void m_NameVanished(GDBusConnection* connection, const char* name, void* userData);
+
+    unsigned int m_watcherId; // of the agent's name; 0 when none
+    GDBusProxy* m_pProxy;     // the agent; one reference, taken by t_Start, released by t_Stop
+};
+
+/// Hands out the process's one client, which lives as long as somebody holds it.
+class KEL_EXPORT TCDbusClientProvider
+{
+public:
+    /// The process's client; creates it when there is none alive. Thread-safe.
+    ///
+    /// @param test  the channel of a client that has to be created; without effect while there is
+    ///              one alive.
+    static boost::shared_ptr<IDbusClient> Get(bool test);
+
+private:
+    // Never freed: singletons may let go of the client, or ask for it, after the library's other
+    // static objects are gone.
+    static boost::mutex* m_pMutex;
+    static boost::weak_ptr<IDbusClient>* m_pDbusClient; // guarded by *m_pMutex
+};
+
+} // namespace kel

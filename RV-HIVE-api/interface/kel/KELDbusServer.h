@@ -1,0 +1,87 @@
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <boost/thread/thread.hpp>
+
+#include <kel/IDbusServer.h>
+#include <kel/KELDbus.h>
+
+namespace kel {
+
+/// The agent's end of the channel: owns the bus name, remembers which client asked for which
+/// message types, and sends to all of them at once.
+///
+/// Threads: the public operations from any thread. Calls from clients and bus-name events arrive
+/// on the thread that iterates the main context the server was created in; the host iterates it.
+/// A private thread carries the outgoing calls and takes none of our locks.
+///
+/// Locks: the state mutex before the callbacks mutex, never the reverse.
+class KEL_EXPORT TCDbusServer : public TCDbus, public IDbusServer
+{
+public:
+    /// Starts the server. One that could not start exists, and never becomes ready.
+    ///
+    /// @param test  serve the test channel.
+    /// @throws boost::thread_resource_error when the private thread cannot be created.
+    explicit TCDbusServer(bool test);
+
+    ~TCDbusServer() override;
+
+    bool SetCallback(int type, const TMessageCallback& callback) override;
+    bool UnSetCallback(int type) override;
+    size_t NumberOfClients() override;
+    std::pair<size_t, size_t> SendMessage(int type, const std::vector<unsigned char>& data,
+                                          int timeout) override;
+
+protected:
+    /// Starts the base, asks for the bus name and starts the private thread.
+    bool t_Start();
+
+    /// Ends the private thread, forgets the clients, gives up the name and stops the base. Runs
+    /// once, from the destructor; on the private thread it throws boost::thread_resource_error.
+    void t_Stop();
+
+private:
+    /// A client that introduced itself.
+    struct TSClient
+    {
+        TSClient();
+
+        std::set<int> m_types;  // what it asked for in its latest "Hello"
+        GDBusProxy* m_pProxy;   // one reference, released by m_DestroyClient
+        unsigned int m_watchId; // on its bus name; 0 when none
+    };
+
+    struct KEL_HIDDEN TSGlibEntry;    // defined in the source file
+    struct KEL_HIDDEN TSAsyncMessage; // one outgoing call; defined in the source file
+
+    void m_NameAcquired(GDBusConnection* connection, const char* name);
+    void m_ClientNameVanished(GDBusConnection* connection, const char* name);
+    void m_HandleHelloMessage(const char* sender, GVariant* parameters,
+                              GDBusMethodInvocation* invocation);
+    void m_DestroyClient(TSClient& client) KEL_REQUIRES(m_stateMutex);
+    void m_StartMainLoop();
+    void m_AsyncReadyCallback(GObject* source, GAsyncResult* result, TSAsyncMessage* message);
+
+    static void m_NameAcquired(GDBusConnection* connection, const char* name, void* userData);
+    static void m_NameLost(GDBusConnection* connection, const char* name, void* userData);
+    static void m_ClientNameVanished(GDBusConnection* connection, const char* name, void* userData);
+    static int m_SendMessage(void* message);
+    static void m_AsyncReadyCallback(GObject* source, GAsyncResult* result, void* message);
+
+    unsigned int m_ownerId; // of the bus name; 0 when none
+    std::map<std::string, TSClient> m_clients KEL_GUARDED_BY(m_stateMutex); // by unique name
+
+    // The private loop. Made once by t_Start, released by t_Stop.
+    boost::thread m_loopThread;
+    GMainContext* m_pContext;
+    GMainLoop* m_pLoop;
+};
+
+} // namespace kel

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <atomic>
+#include <mutex>
+#include <set>
+
+#include <kel/KELExport.h>
+#include <kel/TIDestroyCallback.h>
+
+namespace kel {
+
+/// The switch that is thrown once, when the process exits or the library is unloaded, so that the
+/// singletons that talk over the channel let go of it before the rest of the static state goes.
+///
+/// Threads: every operation from any thread, before, during and after process exit.
+/// Locks: one mutex, held while the registered functions run; they must not register or
+/// unregister anything.
+class KEL_EXPORT TCDeactivator
+{
+public:
+    ~TCDeactivator();
+
+    /// Adds a function to run at deactivation. A function that is there already stays there once;
+    /// after deactivation the call is refused with an error line.
+    static void RegisterDBUS(void (*fn)());
+
+    /// Registers the one user to be told of the deactivation, before any function runs. The user
+    /// is not owned and must outlive its registration.
+    ///
+    /// @return true on success; false (and an error line) when there is a user already, or after
+    ///         deactivation.
+    static bool RegisterUser(TIDestroyCallback& user);
+
+    /// Clears the registered user, whoever that is, on purpose: there is one slot, and whoever
+    /// calls this wants it empty. Without effect after deactivation.
+    static void UnregisterUser(TIDestroyCallback& user);
+
+private:
+    TCDeactivator();
+    TCDeactivator(const TCDeactivator&) = delete;
+    TCDeactivator& operator=(const TCDeactivator&) = delete;
+
+    void m_Deactivate();
+
+    TIDestroyCallback* m_pUser;       // not owned; guarded by m_mutex
+    std::set<void (*)()> m_functions; // guarded by m_mutex
+
+    static TCDeactivator m_instance;
+
+    // Neither has a destructor to run, so both serve threads that are still at work when the
+    // static objects are gone.
+    static std::mutex m_mutex;
+    static std::atomic<bool> m_destroyed; // written under m_mutex, never cleared
+};
+
+} // namespace kel

@@ -1,0 +1,94 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <boost/thread/shared_mutex.hpp>
+
+// Locks that clang's -Wthread-safety understands. Other compilers see plain locks.
+// The attributes: https://clang.llvm.org/docs/ThreadSafetyAnalysis.html
+
+#if defined(__clang__)
+#define KEL_THREAD_ATTRIBUTE(x) __attribute__((x))
+#else
+#define KEL_THREAD_ATTRIBUTE(x)
+#endif
+
+#define KEL_CAPABILITY(name) KEL_THREAD_ATTRIBUTE(capability(name))
+#define KEL_SCOPED_CAPABILITY KEL_THREAD_ATTRIBUTE(scoped_lockable)
+#define KEL_GUARDED_BY(mutex) KEL_THREAD_ATTRIBUTE(guarded_by(mutex))
+#define KEL_REQUIRES(...) KEL_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
+#define KEL_REQUIRES_SHARED(...) KEL_THREAD_ATTRIBUTE(requires_shared_capability(__VA_ARGS__))
+#define KEL_EXCLUDES(...) KEL_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
+#define KEL_ACQUIRE(...) KEL_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
+#define KEL_ACQUIRE_SHARED(...) KEL_THREAD_ATTRIBUTE(acquire_shared_capability(__VA_ARGS__))
+#define KEL_RELEASE() KEL_THREAD_ATTRIBUTE(release_generic_capability())
+#define KEL_NO_THREAD_SAFETY_ANALYSIS KEL_THREAD_ATTRIBUTE(no_thread_safety_analysis)
+
+namespace kel {
+
+/// A boost::shared_mutex that the compiler's lock checks know by name.
+///
+/// Not recursive in any mode: a second shared lock on a thread that holds one already deadlocks
+/// as soon as a writer waits in between.
+class KEL_CAPABILITY("mutex") TCSharedMutex : public boost::shared_mutex
+{
+};
+
+/// A reader-writer lock that needs no construction and no destruction, so that it may be used
+/// before, during and after the static life of the library (POSIX pthread_rwlock).
+class KEL_CAPABILITY("mutex") TCStaticRwLock
+{
+public:
+    constexpr TCStaticRwLock() = default;
+    TCStaticRwLock(const TCStaticRwLock&) = delete;
+    TCStaticRwLock& operator=(const TCStaticRwLock&) = delete;
+
+    void lock() { pthread_rwlock_wrlock(&m_lock); }
+    void unlock() { pthread_rwlock_unlock(&m_lock); }
+    void lock_shared() { pthread_rwlock_rdlock(&m_lock); }
+    void unlock_shared() { pthread_rwlock_unlock(&m_lock); }
+
+private:
+    pthread_rwlock_t m_lock = PTHREAD_RWLOCK_INITIALIZER;
+};
+
+/// Holds a mutex shared for the length of a scope.
+template <typename Mutex> class KEL_SCOPED_CAPABILITY TCSharedScope
+{
+public:
+    explicit TCSharedScope(Mutex& mutex) KEL_ACQUIRE_SHARED(mutex) KEL_NO_THREAD_SAFETY_ANALYSIS
+        : m_mutex(mutex)
+    {
+        m_mutex.lock_shared();
+    }
+    ~TCSharedScope() KEL_RELEASE() KEL_NO_THREAD_SAFETY_ANALYSIS { m_mutex.unlock_shared(); }
+    TCSharedScope(const TCSharedScope&) = delete;
+    TCSharedScope& operator=(const TCSharedScope&) = delete;
+
+private:
+    Mutex& m_mutex;
+};
+
+/// Holds a mutex exclusively for the length of a scope.
+template <typename Mutex> class KEL_SCOPED_CAPABILITY TCExclusiveScope
+{
+public:
+    explicit TCExclusiveScope(Mutex& mutex) KEL_ACQUIRE(mutex) KEL_NO_THREAD_SAFETY_ANALYSIS
+        : m_mutex(mutex)
+    {
+        m_mutex.lock();
+    }
+    ~TCExclusiveScope() KEL_RELEASE() KEL_NO_THREAD_SAFETY_ANALYSIS { m_mutex.unlock(); }
+    TCExclusiveScope(const TCExclusiveScope&) = delete;
+    TCExclusiveScope& operator=(const TCExclusiveScope&) = delete;
+
+private:
+    Mutex& m_mutex;
+};
+
+using TCReadLock = TCSharedScope<TCSharedMutex>;
+using TCWriteLock = TCExclusiveScope<TCSharedMutex>;
+using TCStaticReadLock = TCSharedScope<TCStaticRwLock>;
+using TCStaticWriteLock = TCExclusiveScope<TCStaticRwLock>;
+
+} // namespace kel
