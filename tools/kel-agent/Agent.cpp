@@ -1,0 +1,129 @@
+#include "Agent.h"
+
+#include <csignal>
+#include <cstdio>
+
+#include <boost/bind/bind.hpp>
+
+#include <glib-unix.h>
+#include <glib.h>
+
+#include "PolicyArchive.h"
+#include "PolicyText.h"
+
+using namespace boost::placeholders;
+
+namespace kel {
+namespace agent {
+
+namespace {
+
+constexpr int kSetPolicyType = 4;
+
+// What the agent answers to a policy.
+enum EAnswer { Accepted = 0, NotWellFormed = 1, NotStored = 2 };
+
+// An agent that is just ending still has the name; one that stays has it for good.
+constexpr long long kNameTimeout = 5 * G_USEC_PER_SEC;
+constexpr unsigned int kNameTick = 20; // ms
+
+// A source of the default main context; gone with its scope, unless it has removed itself.
+class TCSource
+{
+public:
+    explicit TCSource(unsigned int id) : m_id(id) {}
+    ~TCSource()
+    {
+        if (GSource* const pSource = g_main_context_find_source_by_id(nullptr, m_id)) {
+            g_source_destroy(pSource);
+        }
+    }
+    TCSource(const TCSource&) = delete;
+    TCSource& operator=(const TCSource&) = delete;
+
+private:
+    const unsigned int m_id;
+};
+
+} // namespace
+
+TCAgent::TCAgent(bool test, const std::string& stateDirectory)
+    : m_store(stateDirectory), m_pLoop(g_main_loop_new(nullptr, FALSE)), m_nameDeadline(0),
+      m_ok(true), m_server(test)
+{
+    m_server.SetCallback(kSetPolicyType, boost::bind(&TCAgent::m_SetPolicy, this, _1, _2));
+}
+
+TCAgent::~TCAgent() { g_main_loop_unref(m_pLoop); }
+
+bool TCAgent::Run()
+{
+    if (m_server.GetUniqueName().empty()) {
+        std::fprintf(stderr, "kel-agent: cannot connect to the system bus\n");
+        return false;
+    }
+
+    m_nameDeadline = g_get_monotonic_time() + kNameTimeout;
+    const TCSource terminate(g_unix_signal_add(SIGTERM, &TCAgent::m_OnSignal, this));
+    const TCSource interrupt(g_unix_signal_add(SIGINT, &TCAgent::m_OnSignal, this));
+    const TCSource readiness(g_timeout_add(kNameTick, &TCAgent::m_OnReadinessTick, this));
+    g_main_loop_run(m_pLoop);
+    return m_ok;
+}
+
+bool TCAgent::m_SetPolicy(const TBytes& request, TBytes& response)
+{
+    std::string policy;
+    if (!TSPolicyArchive::Read(request, policy)) {
+        std::fprintf(stderr, "kel-agent: refused a message of %zu bytes that holds no policy\n",
+                     request.size());
+        return false;
+    }
+
+    EAnswer answer = Accepted;
+    std::string reason;
+    if (!TSPolicyText::IsWellFormed(policy, reason)) {
+        answer = NotWellFormed;
+        std::fprintf(stderr, "kel-agent: policy of %zu bytes refused: %s\n", policy.size(),
+                     reason.c_str());
+    } else if (!m_store.Store(policy, reason)) {
+        answer = NotStored;
+        std::fprintf(stderr, "kel-agent: policy of %zu bytes not stored: %s\n", policy.size(),
+                     reason.c_str());
+    } else {
+        std::fprintf(stderr, "kel-agent: policy of %zu bytes stored\n", policy.size());
+    }
+    TSPolicyArchive::Write(answer, response);
+    return true;
+}
+
+void TCAgent::m_End(bool ok)
+{
+    m_ok = ok;
+    g_main_loop_quit(m_pLoop);
+}
+
+int TCAgent::m_OnSignal(void* agent)
+{
+    static_cast<TCAgent*>(agent)->m_End(true);
+    return G_SOURCE_CONTINUE;
+}
+
+int TCAgent::m_OnReadinessTick(void* agent)
+{
+    TCAgent* const pAgent = static_cast<TCAgent*>(agent);
+    if (pAgent->m_server.IsReady()) {
+        std::fprintf(stderr, "kel-agent: ready\n");
+        return G_SOURCE_REMOVE;
+    }
+    if (g_get_monotonic_time() < pAgent->m_nameDeadline) {
+        return G_SOURCE_CONTINUE;
+    }
+    std::fprintf(stderr, "kel-agent: cannot own the agent's name on the system bus: "
+                         "another agent has it, or the bus forbids it\n");
+    pAgent->m_End(false);
+    return G_SOURCE_REMOVE;
+}
+
+} // namespace agent
+} // namespace kel

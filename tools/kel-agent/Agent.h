@@ -1,0 +1,51 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <kel/KELDbusServer.h>
+
+#include "PolicyStore.h"
+
+typedef struct _GMainLoop GMainLoop;
+
+namespace kel {
+namespace agent {
+
+/// The agent: serves the channel from construction on, as long as Run() runs.
+///
+/// Threads: made, run and destroyed on one thread, which iterates the default main context.
+class TCAgent
+{
+public:
+    /// @param test            serve the test channel.
+    /// @param stateDirectory  where the policy is kept.
+    TCAgent(bool test, const std::string& stateDirectory);
+    ~TCAgent();
+    TCAgent(const TCAgent&) = delete;
+    TCAgent& operator=(const TCAgent&) = delete;
+
+    /// Serves until SIGTERM or SIGINT.
+    ///
+    /// @return true when a signal ended it; false, with a line on standard error, when the agent's
+    ///         bus name could not be had.
+    bool Run();
+
+private:
+    typedef std::vector<unsigned char> TBytes;
+
+    bool m_SetPolicy(const TBytes& request, TBytes& response);
+    void m_End(bool ok);
+
+    static int m_OnSignal(void* agent);
+    static int m_OnReadinessTick(void* agent);
+
+    TCPolicyStore m_store;
+    GMainLoop* const m_pLoop; // released by the destructor
+    long long m_nameDeadline; // in the monotonic clock's microseconds
+    bool m_ok;
+    TCDbusServer m_server; // last, because its callbacks use the others
+};
+
+} // namespace agent
+} // namespace kel
