@@ -1,0 +1,249 @@
+#include "support/ChildProcess.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <stdexcept>
+
+extern char** environ;
+
+namespace kel::test {
+
+namespace {
+
+struct TSPipe
+{
+    TSPipe()
+    {
+        int ends[2];
+        if (pipe2(ends, O_CLOEXEC) != 0) {
+            throw std::runtime_error("pipe2 failed");
+        }
+        m_read = ends[0];
+        m_write = ends[1];
+    }
+
+    int m_read;
+    int m_write;
+};
+
+std::vector<std::string> MergedEnvironment(const ChildProcess::TEnvironment& changes)
+{
+    std::vector<std::string> merged;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string text(*entry);
+        if (changes.count(text.substr(0, text.find('='))) == 0) {
+            merged.push_back(text);
+        }
+    }
+    for (const auto& [name, value] : changes) {
+        merged.push_back(name + "=" + value);
+    }
+    return merged;
+}
+
+std::vector<char*> Pointers(const std::vector<std::string>& strings)
+{
+    std::vector<char*> pointers;
+    for (const std::string& text : strings) {
+        pointers.push_back(const_cast<char*>(text.c_str()));
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+// Between fork and exec of a process with threads: async-signal-safe calls only.
+[[noreturn]] void Become(char* const* command, char* const* environment, int input, int output,
+                         int errorOutput, pid_t parent)
+{
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) {
+        _exit(127); // the parent was gone before it could be said
+    }
+    setpgid(0, 0);
+    dup2(input, STDIN_FILENO);
+    dup2(output, STDOUT_FILENO);
+    dup2(errorOutput, STDERR_FILENO);
+    execvpe(command[0], command, environment);
+    _exit(127);
+}
+
+} // namespace
+
+ChildProcess::ChildProcess(const std::vector<std::string>& command, const TEnvironment& environment)
+    : m_id(-1), m_input(-1), m_stop(eventfd(0, EFD_CLOEXEC))
+{
+    const std::vector<std::string> merged = MergedEnvironment(environment);
+    const std::vector<char*> arguments = Pointers(command);
+    const std::vector<char*> variables = Pointers(merged);
+    const TSPipe input;
+    const TSPipe output;
+    const TSPipe errorOutput;
+
+    const pid_t parent = getpid();
+    m_id = fork();
+    if (m_id == 0) {
+        Become(arguments.data(), variables.data(), input.m_read, output.m_write,
+               errorOutput.m_write, parent);
+    }
+    close(input.m_read);
+    close(output.m_write);
+    close(errorOutput.m_write);
+    if (m_id < 0) {
+        throw std::runtime_error("fork failed");
+    }
+    setpgid(m_id, m_id); // whoever comes first
+    m_input = input.m_write;
+    m_reader = std::thread(&ChildProcess::m_Read, this, output.m_read, errorOutput.m_read, m_stop);
+}
+
+ChildProcess::~ChildProcess()
+{
+    Kill();
+    const uint64_t one = 1;
+    if (write(m_stop, &one, sizeof(one)) != sizeof(one)) {
+        close(m_stop);
+    }
+    m_reader.join();
+    CloseInput();
+    close(m_stop);
+}
+
+void ChildProcess::Write(const std::string& text)
+{
+    // A child that has gone is no reason to die here.
+    void (*const before)(int) = signal(SIGPIPE, SIG_IGN);
+    size_t written = 0;
+    while (written < text.size()) {
+        const ssize_t step = write(m_input, text.data() + written, text.size() - written);
+        if (step <= 0) {
+            break;
+        }
+        written += static_cast<size_t>(step);
+    }
+    signal(SIGPIPE, before);
+}
+
+void ChildProcess::CloseInput()
+{
+    if (m_input >= 0) {
+        close(m_input);
+        m_input = -1;
+    }
+}
+
+std::string ChildProcess::Output() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_output;
+}
+
+std::string ChildProcess::ErrorOutput() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_errorOutput;
+}
+
+bool ChildProcess::WaitForOutput(const std::string& text, std::chrono::milliseconds deadline)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    const auto found = [&] { return m_output.find(text) != std::string::npos; };
+    m_changed.wait_for(lock, deadline, [&] { return found() || m_closed; });
+    return found();
+}
+
+std::optional<int> ChildProcess::Wait(std::chrono::milliseconds deadline)
+{
+    const auto end = std::chrono::steady_clock::now() + deadline;
+    if (!WaitUntil([this] { return m_Reap(false); }, deadline)) {
+        return std::nullopt;
+    }
+    // Its own children may hold the pipes open for longer than this waits.
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_changed.wait_until(lock, end, [this] { return m_closed; });
+    return m_exit;
+}
+
+void ChildProcess::Signal(int signal)
+{
+    if (!m_exit) {
+        kill(m_id, signal);
+    }
+}
+
+void ChildProcess::Kill()
+{
+    kill(-m_id, SIGKILL);
+    m_Reap(true);
+}
+
+void ChildProcess::m_Read(int output, int errorOutput, int stop)
+{
+    pollfd sources[] = {{output, POLLIN, 0}, {errorOutput, POLLIN, 0}, {stop, POLLIN, 0}};
+    std::string* const texts[] = {&m_output, &m_errorOutput};
+    while (sources[0].fd >= 0 || sources[1].fd >= 0) {
+        if (poll(sources, 3, -1) < 0) {
+            continue;
+        }
+        bool idle = true;
+        for (int i = 0; i < 2; ++i) {
+            if (sources[i].fd < 0 || sources[i].revents == 0) {
+                continue;
+            }
+            idle = false;
+            char buffer[4096];
+            const ssize_t size = read(sources[i].fd, buffer, sizeof(buffer));
+            if (size <= 0) {
+                close(sources[i].fd);
+                sources[i].fd = -1;
+                continue;
+            }
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            texts[i]->append(buffer, static_cast<size_t>(size));
+            m_changed.notify_all();
+        }
+        if (idle && sources[2].revents != 0) {
+            break;
+        }
+    }
+    for (int i = 0; i < 2; ++i) {
+        if (sources[i].fd >= 0) {
+            close(sources[i].fd);
+        }
+    }
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_closed = true;
+    m_changed.notify_all();
+}
+
+bool ChildProcess::m_Reap(bool block)
+{
+    if (m_exit) {
+        return true;
+    }
+    int status = 0;
+    if (waitpid(m_id, &status, block ? 0 : WNOHANG) != m_id) {
+        return false;
+    }
+    m_exit = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return true;
+}
+
+TSFinished RunProgram(const std::vector<std::string>& command,
+                      const ChildProcess::TEnvironment& environment, const std::string& input,
+                      std::chrono::milliseconds deadline)
+{
+    ChildProcess child(command, environment);
+    child.Write(input);
+    child.CloseInput();
+    const std::optional<int> exit = child.Wait(deadline);
+    return {exit, child.Output(), child.ErrorOutput()};
+}
+
+} // namespace kel::test

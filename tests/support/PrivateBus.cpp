@@ -1,0 +1,135 @@
+#include "support/PrivateBus.h"
+
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+#include <gio/gio.h>
+
+namespace kel::test {
+
+namespace {
+
+constexpr char kVariable[] = "DBUS_SYSTEM_BUS_ADDRESS";
+
+// What a stock system bus allows and denies before any policy file is read.
+constexpr char kDefaultPolicy[] = R"(
+  <policy context="default">
+    <allow user="*"/>
+    <deny own="*"/>
+    <deny send_type="method_call"/>
+    <allow send_type="signal"/>
+    <allow send_requested_reply="true" send_type="method_return"/>
+    <allow send_requested_reply="true" send_type="error"/>
+    <allow receive_type="method_call"/>
+    <allow receive_type="method_return"/>
+    <allow receive_type="error"/>
+    <allow receive_type="signal"/>
+    <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus"/>
+    <allow send_destination="org.freedesktop.DBus"
+           send_interface="org.freedesktop.DBus.Introspectable"/>
+    <allow send_destination="org.freedesktop.DBus"
+           send_interface="org.freedesktop.DBus.Properties"/>
+    <deny send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus"
+          send_member="UpdateActivationEnvironment"/>
+  </policy>
+)";
+
+// The policy lets root be the agent. A test that does not run as root plays all parts itself.
+std::string PolicyForThisUser()
+{
+    if (geteuid() == 0) {
+        return {};
+    }
+    return "<policy user=\"" + std::to_string(geteuid())
+           + "\">"
+             "<allow own=\"com.norvale.kel.IControl\"/>"
+             "<allow own=\"com.norvale.kel.IControlTest\"/>"
+             "<allow send_type=\"method_call\" send_interface=\"com.norvale.kel.IControl\"/>"
+             "</policy>";
+}
+
+std::string Configuration(const std::string& directory, const PrivateBus::TSOptions& options)
+{
+    std::string text = "<!DOCTYPE busconfig PUBLIC "
+                       "\"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\" "
+                       "\"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+                       "<busconfig>\n  <type>system</type>\n  <listen>unix:path="
+                       + directory + "/bus</listen>\n  <auth>EXTERNAL</auth>\n  <servicedir>"
+                       + directory + "/services</servicedir>\n" + kDefaultPolicy;
+    if (options.m_projectPolicy) {
+        text += "  <includedir>" KEL_POLICY_DIR "</includedir>\n" + PolicyForThisUser();
+    }
+    return text + options.m_config + "</busconfig>\n";
+}
+
+} // namespace
+
+PrivateBus::PrivateBus() : PrivateBus(TSOptions()) {}
+
+PrivateBus::PrivateBus(const TSOptions& options) : m_directory(MakeDirectory())
+{
+    std::filesystem::create_directory(m_directory + "/services");
+    const std::string config = m_directory + "/bus.conf";
+    std::ofstream(config) << Configuration(m_directory, options);
+
+    m_daemon = std::make_unique<ChildProcess>(
+        std::vector<std::string>{"dbus-daemon", "--nofork", "--nopidfile", "--nosyslog",
+                                 "--config-file=" + config, "--print-address=1"});
+    if (!m_daemon->WaitForOutput("\n")) {
+        throw std::runtime_error("dbus-daemon does not start: " + m_daemon->ErrorOutput());
+    }
+    m_address = m_daemon->Output();
+    m_address.erase(m_address.find('\n'));
+    setenv(kVariable, m_address.c_str(), 1);
+}
+
+PrivateBus::~PrivateBus()
+{
+    Kill();
+    unsetenv(kVariable);
+    std::error_code ignored;
+    std::filesystem::remove_all(m_directory, ignored);
+}
+
+void PrivateBus::AddService(const std::string& busName, const std::string& commandLine)
+{
+    // Written beside and renamed: the daemon watches the directory.
+    const std::string path = m_directory + "/" + busName;
+    std::ofstream(path) << "[D-BUS Service]\nName=" << busName << "\nExec=" << commandLine
+                        << "\nUser=root\n";
+    std::filesystem::rename(path, m_directory + "/services/" + busName + ".service");
+    m_daemon->Signal(SIGHUP); // and read it now
+}
+
+void PrivateBus::Kill()
+{
+    if (!m_daemon) {
+        return;
+    }
+    // The process's shared connection may live on in somebody's hands.
+    GDBusConnection* const shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    if (shared != nullptr) {
+        g_dbus_connection_set_exit_on_close(shared, FALSE);
+        g_object_unref(shared);
+    }
+    m_daemon.reset();
+}
+
+std::string MakeDirectory()
+{
+    const char* const parent = getenv("TMPDIR");
+    std::string path = std::string(parent != nullptr ? parent : "/tmp") + "/kel-test-XXXXXX";
+    if (mkdtemp(path.data()) == nullptr) {
+        throw std::runtime_error("cannot make the directory " + path);
+    }
+    chmod(path.c_str(), 0755); // other users connect to sockets in it
+    return path;
+}
+
+} // namespace kel::test

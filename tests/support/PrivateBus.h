@@ -1,0 +1,48 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "support/ChildProcess.h"
+
+namespace kel::test {
+
+/// A bus daemon of the test's own: of the system type, denying by default what a device's system
+/// bus denies, with the project's bus policy. The library finds it in place of the system bus.
+///
+/// One per process, made first and destroyed last: the library's connection ends the process when
+/// its bus goes away.
+class PrivateBus
+{
+public:
+    struct TSOptions
+    {
+        bool m_projectPolicy = true; // the files in packaging/dbus
+        std::string m_config;        // more elements of <busconfig>: limits, policies
+    };
+
+    PrivateBus();
+    explicit PrivateBus(const TSOptions& options);
+    ~PrivateBus();
+
+    const std::string& Address() const { return m_address; }
+
+    /// Has the bus start a program when somebody calls a name that nobody owns.
+    void AddService(const std::string& busName, const std::string& commandLine);
+
+    /// A private directory, gone with this object.
+    const std::string& Directory() const { return m_directory; }
+
+    /// Ends the daemon, before the time.
+    void Kill();
+
+private:
+    std::string m_directory;
+    std::string m_address;
+    std::unique_ptr<ChildProcess> m_daemon;
+};
+
+/// A directory of this process's own, under TMPDIR or "/tmp".
+std::string MakeDirectory();
+
+} // namespace kel::test

@@ -1,0 +1,124 @@
+#include "support/Sandbox.h"
+
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+namespace kel::test {
+
+namespace {
+
+constexpr char kVariable[] = "KEL_TEST_SANDBOX"; // "entering", then "entered"
+
+void Check(bool ok, const std::string& what)
+{
+    if (!ok) {
+        throw std::runtime_error(what + ": " + strerror(errno));
+    }
+}
+
+void MountEmpty(const char* directory, const char* mode)
+{
+    const std::string options = std::string("mode=") + mode;
+    Check(mount("tmpfs", directory, "tmpfs", MS_NOSUID | MS_NODEV, options.c_str()) == 0,
+          std::string("mounting on ") + directory);
+}
+
+// A writable "/etc" with links to the host's entries, which stay reachable below it. Made in the
+// private "/tmp", because nothing reaches the host's any more once something is mounted on it.
+void MountEtc()
+{
+    const std::string staging = "/tmp/etc";
+    Check(mkdir(staging.c_str(), 0755) == 0, "making " + staging);
+    MountEmpty(staging.c_str(), "0755");
+    const std::string host = staging + "/.host";
+    Check(mkdir(host.c_str(), 0755) == 0, "making " + host);
+    Check(mount("/etc", host.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0,
+          "mounting the host's /etc");
+    for (const auto& entry : std::filesystem::directory_iterator(host)) {
+        const std::string name = entry.path().filename();
+        if (name != "debug" && name != "release") {
+            std::filesystem::create_symlink(".host/" + name, staging + "/" + name);
+        }
+    }
+    Check(mount(staging.c_str(), "/etc", nullptr, MS_MOVE, nullptr) == 0, "mounting on /etc");
+    Check(rmdir(staging.c_str()) == 0, "removing " + staging);
+}
+
+// Whether this machine lets the command make a namespace.
+bool Works(const std::string& command)
+{
+    return system((command + " true 2>/dev/null").c_str()) == 0;
+}
+
+} // namespace
+
+void Sandbox::Enter(char** arguments)
+{
+    const char* const state = getenv(kVariable);
+    if (state != nullptr && strcmp(state, "entering") == 0) {
+        MountEmpty("/tmp", "1777");
+        MountEmpty("/opt", "0755");
+        MountEmpty("/run", "0755");
+        MountEtc();
+        setenv(kVariable, "entered", 1);
+        return;
+    }
+    if (state != nullptr) {
+        return;
+    }
+
+    const std::string option = geteuid() == 0 ? "-m" : "-rm";
+    if (!Works("unshare " + option)) {
+        fprintf(stderr, "no mount namespace here: tests that need one will fail\n");
+        return;
+    }
+    setenv(kVariable, "entering", 1);
+    const std::string self = std::filesystem::read_symlink("/proc/self/exe");
+    std::vector<char*> command;
+    for (const char* word : {"unshare", option.c_str(), "--", self.c_str()}) {
+        command.push_back(const_cast<char*>(word));
+    }
+    for (char** argument = arguments + 1; *argument != nullptr; ++argument) {
+        command.push_back(*argument);
+    }
+    command.push_back(nullptr);
+    execvp(command[0], command.data());
+    Check(false, "starting unshare");
+}
+
+bool Sandbox::IsEntered()
+{
+    const char* const state = getenv(kVariable);
+    return state != nullptr && strcmp(state, "entered") == 0;
+}
+
+int RunTestsInSandbox(int argumentCount, char** arguments)
+{
+    bool listing = false;
+    for (int i = 1; i < argumentCount; ++i) {
+        listing = listing || strcmp(arguments[i], "--gtest_list_tests") == 0;
+    }
+    if (!listing) {
+        Sandbox::Enter(arguments);
+    }
+    return RunTests(argumentCount, arguments);
+}
+
+int RunTests(int argumentCount, char** arguments)
+{
+    testing::InitGoogleMock(&argumentCount, arguments);
+    return RUN_ALL_TESTS();
+}
+
+} // namespace kel::test
