@@ -1,0 +1,27 @@
+# The language and the warnings that everything of ours is built with.
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+    set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Debug, Release, RelWithDebInfo or MinSizeRel" FORCE)
+endif()
+
+# The smart pointers' own assertions are part of the contract, in every build type.
+add_compile_options(-UNDEBUG)
+
+add_library(kel-warnings INTERFACE)
+target_compile_options(kel-warnings INTERFACE -Wall -Wextra -Wshadow -Wnon-virtual-dtor -Wold-style-cast)
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    # The lock annotations are checked by this compiler alone; a broken one is never acceptable.
+    target_compile_options(kel-warnings INTERFACE -Wthread-safety -Werror=thread-safety)
+endif()
+if(KEL_WERROR)
+    target_compile_options(kel-warnings INTERFACE -Werror)
+endif()
+
+# Installed programs find the libraries beside them wherever the tree is put: a program that the
+# bus starts gets no LD_LIBRARY_PATH. CMAKE_SKIP_INSTALL_RPATH=ON leaves it out.
+if(NOT DEFINED CMAKE_INSTALL_RPATH)
+    file(RELATIVE_PATH kel_bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+    set(CMAKE_INSTALL_RPATH "$ORIGIN/${kel_bin_to_lib}")
+endif()
