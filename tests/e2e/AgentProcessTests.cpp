@@ -1,0 +1,162 @@
+// The agent as a program: when it runs, when it ends, and what it says then.
+
+#include <signal.h>
+
+#include <gmock/gmock.h>
+
+#include "e2e/AgentRoad.h"
+#include "e2e/Archives.h"
+
+namespace kel::test {
+
+using testing::HasSubstr;
+
+namespace {
+
+constexpr int kSetPolicy = 4;
+
+bool IsReady(const ChildProcess& agent)
+{
+    return WaitUntil(
+        [&] { return agent.ErrorOutput().find("kel-agent: ready\n") != std::string::npos; });
+}
+
+} // namespace
+
+class AgentProcess : public AgentRoad
+{
+};
+
+TEST_F(AgentProcess, ASignalEndsItWithSuccess)
+{
+    for (const int signal : {SIGTERM, SIGINT}) {
+        const std::unique_ptr<ChildProcess> agent = StartAgent();
+        ASSERT_TRUE(IsReady(*agent));
+        ASSERT_EQ(SetPolicy("<policy/>").m_exit, 0);
+
+        agent->Signal(signal);
+
+        EXPECT_EQ(agent->Wait(), 0) << agent->ErrorOutput();
+        EXPECT_FALSE(AgentId().has_value());
+    }
+}
+
+TEST_F(AgentProcess, ItEndsWithTheBus)
+{
+    const std::unique_ptr<ChildProcess> agent = StartAgent();
+    ASSERT_TRUE(IsReady(*agent));
+
+    m_bus.Kill();
+
+    EXPECT_TRUE(agent->Wait().has_value());
+}
+
+TEST_F(AgentProcess, ASecondOneGivesUpAndTheFirstGoesOn)
+{
+    const std::unique_ptr<ChildProcess> first = StartAgent();
+    ASSERT_TRUE(IsReady(*first));
+
+    const std::unique_ptr<ChildProcess> second = StartAgent();
+
+    EXPECT_EQ(second->Wait(), 1);
+    EXPECT_TRUE(IsOneLine(second->ErrorOutput(), "kel-agent: cannot own the agent's name "))
+        << second->ErrorOutput();
+    EXPECT_EQ(AgentId(), first->Id());
+    EXPECT_EQ(SetPolicy("<policy/>").m_exit, 0);
+}
+
+TEST_F(AgentProcess, ASecondOneTakesOverWhenTheFirstEndsInTime)
+{
+    const std::unique_ptr<ChildProcess> first = StartAgent();
+    ASSERT_TRUE(IsReady(*first));
+    const std::unique_ptr<ChildProcess> second = StartAgent();
+
+    first->Signal(SIGTERM);
+
+    EXPECT_TRUE(IsReady(*second));
+    EXPECT_EQ(AgentId(), second->Id());
+}
+
+TEST_F(AgentProcess, TheTestChannelIsAnother)
+{
+    const std::unique_ptr<ChildProcess> agent = StartAgent({"--test"});
+    ASSERT_TRUE(IsReady(*agent));
+
+    m_peer.SetTarget(kTestBusName, kTestObjectPath);
+    const TSReply reply
+        = m_peer.Send(SendBytes(kSetPolicy, 0, ArchiveOf(std::string("<policy/>"))));
+
+    ASSERT_GT(reply.m_bytes.size(), 1U) << reply.m_error;
+    EXPECT_EQ(reply.m_bytes[0], 1);
+    EXPECT_EQ(ValueOf<int>({reply.m_bytes.begin() + 1, reply.m_bytes.end()}), 0);
+    EXPECT_EQ(StoredPolicy(), "<policy/>");
+    EXPECT_FALSE(AgentId().has_value());
+}
+
+TEST_F(AgentProcess, ItsOwnDirectoryIsMade)
+{
+    ChildProcess agent({"unshare", "-m", "sh", "-c",
+                        "mount -t tmpfs none /var/lib && '" KEL_AGENT
+                        "' & pid=$!; read line; stat -c '%a %s' /var/lib/kel-agent "
+                        "/var/lib/kel-agent/policy.xml; kill $pid; wait $pid"});
+    ASSERT_TRUE(IsReady(agent)) << agent.ErrorOutput();
+    ASSERT_EQ(SetPolicy("<policy/>").m_output, "0 (accepted)\n");
+
+    agent.Write("\n");
+
+    EXPECT_EQ(agent.Wait(), 0) << agent.ErrorOutput();
+    EXPECT_THAT(agent.Output(), testing::MatchesRegex("750 [0-9]+\n640 9\n"));
+}
+
+TEST_F(AgentProcess, WrongUsageIsToldInOneLine)
+{
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"--unknown"}, {"operand"}, {"--state-dir"}, {"--test=maybe"}}) {
+        std::vector<std::string> command{KEL_AGENT};
+        command.insert(command.end(), arguments.begin(), arguments.end());
+
+        const TSFinished ended = RunProgram(command);
+
+        EXPECT_EQ(ended.m_exit, 2) << Text(ended);
+        EXPECT_TRUE(IsOneLine(ended.m_errorOutput, "kel-agent: ")) << Text(ended);
+    }
+}
+
+TEST_F(AgentProcess, HelpAndVersionGoToStandardOutput)
+{
+    const TSFinished help = RunProgram({KEL_AGENT, "--help"});
+    const TSFinished version = RunProgram({KEL_AGENT, "--version"});
+
+    EXPECT_EQ(help.m_exit, 0);
+    EXPECT_THAT(help.m_output, HasSubstr("--state-dir DIR"));
+    EXPECT_EQ(help.m_errorOutput, "");
+    EXPECT_EQ(version.m_exit, 0);
+    EXPECT_EQ(version.m_output, "kel-agent " KEL_VERSION "\n");
+}
+
+TEST(AgentWithoutBus, GivesUpAtOnce)
+{
+    const TSFinished ended = RunProgram({KEL_AGENT, "--state-dir", "/"},
+                                        {{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/tmp/none"}}, {},
+                                        std::chrono::seconds(10));
+
+    EXPECT_EQ(ended.m_exit, 1) << Text(ended);
+    EXPECT_EQ(ended.m_errorOutput, "kel-agent: cannot connect to the system bus\n");
+}
+
+class AgentWithoutPermission : public AgentRoad
+{
+protected:
+    AgentWithoutPermission() : AgentRoad({false, {}}) {}
+};
+
+TEST_F(AgentWithoutPermission, GivesUp)
+{
+    const std::unique_ptr<ChildProcess> agent = StartAgent();
+
+    EXPECT_EQ(agent->Wait(), 1);
+    EXPECT_TRUE(IsOneLine(agent->ErrorOutput(), "kel-agent: cannot own the agent's name "))
+        << agent->ErrorOutput();
+}
+
+} // namespace kel::test

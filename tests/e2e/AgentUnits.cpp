@@ -1,0 +1,312 @@
+// The parts of the agent that take a policy in, without the channel.
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <limits>
+
+#include <gmock/gmock.h>
+
+#include "PolicyArchive.h"
+#include "PolicyStore.h"
+#include "PolicyText.h"
+#include "e2e/Archives.h"
+#include "support/PrivateBus.h"
+
+namespace kel::test {
+
+using agent::TCPolicyStore;
+using agent::TSPolicyArchive;
+using agent::TSPolicyText;
+using testing::ElementsAre;
+using testing::Not;
+
+namespace {
+
+typedef std::vector<unsigned char> TBytes;
+
+constexpr char kUntouched[] = "untouched";
+
+// The process's peak of memory, in KiB.
+long PeakMemory()
+{
+    rusage usage = {};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss;
+}
+
+MATCHER(IsRefused, "")
+{
+    std::string policy = kUntouched;
+    return !TSPolicyArchive::Read(arg, policy) && policy == kUntouched;
+}
+
+MATCHER(IsWellFormed, "")
+{
+    std::string reason = kUntouched;
+    const bool wellFormed = TSPolicyText::IsWellFormed(arg, reason);
+    *result_listener << "reason: " << reason;
+    const bool oneLine = !reason.empty() && reason.find('\n') == std::string::npos;
+    EXPECT_EQ(wellFormed, reason == kUntouched);
+    EXPECT_TRUE(oneLine) << reason;
+    return wellFormed;
+}
+
+} // namespace
+
+TEST(PolicyArchive, ReadsTheStringThatTheArchiveLibraryWrote)
+{
+    for (const std::string& text : {std::string("<policy/>"), std::string(), std::string("a\0b", 3),
+                                    std::string(4 << 20, 'x')}) {
+        std::string policy = kUntouched;
+
+        EXPECT_TRUE(TSPolicyArchive::Read(ArchiveOf(text), policy));
+
+        EXPECT_EQ(policy, text);
+    }
+}
+
+TEST(PolicyArchive, WritesTheIntThatTheArchiveLibraryReads)
+{
+    for (const int answer : {0, 1, 2, -1, std::numeric_limits<int>::min()}) {
+        TBytes archive{1, 2, 3};
+
+        TSPolicyArchive::Write(answer, archive);
+
+        EXPECT_EQ(archive, ArchiveOf(answer));
+    }
+}
+
+TEST(PolicyArchive, RefusesEveryPartOfAnArchive)
+{
+    const TBytes whole = ArchiveOf(std::string("<policy/>"));
+
+    for (size_t length = 0; length < whole.size(); ++length) {
+        EXPECT_THAT(TBytes(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(length)),
+                    IsRefused())
+            << length;
+    }
+}
+
+TEST(PolicyArchive, RefusesBytesBehindTheString)
+{
+    TBytes archive = ArchiveOf(std::string("<policy/>"));
+    archive.push_back('x');
+
+    EXPECT_THAT(archive, IsRefused());
+}
+
+TEST(PolicyArchive, RefusesForgedLengthsWithoutMemory)
+{
+    const TBytes whole = ArchiveOf(std::string("<policy/>"));
+    const size_t most = std::numeric_limits<size_t>::max();
+    const long before = PeakMemory();
+
+    for (const size_t length : {size_t(0), size_t(8), size_t(10), size_t(1) << 28, size_t(1) << 31,
+                                most / 2, most / 2 + 1, most - 7, most}) {
+        EXPECT_THAT(WithLength(whole, 0, length), IsRefused()) << length;
+        EXPECT_THAT(WithLength(whole, kStringLengthAt, length), IsRefused()) << length;
+    }
+
+    EXPECT_LT(PeakMemory() - before, 16 << 10);
+}
+
+TEST(PolicyArchive, RefusesAnotherSignatureVersionOrMachine)
+{
+    const TBytes whole = ArchiveOf(std::string("<policy/>"));
+
+    TBytes signature = whole;
+    signature[kSignatureAt] ^= 1;
+    EXPECT_THAT(signature, IsRefused());
+
+    for (const unsigned char old : {0, 5, 6, 7}) { // their version takes one byte or two
+        TBytes version = whole;
+        version[kVersionAt] = old;
+        EXPECT_THAT(version, IsRefused()) << int(old);
+    }
+    TBytes newer = whole;
+    newer[kVersionAt] = 255;
+    EXPECT_THAT(newer, IsRefused());
+
+    for (size_t at = kNativeAt; at < kStringLengthAt; ++at) {
+        TBytes native = whole;
+        native[at] ^= 64;
+        EXPECT_THAT(native, IsRefused()) << at;
+    }
+}
+
+TEST(PolicyText, OneElementIsEnough)
+{
+    EXPECT_THAT("<policy/>", IsWellFormed());
+    EXPECT_THAT(" \n<policy version='1'>text &amp; more &#65; \xc3\xa4</policy>\n ",
+                IsWellFormed());
+    EXPECT_THAT(
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?><!-- a --><a><!-- b --><b/></a><!-- c -->",
+        IsWellFormed());
+    EXPECT_THAT("<!DOCTYPE a><a/>", IsWellFormed());
+    EXPECT_THAT("<a><![CDATA[<b> & ]]></a>", IsWellFormed());
+    EXPECT_THAT("\xef\xbb\xbf<a/>", IsWellFormed()); // a byte order mark
+}
+
+TEST(PolicyText, WithoutAnElementThereIsNoPolicy)
+{
+    for (const char* text : {"", " ", "\n\t", "text", "<!-- a -->", "<?xml version=\"1.0\"?>",
+                             "<!DOCTYPE a>", "<![CDATA[a]]>", "\xef\xbb\xbf"}) {
+        EXPECT_THAT(text, Not(IsWellFormed())) << text;
+    }
+}
+
+TEST(PolicyText, BrokenMarkupIsRefused)
+{
+    for (const char* text : {"<", "<a", "<a>", "</a>", "<a></b>", "<a><b></a></b>", "<a b></a>",
+                             "<a b=c/>", "<a b='c/>", "<a>&</a>", "<a>&unknown;</a>", "<a>&#0;</a>",
+                             "<a/", "<a><!-- </a>", "<1/>", "<a>\xff</a>", "<a>\xc0\x80</a>"}) {
+        EXPECT_THAT(text, Not(IsWellFormed())) << text;
+    }
+}
+
+TEST(PolicyText, ThereIsOneRootAndNothingBesideIt)
+{
+    for (const char* text :
+         {"<a/><b/>", "<a></a><a></a>", "<a/>text", "text<a/>", "<a/><![CDATA[text]]>",
+          "<![CDATA[text]]><a/>", "<a/><!DOCTYPE a>", "<!DOCTYPE a><!DOCTYPE a><a/>"}) {
+        EXPECT_THAT(text, Not(IsWellFormed())) << text;
+    }
+}
+
+TEST(PolicyText, AttributesDoNotRepeat)
+{
+    EXPECT_THAT("<a b='1' c='2'><a b='1'/></a>", IsWellFormed());
+    EXPECT_THAT("<a b='1' b='2'/>", Not(IsWellFormed()));
+}
+
+TEST(PolicyText, ControlCharactersAreRefusedWhereverTheyStand)
+{
+    EXPECT_THAT("<a b='\t'>\r\n\t</a>", IsWellFormed());
+    EXPECT_THAT(std::string("<a/>\0", 5), Not(IsWellFormed()));
+    EXPECT_THAT(std::string("\0<a/>", 5), Not(IsWellFormed()));
+    EXPECT_THAT(std::string("<a>\0</a>", 8), Not(IsWellFormed()));
+    EXPECT_THAT("<a>\x01</a>", Not(IsWellFormed()));
+    EXPECT_THAT("<a>&#1;</a>", Not(IsWellFormed()));
+    EXPECT_THAT("<a b='&#x1f;'/>", Not(IsWellFormed()));
+}
+
+class PolicyStore : public testing::Test
+{
+protected:
+    PolicyStore() : m_directory(MakeDirectory()) {}
+    ~PolicyStore() override { std::filesystem::remove_all(m_directory); }
+
+    std::string Stored() const
+    {
+        std::ifstream file(m_directory + "/policy.xml");
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+    std::vector<std::string> Names() const
+    {
+        std::vector<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(m_directory)) {
+            names.push_back(entry.path().filename());
+        }
+        return names;
+    }
+
+    const std::string m_directory;
+    std::string m_reason = kUntouched;
+};
+
+TEST_F(PolicyStore, KeepsTheLatestPolicyInOneFileThatStrangersCannotRead)
+{
+    const TCPolicyStore store(m_directory);
+    umask(0);
+
+    EXPECT_TRUE(store.Store("<long><policy/></long>", m_reason));
+    EXPECT_TRUE(store.Store("<policy/>", m_reason));
+
+    EXPECT_EQ(Stored(), "<policy/>");
+    EXPECT_THAT(Names(), ElementsAre("policy.xml"));
+    struct stat status = {};
+    ASSERT_EQ(stat((m_directory + "/policy.xml").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0640U);
+    EXPECT_EQ(m_reason, kUntouched);
+}
+
+TEST_F(PolicyStore, WhoeverHasTheOldPolicyOpenReadsItToItsEnd)
+{
+    const TCPolicyStore store(m_directory);
+    ASSERT_TRUE(store.Store("old", m_reason));
+    std::ifstream old(m_directory + "/policy.xml");
+
+    ASSERT_TRUE(store.Store("new", m_reason));
+
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(old), {}), "old");
+}
+
+TEST_F(PolicyStore, AMissingDirectoryIsAReasonAndIsNotMade)
+{
+    const std::string missing = m_directory + "/missing";
+
+    EXPECT_FALSE(TCPolicyStore(missing).Store("<policy/>", m_reason));
+
+    EXPECT_EQ(m_reason, missing + ": No such file or directory");
+    EXPECT_FALSE(std::filesystem::exists(missing));
+}
+
+TEST_F(PolicyStore, AFileInPlaceOfTheDirectoryIsAReason)
+{
+    std::ofstream(m_directory + "/file") << "text";
+
+    EXPECT_FALSE(TCPolicyStore(m_directory + "/file").Store("<policy/>", m_reason));
+
+    EXPECT_EQ(m_reason, m_directory + "/file: Not a directory");
+}
+
+TEST_F(PolicyStore, ADirectoryThatTakesNoFilesIsAReason)
+{
+    EXPECT_FALSE(TCPolicyStore("/proc/self").Store("<policy/>", m_reason));
+
+    EXPECT_THAT(m_reason, testing::StartsWith("/proc/self/policy.xml: "));
+}
+
+TEST_F(PolicyStore, WithoutSpaceTheOldPolicyStaysAndNothingElse)
+{
+    const TCPolicyStore store(m_directory);
+    ASSERT_TRUE(store.Store("old", m_reason));
+    std::signal(SIGXFSZ, SIG_IGN); // writing beyond the limit fails then
+    rlimit before = {};
+    getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit small = {1000, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+
+    const bool stored = store.Store(std::string(5000, 'x'), m_reason);
+
+    setrlimit(RLIMIT_FSIZE, &before);
+    EXPECT_FALSE(stored);
+    EXPECT_EQ(m_reason, m_directory + "/policy.xml: File too large");
+    EXPECT_EQ(Stored(), "old");
+    EXPECT_THAT(Names(), ElementsAre("policy.xml"));
+}
+
+TEST_F(PolicyStore, WhatAKilledAgentHasLeftIsReplacedAndALinkIsNotFollowed)
+{
+    const TCPolicyStore store(m_directory);
+    std::ofstream(m_directory + "/.policy.xml.new") << "half of an old policy";
+    ASSERT_TRUE(store.Store("new", m_reason));
+    ASSERT_EQ(Stored(), "new");
+
+    std::ofstream(m_directory + "/precious") << "text";
+    std::filesystem::create_symlink("precious", m_directory + "/.policy.xml.new");
+    ASSERT_TRUE(store.Store("newer", m_reason));
+
+    EXPECT_EQ(Stored(), "newer");
+    EXPECT_EQ(std::filesystem::file_size(m_directory + "/precious"), 4U);
+    EXPECT_FALSE(std::filesystem::is_symlink(m_directory + "/policy.xml"));
+}
+
+} // namespace kel::test

@@ -1,0 +1,216 @@
+// kelctl's side alone: its usage, its exit status, and agents that are not ours.
+
+#include <signal.h>
+
+#include <chrono>
+
+#include <gmock/gmock.h>
+
+#include "e2e/AgentRoad.h"
+#include "e2e/Archives.h"
+
+namespace kel::test {
+
+using testing::HasSubstr;
+
+namespace {
+
+constexpr int kSetPolicy = 4;
+
+typedef std::chrono::steady_clock TClock;
+
+TBytes Handled(TBytes response)
+{
+    response.insert(response.begin(), 1);
+    return response;
+}
+
+} // namespace
+
+class Kelctl : public AgentRoad
+{
+protected:
+    void ExpectNoAnswer(const TSFinished& set)
+    {
+        EXPECT_EQ(set.m_exit, 3) << Text(set);
+        EXPECT_EQ(set.m_output, "");
+        EXPECT_TRUE(IsOneLine(set.m_errorOutput, "kelctl: ")) << Text(set);
+    }
+};
+
+TEST_F(Kelctl, WrongUsageIsToldInOneLine)
+{
+    for (const std::vector<std::string>& arguments : {std::vector<std::string>{},
+                                                      {"unknown"},
+                                                      {"--unknown"},
+                                                      {"set-policy"},
+                                                      {"set-policy", "a", "b"},
+                                                      {"set-policy", "--unknown", "a"},
+                                                      {"set-policy", "/tmp/none"},
+                                                      {"set-policy", "/tmp"}}) {
+        const TSFinished ended = AgentRoad::Kelctl(arguments);
+
+        EXPECT_EQ(ended.m_exit, 2) << Text(ended);
+        EXPECT_EQ(ended.m_output, "");
+        EXPECT_TRUE(IsOneLine(ended.m_errorOutput, "kelctl: ")) << Text(ended);
+    }
+}
+
+TEST_F(Kelctl, HelpAndVersionGoToStandardOutput)
+{
+    const TSFinished help = AgentRoad::Kelctl({"--help"});
+    const TSFinished commandHelp = AgentRoad::Kelctl({"set-policy", "--help"});
+    const TSFinished version = AgentRoad::Kelctl({"--version"});
+
+    EXPECT_EQ(help.m_exit, 0);
+    EXPECT_THAT(help.m_output, HasSubstr("set-policy"));
+    EXPECT_EQ(commandHelp.m_exit, 0);
+    EXPECT_THAT(commandHelp.m_output, HasSubstr("FILE"));
+    EXPECT_EQ(version.m_exit, 0);
+    EXPECT_EQ(version.m_output, "kelctl " KEL_VERSION "\n");
+}
+
+TEST_F(Kelctl, MoreThanTheBusCarriesIsNotSent)
+{
+    ASSERT_TRUE(m_peer.OwnName());
+
+    const TSFinished set = SetPolicy(std::string(33 << 20, 'x'));
+
+    EXPECT_EQ(set.m_exit, 2) << Text(set);
+    EXPECT_EQ(set.m_errorOutput, "kelctl: -: larger than 32 MiB, which the bus does not carry\n");
+    EXPECT_TRUE(m_peer.Calls().empty());
+}
+
+TEST_F(Kelctl, WhatTheBusDropsGetsNoAnswer)
+{
+    ASSERT_TRUE(m_peer.OwnName());
+
+    const TSFinished set = SetPolicy(std::string(32 << 20, 'x')); // and the bytes around it
+
+    ExpectNoAnswer(set);
+}
+
+TEST_F(Kelctl, ThePolicyTravelsAsAnArchiveOfOneString)
+{
+    const std::string policy("any \0 bytes", 11);
+    m_peer.SetAnswer("Send", RawPeer::TSAnswer::Bytes(Handled(ArchiveOf(0))));
+    ASSERT_TRUE(m_peer.OwnName());
+
+    const TSFinished set = SetPolicy(policy);
+
+    EXPECT_EQ(set.m_exit, 0) << Text(set);
+    const std::vector<TSCall> sends = m_peer.Calls("Send");
+    ASSERT_EQ(sends.size(), 1U);
+    EXPECT_EQ(sends[0].m_bytes, SendBytes(kSetPolicy, 0, ArchiveOf(policy)));
+}
+
+TEST_F(Kelctl, AnAnswerOfAnotherAgentIsShownAndIsARefusal)
+{
+    m_peer.SetAnswer("Send", RawPeer::TSAnswer::Bytes(Handled(ArchiveOf(7))));
+    ASSERT_TRUE(m_peer.OwnName());
+
+    const TSFinished set = SetPolicy("<policy/>");
+
+    EXPECT_EQ(set.m_exit, 1) << Text(set);
+    EXPECT_EQ(set.m_output, "7 (refused)\n");
+    EXPECT_EQ(set.m_errorOutput, "kelctl: the agent refused the policy: refused\n");
+}
+
+TEST_F(Kelctl, AnAgentThatDeclinesGivesNoAnswer)
+{
+    m_peer.SetAnswer("Send", RawPeer::TSAnswer::Bytes({0}));
+    ASSERT_TRUE(m_peer.OwnName());
+
+    ExpectNoAnswer(SetPolicy("<policy/>"));
+}
+
+TEST_F(Kelctl, AnAnswerThatIsNoArchiveIsNoAnswer)
+{
+    const TBytes whole = ArchiveOf(0);
+    const TBytes forged = WithLength(whole, 0, size_t(1) << 31);
+    const TBytes cut(whole.begin(), whole.end() - 1);
+    ASSERT_TRUE(m_peer.OwnName());
+
+    for (const TBytes& bytes :
+         {TBytes{}, TBytes{1}, TBytes{1, 2, 3}, Handled(forged), Handled(cut)}) {
+        m_peer.SetAnswer("Send", RawPeer::TSAnswer::Bytes(bytes));
+
+        const TSFinished set = SetPolicy("<policy/>");
+
+        ExpectNoAnswer(set);
+        EXPECT_THAT(set.m_errorOutput, HasSubstr("the agent's answer cannot be read: "));
+    }
+}
+
+TEST_F(Kelctl, WithoutAnAgentThereIsNoAnswer) { ExpectNoAnswer(SetPolicy("<policy/>")); }
+
+TEST_F(Kelctl, AnAgentThatCannotBeStartedGivesNoAnswer)
+{
+    m_bus.AddService(kBusName, "/bin/false");
+
+    ExpectNoAnswer(SetPolicy("<policy/>"));
+}
+
+TEST_F(Kelctl, AnAgentThatVanishesDuringTheSendGivesNoAnswer)
+{
+    m_peer.SetAnswer("Send", RawPeer::TSAnswer::Nothing());
+    ASSERT_TRUE(m_peer.OwnName());
+    ChildProcess kelctl({KEL_CTL, "set-policy", KEL_EXAMPLES "/policy.xml"});
+    ASSERT_TRUE(m_peer.WaitForCalls("Send", 1));
+
+    m_peer.Vanish();
+
+    const std::optional<int> exit = kelctl.Wait(std::chrono::seconds(8));
+    ExpectNoAnswer({exit, kelctl.Output(), kelctl.ErrorOutput()});
+}
+
+TEST_F(Kelctl, ASilentAgentIsWaitedForTenSeconds)
+{
+    m_peer.SetAnswer("Send", RawPeer::TSAnswer::Nothing());
+    ASSERT_TRUE(m_peer.OwnName());
+    const TClock::time_point start = TClock::now();
+
+    const TSFinished set = SetPolicy("<policy/>");
+
+    ExpectNoAnswer(set);
+    EXPECT_GE(TClock::now() - start, std::chrono::milliseconds(9900));
+    EXPECT_LT(TClock::now() - start, std::chrono::seconds(20));
+}
+
+TEST_F(Kelctl, AnAgentWithoutOurCodeAnswers)
+{
+    ChildProcess agent({"/usr/bin/python3", KEL_FOREIGN_AGENT});
+    ASSERT_TRUE(agent.WaitForOutput("ready\n")) << agent.ErrorOutput();
+
+    const TSFinished good = SetPolicy("<policy/>");
+    const TSFinished bad = SetPolicy("text");
+
+    EXPECT_EQ(good.m_exit, 0) << Text(good);
+    EXPECT_EQ(bad.m_exit, 1) << Text(bad);
+    EXPECT_EQ(bad.m_output, "5 (refused)\n");
+    EXPECT_TRUE(agent.WaitForOutput("policy '<policy/>'\npolicy 'text'\n")) << agent.Output();
+}
+
+TEST_F(Kelctl, TheExampleAgentAccepts)
+{
+    ChildProcess agent({KEL_SMALLEST_AGENT});
+    ASSERT_TRUE(WaitUntil([this] { return AgentId().has_value(); }));
+
+    const TSFinished set = SetPolicy("<policy/>");
+
+    EXPECT_EQ(set.m_exit, 0) << Text(set);
+    EXPECT_TRUE(agent.WaitForOutput("a policy came, in "));
+}
+
+TEST(KelctlWithoutBus, ThereIsNoAnswerPromptly)
+{
+    const TSFinished set = RunProgram({KEL_CTL, "set-policy", KEL_EXAMPLES "/policy.xml"},
+                                      {{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/tmp/none"}}, {},
+                                      std::chrono::seconds(5));
+
+    EXPECT_EQ(set.m_exit, 3) << Text(set);
+    EXPECT_EQ(set.m_output, "");
+    EXPECT_EQ(set.m_errorOutput, "kelctl: no answer from the agent\n");
+}
+
+} // namespace kel::test
