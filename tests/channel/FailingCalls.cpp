@@ -1,0 +1,33 @@
+#include "channel/FailingCalls.h"
+
+#include <dlfcn.h>
+
+#include <atomic>
+
+namespace kel::test {
+
+namespace {
+
+std::atomic<int> failure(0); // the error's code; 0 for none
+
+} // namespace
+
+void FailNextProxy(int code) { failure = code; }
+
+} // namespace kel::test
+
+// In place of GIO's function of this name.
+extern "C" __attribute__((visibility("default"))) GDBusProxy*
+g_dbus_proxy_new_sync(GDBusConnection* connection, GDBusProxyFlags flags, GDBusInterfaceInfo* info,
+                      const gchar* name, const gchar* path, const gchar* interface,
+                      GCancellable* cancellable, GError** error)
+{
+    const int code = kel::test::failure.exchange(0);
+    if (code != 0) {
+        g_set_error_literal(error, G_IO_ERROR, code, "the test wants it to fail");
+        return nullptr;
+    }
+    static const auto next
+        = reinterpret_cast<decltype(&g_dbus_proxy_new_sync)>(dlsym(RTLD_NEXT, __func__));
+    return next(connection, flags, info, name, path, interface, cancellable, error);
+}

@@ -1,0 +1,11 @@
+#pragma once
+
+#include <gio/gio.h>
+
+namespace kel::test {
+
+/// Makes the next g_dbus_proxy_new_sync() of this program, the library's calls included, fail with
+/// this GIO error code. Later ones work again.
+void FailNextProxy(int code);
+
+} // namespace kel::test
