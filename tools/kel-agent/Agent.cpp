@@ -24,7 +24,7 @@ constexpr int kSetPolicyType = 4;
 enum EAnswer { Accepted = 0, NotWellFormed = 1, NotStored = 2 };
 
 // An agent that is just ending still has the name; one that stays has it for good.
-constexpr long long kNameTimeout = 5 * G_USEC_PER_SEC;
+constexpr long long kNameTimeout = 5LL * G_USEC_PER_SEC;
 constexpr unsigned int kNameTick = 20; // ms
 
 // A source of the default main context; gone with its scope, unless it has removed itself.
