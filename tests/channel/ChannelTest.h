@@ -36,7 +36,10 @@ class ChannelTest : public testing::Test
 protected:
     ChannelTest() = default;
     explicit ChannelTest(const PrivateBus::TSOptions& options) : m_bus(options) {}
-    ~ChannelTest() override { m_loop.Settle(); }
+    ~ChannelTest() override
+    {
+        EXPECT_TRUE(PrivateBus::WaitForDisconnection()) << "somebody keeps the connection";
+    }
 
     PrivateBus m_bus;
     LogRecorder m_log;
@@ -69,9 +72,12 @@ protected:
 class ClientTest : public ChannelTest
 {
 protected:
-    ClientTest()
+    ClientTest() { m_agent.SetTarget(m_client->GetUniqueName()); }
+
+    void SetUp() override
     {
-        m_agent.SetTarget(m_client->GetUniqueName());
+        // The first name event says that nobody is there yet.
+        ASSERT_TRUE(m_log.WaitFor(std::string("Name vanished - name ") + kBusName));
         m_log.Clear();
     }
 

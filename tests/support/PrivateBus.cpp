@@ -107,6 +107,26 @@ void PrivateBus::AddService(const std::string& busName, const std::string& comma
     m_daemon->Signal(SIGHUP); // and read it now
 }
 
+bool PrivateBus::WaitForDisconnection()
+{
+    GDBusConnection* const shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    if (shared == nullptr) {
+        return true;
+    }
+    GWeakRef weak;
+    g_weak_ref_init(&weak, shared);
+    g_object_unref(shared);
+    const bool gone = WaitUntil([&] {
+        gpointer const alive = g_weak_ref_get(&weak);
+        if (alive != nullptr) {
+            g_object_unref(alive);
+        }
+        return alive == nullptr;
+    });
+    g_weak_ref_clear(&weak);
+    return gone;
+}
+
 void PrivateBus::Kill()
 {
     if (!m_daemon) {

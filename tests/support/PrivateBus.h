@@ -33,6 +33,10 @@ public:
     /// A private directory, gone with this object.
     const std::string& Directory() const { return m_directory; }
 
+    /// Waits until nothing holds this process's connection to the system bus any more. Needs a
+    /// running main loop for what GDBus still has under way there.
+    static bool WaitForDisconnection();
+
     /// Ends the daemon, before the time.
     void Kill();
 
