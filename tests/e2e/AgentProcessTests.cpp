@@ -147,7 +147,14 @@ TEST(AgentWithoutBus, GivesUpAtOnce)
 class AgentWithoutPermission : public AgentRoad
 {
 protected:
-    AgentWithoutPermission() : AgentRoad({false, {}}) {}
+    AgentWithoutPermission() : AgentRoad(WithoutPolicy()) {}
+
+    static PrivateBus::TSOptions WithoutPolicy()
+    {
+        PrivateBus::TSOptions options;
+        options.m_projectPolicy = false;
+        return options;
+    }
 };
 
 TEST_F(AgentWithoutPermission, GivesUp)
