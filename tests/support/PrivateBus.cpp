@@ -1,6 +1,5 @@
 #include "support/PrivateBus.h"
 
-#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -40,18 +39,21 @@ constexpr char kDefaultPolicy[] = R"(
   </policy>
 )";
 
-// The policy lets root be the agent. A test that does not run as root plays all parts itself.
+// The project's policy lets root be the agent. A test that does not run as root plays all parts
+// itself, under the same rules.
 std::string PolicyForThisUser()
 {
     if (geteuid() == 0) {
         return {};
     }
-    return "<policy user=\"" + std::to_string(geteuid())
-           + "\">"
-             "<allow own=\"com.norvale.kel.IControl\"/>"
-             "<allow own=\"com.norvale.kel.IControlTest\"/>"
-             "<allow send_type=\"method_call\" send_interface=\"com.norvale.kel.IControl\"/>"
-             "</policy>";
+    std::string text = "<policy user=\"" + std::to_string(geteuid()) + "\">";
+    for (const char* const suffix : {"", "Test"}) {
+        text += std::string("<allow own=\"com.norvale.kel.IControl") + suffix
+                + "\"/><allow send_type=\"method_call\" send_interface=\"com.norvale.kel.IControl\""
+                  " send_path=\"/com/norvale/kel/CommunicationChannel"
+                + suffix + "\"/>";
+    }
+    return text + "</policy>";
 }
 
 std::string Configuration(const std::string& directory, const PrivateBus::TSOptions& options)
@@ -63,7 +65,10 @@ std::string Configuration(const std::string& directory, const PrivateBus::TSOpti
                        + directory + "/bus</listen>\n  <auth>EXTERNAL</auth>\n  <servicedir>"
                        + directory + "/services</servicedir>\n" + kDefaultPolicy;
     if (options.m_projectPolicy) {
-        text += "  <includedir>" KEL_POLICY_DIR "</includedir>\n" + PolicyForThisUser();
+        text += "  <includedir>" KEL_POLICY_DIR "</includedir>\n";
+    }
+    if (options.m_thisUserIsAgent) {
+        text += PolicyForThisUser();
     }
     return text + options.m_config + "</busconfig>\n";
 }
@@ -99,12 +104,11 @@ PrivateBus::~PrivateBus()
 
 void PrivateBus::AddService(const std::string& busName, const std::string& commandLine)
 {
-    // Written beside and renamed: the daemon watches the directory.
+    // Written beside and renamed, so that the daemon never reads half of it.
     const std::string path = m_directory + "/" + busName;
     std::ofstream(path) << "[D-BUS Service]\nName=" << busName << "\nExec=" << commandLine
                         << "\nUser=root\n";
     std::filesystem::rename(path, m_directory + "/services/" + busName + ".service");
-    m_daemon->Signal(SIGHUP); // and read it now
 }
 
 bool PrivateBus::WaitForDisconnection()

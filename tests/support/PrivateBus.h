@@ -17,8 +17,9 @@ class PrivateBus
 public:
     struct TSOptions
     {
-        bool m_projectPolicy = true; // the files in packaging/dbus
-        std::string m_config;        // more elements of <busconfig>: limits, policies
+        bool m_projectPolicy = true;   // the files in packaging/dbus
+        bool m_thisUserIsAgent = true; // also when it is not root, whom the files name
+        std::string m_config;          // more elements of <busconfig>: limits, policies
     };
 
     PrivateBus();
