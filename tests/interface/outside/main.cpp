@@ -22,7 +22,8 @@ public:
     void OnDestroy() override { puts("told"); }
 };
 
-TCMyUser user;
+// Told when the static objects are gone: it must not be one of them.
+TCMyUser& user = *new TCMyUser;
 
 int Fail(const char* what)
 {
@@ -49,7 +50,9 @@ int main()
 
     TCMyClient client;
     kel::IDbusClient& channel = client;
-    if (channel.IsReady() || !channel.SetCallback(1, nullptr) || !channel.UnSetCallback(1)) {
+    const auto callback
+        = [](const std::vector<unsigned char>&, std::vector<unsigned char>&) { return true; };
+    if (channel.IsReady() || !channel.SetCallback(1, callback) || !channel.UnSetCallback(1)) {
         return Fail("the client does not work");
     }
     const kel::TCDbusServer server(true);
