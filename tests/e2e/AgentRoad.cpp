@@ -62,9 +62,9 @@ std::unique_ptr<ChildProcess> AgentRoad::StartAgent(const std::vector<std::strin
 
 std::optional<pid_t> AgentRoad::AgentId()
 {
+    const TBody name(g_variant_ref_sink(g_variant_new("(s)", kBusName)), &g_variant_unref);
     const guint32 call
-        = m_busPeer.Post("GetConnectionUnixProcessID", ParseBody("('com.norvale.kel.IControl',)"),
-                         false, "org.freedesktop.DBus");
+        = m_busPeer.Post("GetConnectionUnixProcessID", name, false, "org.freedesktop.DBus");
     const TSReply reply = m_busPeer.WaitReply(call);
     if (!reply.IsOk()) {
         return std::nullopt;
