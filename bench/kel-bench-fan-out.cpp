@@ -44,7 +44,7 @@ constexpr size_t kCounts[] = {1, 10, 100};
 constexpr int kType = 5;
 constexpr int kSlowType = 6; // answered after kSlowAnswer, so that all calls are seen in flight
 constexpr int kSlowAnswer = 200;
-constexpr size_t kProcesses = 9; // for each step up in the number of applications
+constexpr size_t kProcesses = 3; // for each step up in the number of applications
 
 constexpr char kIntrospection[] = "<node><interface name='com.norvale.kel.IControl'>"
                                   "<method name='Send'>"
