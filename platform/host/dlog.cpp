@@ -2,8 +2,14 @@
 
 #include <dlog.h>
 
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <syslog.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -48,6 +54,47 @@ char Letter(int priority)
     return known ? letters[priority] : '?';
 }
 
+// The reader's queue may hold ten lines only, so a burst has to wait a little.
+constexpr timeval kPatience{0, 100 * 1000};
+
+// The last line was given up: the reader hangs, and is not worth another wait until it reads again.
+std::atomic<bool> readerHangs{false};
+
+// One line to whoever reads /dev/log. Not through syslog(), which waits for a hanging reader for
+// good. The reader dates the line. The socket lives as long as the line does: a program that closes
+// what it does not know, or forks, cannot upset it, and none is left over.
+void SendToSystem(int priority, const char* tag, const char* line, size_t length)
+{
+    char head[256];
+    const int written
+        = snprintf(head, sizeof(head), "<%d>%s[%ld]: %s: ", LOG_USER | SyslogPriority(priority),
+                   program_invocation_short_name, static_cast<long>(getpid()), tag);
+    if (written < 0) {
+        return;
+    }
+
+    sockaddr_un reader{AF_UNIX, "/dev/log"};
+    iovec parts[] = {{head, std::min(static_cast<size_t>(written), sizeof(head) - 1)},
+                     {const_cast<char*>(line), length}}; // read only, but not declared so
+    msghdr message{};
+    message.msg_name = &reader;
+    message.msg_namelen = sizeof(reader);
+    message.msg_iov = parts;
+    message.msg_iovlen = 2;
+
+    const int handle = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (handle < 0) {
+        return;
+    }
+    ssize_t sent = sendmsg(handle, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent < 0 && errno == EAGAIN && !readerHangs
+        && setsockopt(handle, SOL_SOCKET, SO_SNDTIMEO, &kPatience, sizeof(kPatience)) == 0) {
+        sent = sendmsg(handle, &message, MSG_NOSIGNAL);
+    }
+    readerHangs = sent < 0 && errno == EAGAIN;
+    close(handle);
+}
+
 } // namespace
 
 extern "C" __attribute__((visibility("default"))) int
@@ -58,19 +105,22 @@ __dlog_print(log_id_t, int prio, const char* tag, const char* fmt, ...)
         return 0;
     }
 
-    char line[4096]; // the device's logger cuts lines there, too
+    const int outerErrno = errno; // logging does not disturb what is being logged
+    char line[4096];              // the device's logger cuts lines there, too
     va_list arguments;
     va_start(arguments, fmt);
-    const int length = vsnprintf(line, sizeof(line), fmt, arguments);
+    const int formatted = vsnprintf(line, sizeof(line), fmt, arguments);
     va_end(arguments);
-    if (length < 0) {
-        return length;
+    if (formatted < 0) {
+        return formatted;
     }
+    const int length = std::min(formatted, static_cast<int>(sizeof(line)) - 1);
 
     if (sink == ESink::Stderr) {
         fprintf(stderr, "%c/%s: %s\n", Letter(prio), tag, line); // one write: lines do not mix
     } else {
-        syslog(LOG_USER | SyslogPriority(prio), "%s: %s", tag, line);
+        SendToSystem(prio, tag, line, static_cast<size_t>(length));
     }
+    errno = outerErrno;
     return length;
 }
