@@ -135,7 +135,7 @@ int ExitUnderLoad()
         },
         [] { kel::TCDbusClientProvider::Get(true); },
         [] {
-            TCUser& user = *new TCUser;
+            static TCUser& user = *new TCUser;
             kel::TCDeactivator::UnregisterUser(user);
             kel::TCDeactivator::RegisterUser(user);
         },
