@@ -179,6 +179,7 @@ TEST_F(ClientCallbacks, AMessageOfTheAgentRunsThem)
     });
 
     EXPECT_EQ(m_agent.Send({2, 0, 0, 0, 0, 0x41}).m_bytes, (TBytes{1, 9}));
+    m_loop.Settle();
     EXPECT_EQ(request, TBytes{0x41});
 }
 

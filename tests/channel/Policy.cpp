@@ -96,7 +96,8 @@ TEST_P(Policy, TheAgentReachesApplicationsThroughTheChannelAlone)
 
 INSTANTIATE_TEST_SUITE_P(Channels, Policy,
                          testing::Values(std::make_pair(kBusName, kObjectPath),
-                                         std::make_pair(kTestBusName, kTestObjectPath)));
+                                         std::make_pair(kTestBusName, kTestObjectPath)),
+                         [](const auto& channel) { return channel.index == 0 ? "Real" : "Test"; });
 
 } // namespace
 

@@ -29,6 +29,14 @@ protected:
         return byte;
     }
 
+    /// Sends, and returns when the callback has run and what it wrote may be read here.
+    TSReply Send(const TBytes& bytes)
+    {
+        const TSReply reply = m_peer.Send(bytes);
+        m_loop.Settle();
+        return reply;
+    }
+
     RawPeer m_peer{m_bus};
 };
 
@@ -43,7 +51,7 @@ TEST_F(ServerDispatch, SendRunsTheCallbackOfItsTypeAndReturnsResultAndResponse)
         return true;
     });
 
-    const TSReply reply = m_peer.Send({0x04, 0x00, 0x00, 0x00, 0x00, 0x41, 0x42});
+    const TSReply reply = Send({0x04, 0x00, 0x00, 0x00, 0x00, 0x41, 0x42});
 
     EXPECT_EQ(reply.m_signature, "ay");
     EXPECT_EQ(reply.m_bytes, (TBytes{0x01, 0x43, 0x00, 0x44}));
@@ -59,12 +67,12 @@ TEST_F(ServerDispatch, ACallbackThatRefusesGivesResultZeroWithItsResponse)
         return false;
     });
 
-    EXPECT_EQ(m_peer.Send(SendBytes(4, 0)).m_bytes, (TBytes{0x00, 0x07}));
+    EXPECT_EQ(Send(SendBytes(4, 0)).m_bytes, (TBytes{0x00, 0x07}));
 }
 
 TEST_F(ServerDispatch, ATypeWithoutCallbackIsAnsweredWithTheByteZeroAlone)
 {
-    const TSReply reply = m_peer.Send(SendBytes(-9, 0, {1, 2, 3}));
+    const TSReply reply = Send(SendBytes(-9, 0, {1, 2, 3}));
 
     EXPECT_EQ(reply.m_bytes, TBytes{0x00});
     EXPECT_TRUE(m_log.Has(kDebug, "Callback for type -9 is not registered"));
@@ -78,9 +86,8 @@ TEST_F(ServerDispatch, TheSenderAndItsFlagAreKnownWhileItsMessageIsHandled)
         return true;
     });
 
-    m_peer.Send(SendBytes(1, 0));
-    m_peer.Send(SendBytes(1, 1));
-    m_loop.Settle();
+    Send(SendBytes(1, 0));
+    Send(SendBytes(1, 1));
 
     EXPECT_THAT(seen, testing::ElementsAre(std::make_pair(m_peer.Name(), 0),
                                            std::make_pair(m_peer.Name(), 1)));
@@ -94,7 +101,7 @@ class ServerDispatchFlag : public ServerDispatch, public testing::WithParamInter
 
 TEST_P(ServerDispatchFlag, AnyFlagByteButZeroMeansAsynchronousAndIsKeptAsATrueBool)
 {
-    m_peer.Send(SendBytes(1, static_cast<unsigned char>(GetParam())));
+    Send(SendBytes(1, static_cast<unsigned char>(GetParam())));
 
     EXPECT_EQ(CurrentAsync(), GetParam() == 0 ? 0 : 1);
 }
@@ -113,7 +120,7 @@ TEST_P(ServerDispatchShort, ASendWithoutAWholeHeaderIsReportedAndHandledAsAnEmpt
         return true;
     });
 
-    const TSReply reply = m_peer.Send(TBytes(GetParam(), 0x09));
+    const TSReply reply = Send(TBytes(GetParam(), 0x09));
 
     EXPECT_EQ(reply.m_bytes, TBytes{0x01});
     EXPECT_THAT(requests, testing::ElementsAre(TBytes()));
@@ -131,7 +138,7 @@ TEST_F(ServerDispatch, ASendOfTheHeaderAloneCarriesNoData)
         return true;
     });
 
-    m_peer.Send({0x09, 0x00, 0x00, 0x00, 0x00});
+    Send({0x09, 0x00, 0x00, 0x00, 0x00});
 
     EXPECT_EQ(request, TBytes());
     EXPECT_EQ(m_log.Count(FailedCheck("KELDbus", 283)), 0u);
@@ -150,7 +157,7 @@ TEST_F(ServerDispatch, EightMebibytesTravelBothWays)
         return true;
     });
 
-    const TSReply reply = m_peer.Send(SendBytes(1, 0, data));
+    const TSReply reply = Send(SendBytes(1, 0, data));
 
     ASSERT_EQ(reply.m_bytes.size(), data.size() + 1);
     EXPECT_TRUE(same);
@@ -165,9 +172,8 @@ TEST_F(ServerDispatch, ACallbackThatThrowsCountsAsNotHandledAndIsNamed)
     });
     m_server.SetCallback(5, [](const TBytes&, TBytes&) -> bool { throw 5; });
 
-    EXPECT_EQ(m_peer.Send(SendBytes(4, 0)).m_bytes, TBytes{0x00});
-    EXPECT_EQ(m_peer.Send(SendBytes(5, 0)).m_bytes, TBytes{0x00});
-    m_loop.Settle();
+    EXPECT_EQ(Send(SendBytes(4, 0)).m_bytes, TBytes{0x00});
+    EXPECT_EQ(Send(SendBytes(5, 0)).m_bytes, TBytes{0x00});
 
     EXPECT_TRUE(m_log.Has(kError, "Callback for type 4 has thrown: no policy today"));
     EXPECT_TRUE(m_log.Has(kError, "Callback for type 5 has thrown"));
@@ -213,7 +219,7 @@ TEST_F(ServerDispatch, AnotherObjectPathIsAnError)
     for (const char* const path : {kTestObjectPath, "/", "/com/norvale/kel",
                                    "/com/norvale/kel/CommunicationChannel/below"}) {
         m_peer.SetTarget(kBusName, path);
-        EXPECT_EQ(m_peer.Send(SendBytes(1, 0)).m_error, "org.freedesktop.DBus.Error.UnknownMethod")
+        EXPECT_EQ(Send(SendBytes(1, 0)).m_error, "org.freedesktop.DBus.Error.UnknownMethod")
             << path;
     }
 }
@@ -271,7 +277,7 @@ TEST_F(ServerDispatch, AHandlerThatIsSetAgainReplacesTheOneBefore)
         });
     });
 
-    EXPECT_EQ(m_peer.Send(SendBytes(1, 0)).m_bytes, TBytes{0x09});
+    EXPECT_EQ(Send(SendBytes(1, 0)).m_bytes, TBytes{0x09});
 }
 
 TEST_F(ServerDispatch, AnEmptyHandlerRaisesTheFunctionLibrarysException)

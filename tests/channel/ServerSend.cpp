@@ -102,6 +102,7 @@ TEST_F(ServerSend, AClientThatWaitsForItsOwnAnswerIsRefused)
     Subscribe(m_second, {2});
 
     m_first.Send(SendBytes(4, 0));
+    m_loop.Settle();
 
     EXPECT_EQ(counts, TCounts(1, 1));
     EXPECT_TRUE(m_first.Calls("Send").empty());
@@ -121,6 +122,7 @@ TEST_F(ServerSend, AClientThatDoesNotWaitIsCalledFromWithinItsOwnMessage)
     Subscribe(m_second, {2});
 
     m_first.Send(SendBytes(4, 1));
+    m_loop.Settle();
 
     EXPECT_EQ(counts, TCounts(2, 0));
     EXPECT_EQ(m_first.Calls("Send").size(), 1u);

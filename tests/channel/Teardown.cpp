@@ -7,6 +7,7 @@
 #include <boost/make_shared.hpp>
 
 #include "channel/ChannelTest.h"
+#include "support/TsanHandover.h"
 
 namespace kel::test {
 
@@ -198,9 +199,11 @@ TYPED_TEST(Teardown, AHandlerThatRunsElsewhereIsWaitedFor)
 TYPED_TEST(Teardown, ACallThatIsStillQueuedFindsTheEndGone)
 {
     std::atomic<int> arrived(0);
+    HandOver(&arrived);
     const guint filter = g_dbus_connection_add_filter(
         this->m_shared.get(),
         [](GDBusConnection*, GDBusMessage* message, gboolean, gpointer count) {
+            TakeOver(count);
             const char* const method = g_dbus_message_get_member(message);
             if (method != nullptr && std::strcmp(method, "Send") == 0) {
                 ++*static_cast<std::atomic<int>*>(count);
@@ -250,6 +253,7 @@ TYPED_TEST(Teardown, AnEndCanFollowAnotherInsideItsHandler)
     EXPECT_EQ(this->m_peer.Send(SendBytes(1, 0)).m_bytes, TBytes{1});
     EXPECT_EQ(this->m_peer.Send(SendBytes(2, 0)).m_bytes, TBytes{1});
     EXPECT_EQ(this->m_peer.Send(SendBytes(1, 0)).m_bytes, TBytes{0});
+    this->m_loop.Settle();
 }
 
 } // namespace

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "support/TsanHandover.h"
+
 namespace kel::test {
 
 namespace {
@@ -97,12 +99,14 @@ RawPeer::RawPeer(const std::string& busAddress) : m_pConnection(nullptr), m_filt
     SetAnswer("Send", TSAnswer::Bytes({1}));
     SetAnswer("Hello", TSAnswer::Other(""));
     // Nobody knows the unique name before this constructor returns, so no call comes too early.
+    HandOver(this);
     m_filter = g_dbus_connection_add_filter(m_pConnection, &RawPeer::m_Filter, this, nullptr);
 }
 
 RawPeer::~RawPeer()
 {
     Vanish(); // which returns when no filter runs any more
+    TakeOver(this);
     g_dbus_connection_remove_filter(m_pConnection, m_filter);
     g_object_unref(m_pConnection);
 }
@@ -244,7 +248,10 @@ void RawPeer::Vanish() { g_dbus_connection_close_sync(m_pConnection, nullptr, nu
 GDBusMessage* RawPeer::m_Filter(GDBusConnection*, GDBusMessage* message, gboolean incoming,
                                 gpointer peer)
 {
-    if (incoming && static_cast<RawPeer*>(peer)->m_Take(message)) {
+    TakeOver(peer);
+    const bool taken = incoming && static_cast<RawPeer*>(peer)->m_Take(message);
+    HandOver(peer);
+    if (taken) {
         g_object_unref(message);
         return nullptr;
     }

@@ -5,7 +5,8 @@
 #include <memory>
 
 #include <glib.h>
-#include <sanitizer/tsan_interface.h>
+
+#include "support/TsanHandover.h"
 
 extern "C" {
 void __real_g_source_set_callback(GSource* source, GSourceFunc function, gpointer data,
@@ -25,16 +26,16 @@ struct TSHandover
 
 gboolean Run(gpointer handover)
 {
-    __tsan_acquire(handover);
+    kel::test::TakeOver(handover);
     const auto* const call = static_cast<TSHandover*>(handover);
     const gboolean again = call->m_function(call->m_data);
-    __tsan_release(handover);
+    kel::test::HandOver(handover);
     return again;
 }
 
 void Destroy(gpointer handover)
 {
-    __tsan_acquire(handover);
+    kel::test::TakeOver(handover);
     const std::unique_ptr<TSHandover> call(static_cast<TSHandover*>(handover));
     if (call->m_notify != nullptr) {
         call->m_notify(call->m_data);
@@ -47,6 +48,6 @@ void __wrap_g_source_set_callback(GSource* source, GSourceFunc function, gpointe
                                   GDestroyNotify notify)
 {
     auto call = std::make_unique<TSHandover>(TSHandover{function, data, notify});
-    __tsan_release(call.get());
+    kel::test::HandOver(call.get());
     __real_g_source_set_callback(source, &Run, call.release(), &Destroy);
 }
