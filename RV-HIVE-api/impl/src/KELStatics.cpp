@@ -3,6 +3,7 @@
 // deactivator finds, when it ends the singletons, the log above it still in place; the holders
 // below it are never freed and serve at any time.
 
+#include <kel/KELCallbacksProxy.h>
 #include <kel/KELControlProxy.h>
 #include <kel/KELDbusClient.h>
 #include <kel/KELDeactivator.h>
@@ -23,5 +24,6 @@ boost::weak_ptr<IDbusClient>* TCDbusClientProvider::m_pDbusClient
     = new boost::weak_ptr<IDbusClient>;
 
 boost::shared_ptr<IControl>* TCControlProxy::m_pInstance = new boost::shared_ptr<IControl>;
+boost::shared_ptr<ICallbacks>* TCCallbacksProxy::m_pInstance = new boost::shared_ptr<ICallbacks>;
 
 } // namespace kel

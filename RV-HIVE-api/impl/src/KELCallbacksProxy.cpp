@@ -1,0 +1,141 @@
+#include <kel/KELCallbacksProxy.h>
+
+#include <mutex>
+
+#include <boost/bind/bind.hpp>
+
+#include <kel/KELDbusClient.h>
+
+#include "KELLog.h"
+#include "KELSingletonLife.h"
+
+KEL_LOG_SOURCE("KELCallbacksProxy", "kel::TCCallbacksProxy")
+
+using namespace boost::placeholders;
+
+namespace kel {
+
+namespace {
+
+constexpr unsigned int kNoClient = 34;
+
+// Makes a set or a reset one step to the others. They cannot hold m_rwlock while the client changes
+// its table: that waits for the client's callbacks mutex, which a running event holds while it
+// waits for m_rwlock, and neither would ever go on. No event takes this one.
+std::mutex operationMutex;
+
+} // namespace
+
+bool TCCallbacksProxy::m_destroyed = false;
+TCStaticRwLock TCCallbacksProxy::m_rwlock;
+
+TCCallbacksProxy::TCCallbacksProxy() : m_pClient(TCDbusClientProvider::Get(false))
+{
+    if (!m_pClient) {
+        KEL_REPORT(kNoClient);
+    }
+}
+
+TCCallbacksProxy::~TCCallbacksProxy() = default;
+
+bool TCCallbacksProxy::SetPolicyUpdateCb(const boost::function<void()>& cb)
+{
+    return m_Set(POLICY_UPDATE, &TCCallbacksProxy::m_policyUpdateCb, cb);
+}
+
+bool TCCallbacksProxy::ResetPolicyUpdateCb()
+{
+    return m_Reset(POLICY_UPDATE, &TCCallbacksProxy::m_policyUpdateCb);
+}
+
+bool TCCallbacksProxy::SetRequestProcessInfoCb(const boost::function<bool()>& cb)
+{
+    return m_Set(REQUEST_PROCESS_INFO, &TCCallbacksProxy::m_requestProcessInfoCb, cb);
+}
+
+bool TCCallbacksProxy::ResetRequestProcessInfoCb()
+{
+    return m_Reset(REQUEST_PROCESS_INFO, &TCCallbacksProxy::m_requestProcessInfoCb);
+}
+
+boost::shared_ptr<ICallbacks> TCCallbacksProxy::Instance()
+{
+    return TSSingletonLife<TCCallbacksProxy>::Instance();
+}
+
+void TCCallbacksProxy::Destroy() { TSSingletonLife<TCCallbacksProxy>::Destroy(); }
+
+template <typename Function>
+bool TCCallbacksProxy::m_Set(int type, Function TCCallbacksProxy::*pMember, const Function& cb)
+{
+    const std::lock_guard<std::mutex> operation(operationMutex);
+    {
+        // Before the client knows the type: its first event must find the function.
+        const TCStaticWriteLock lock(m_rwlock);
+        if (!(this->*pMember).empty()) {
+            return false;
+        }
+        this->*pMember = cb;
+    }
+    try {
+        if (m_pClient->SetCallback(
+                type, boost::bind(&TCCallbacksProxy::m_Callback, this, type, _1, _2))) {
+            return true;
+        }
+    } catch (...) {
+        m_Clear(pMember);
+        throw;
+    }
+    m_Clear(pMember);
+    return false;
+}
+
+template <typename Function>
+bool TCCallbacksProxy::m_Reset(int type, Function TCCallbacksProxy::*pMember)
+{
+    const std::lock_guard<std::mutex> operation(operationMutex);
+    const bool removed = m_pClient->UnSetCallback(type);
+    m_Clear(pMember);
+    return removed;
+}
+
+template <typename Function> void TCCallbacksProxy::m_Clear(Function TCCallbacksProxy::*pMember)
+{
+    Function removed; // destroyed after the lock is gone: its state is the application's
+    const TCStaticWriteLock lock(m_rwlock);
+    removed.swap(this->*pMember);
+}
+
+bool TCCallbacksProxy::m_Callback(int type, const std::vector<unsigned char>& request,
+                                  std::vector<unsigned char>& response)
+{
+    const TCStaticReadLock lock(m_rwlock);
+    return m_OnCallback(type, request, response);
+}
+
+bool TCCallbacksProxy::m_OnCallback(int type, const std::vector<unsigned char>&,
+                                    std::vector<unsigned char>&)
+{
+    KEL_DEBUG("Callback called with id %d", type);
+
+    switch (type) {
+    case POLICY_UPDATE:
+        if (m_policyUpdateCb.empty()) {
+            return false;
+        }
+        m_policyUpdateCb();
+        return true;
+    case REQUEST_PROCESS_INFO:
+        if (m_requestProcessInfoCb.empty()) {
+            KEL_ERROR("m_requestProcessInfoCb is NULL");
+            return false;
+        }
+        m_requestProcessInfoCb(); // the result stays here, on purpose: the agent has been served
+        return true;
+    default:
+        KEL_ERROR("Not implemented message type %d", type);
+        return false;
+    }
+}
+
+} // namespace kel
