@@ -1,5 +1,7 @@
 #include <kel/KELDbusServer.h>
 
+#include <algorithm>
+#include <deque>
 #include <future>
 #include <memory>
 
@@ -21,20 +23,36 @@ namespace {
 constexpr unsigned int kNameLost = 233;
 constexpr unsigned int kUnknownClientVanished = 256;
 
+// A client has no properties and no signals. Not to ask for signals saves one of the two match
+// rules that a client would cost, of which the bus grants a connection so many (512 on a stock
+// system bus); the other is the watch's.
+constexpr GDBusProxyFlags kClientProxyFlags = static_cast<GDBusProxyFlags>(
+    G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES | G_DBUS_PROXY_FLAGS_DO_NOT_CONNECT_SIGNALS);
+
 gboolean QuitLoop(gpointer loop)
 {
     g_main_loop_quit(static_cast<GMainLoop*>(loop));
     return G_SOURCE_REMOVE;
 }
 
+void Attach(TGlibPtr<GSource> source, GMainContext* context, GSourceFunc function, gpointer data)
+{
+    g_source_set_priority(source.get(), G_PRIORITY_DEFAULT);
+    g_source_set_callback(source.get(), function, data, nullptr);
+    g_source_attach(source.get(), context);
+}
+
 // Runs a function once in a context, always on the thread that iterates it:
 // g_main_context_invoke() would run it here while nobody does.
 void Post(GMainContext* context, GSourceFunc function, gpointer data)
 {
-    const TGlibPtr<GSource> source(g_idle_source_new());
-    g_source_set_priority(source.get(), G_PRIORITY_DEFAULT);
-    g_source_set_callback(source.get(), function, data, nullptr);
-    g_source_attach(source.get(), context);
+    Attach(TGlibPtr<GSource>(g_idle_source_new()), context, function, data);
+}
+
+// The same, after so many milliseconds.
+void PostLater(GMainContext* context, unsigned int interval, GSourceFunc function, gpointer data)
+{
+    Attach(TGlibPtr<GSource>(g_timeout_source_new(interval)), context, function, data);
 }
 
 } // namespace
@@ -46,7 +64,7 @@ struct TCDbusServer::TSAsyncMessage
     TSAsyncMessage(TCDbusServer* pServer, GDBusProxy* pProxy)
         : m_pServer(pServer), m_future(m_promise.get_future()),
           m_pProxy(static_cast<GDBusProxy*>(g_object_ref(pProxy))), m_pParameters(nullptr),
-          m_timeout(-1)
+          m_timeout(-1), m_pFanOut(nullptr)
     {}
 
     TCDbusServer* m_pServer;
@@ -55,14 +73,97 @@ struct TCDbusServer::TSAsyncMessage
     TGlibPtr<GDBusProxy> m_pProxy; // keeps the call valid when the client is forgotten meanwhile
     GVariant* m_pParameters;       // the sender's request, one value for all its calls
     int m_timeout;                 // in milliseconds; -1 for the D-Bus library's default
+    TSFanOut* m_pFanOut;           // the send that it is part of
+};
+
+// The calls of one send. It lives on the stack of the sending thread and is the private thread's
+// alone from the post until the last promise is fulfilled, which is the last it does with it.
+//
+// The bus lets a connection wait for so many replies at once (128 on a stock system bus) and
+// refuses the calls beyond. Those are started again as others of the same send end.
+struct TCDbusServer::TSFanOut
+{
+    void Add(TCDbusServer& server, GDBusProxy* pProxy, GVariant* pParameters, int timeout)
+    {
+        m_messages.push_back(std::make_unique<TSAsyncMessage>(&server, pProxy));
+        TSAsyncMessage& message = *m_messages.back();
+        message.m_pParameters = pParameters;
+        message.m_timeout = timeout;
+        message.m_pFanOut = this;
+    }
+
+    // Private thread: starts all calls.
+    void Start(int timeout)
+    {
+        const gint64 span = timeout == -1 ? kDefaultTimeout : timeout;
+        m_deadline = timeout == G_MAXINT ? G_MAXINT64 : g_get_monotonic_time() + span * 1000;
+        for (const auto& message : m_messages) {
+            ++m_inFlight;
+            m_SendMessage(message.get());
+        }
+    }
+
+    // Private thread: a call has ended for good; room for one of those that the bus refused.
+    void Ended()
+    {
+        --m_inFlight;
+        if (!m_refused.empty()) {
+            Restart();
+        }
+    }
+
+    // Private thread: the bus has refused a call. When no other call of this send is left to end,
+    // the connection is full of somebody else's, and time has to help.
+    void Refused(TSAsyncMessage& message)
+    {
+        --m_inFlight;
+        m_refused.push_back(&message);
+        if (m_inFlight == 0) {
+            PostLater(message.m_pServer->m_pContext, kRetryInterval, &TSFanOut::RestartAll, this);
+        }
+    }
+
+    // Private thread: whether there is time for another attempt.
+    bool HasTime() const { return g_get_monotonic_time() < m_deadline; }
+
+    std::vector<std::unique_ptr<TSAsyncMessage>> m_messages;
+    std::vector<GDBusProxy*> m_gone; // clients whose names the bus no longer knows
+
+private:
+    static constexpr int kDefaultTimeout = 25000;      // the D-Bus library's, in milliseconds
+    static constexpr unsigned int kRetryInterval = 10; // milliseconds
+
+    void Restart()
+    {
+        TSAsyncMessage* const pMessage = m_refused.front();
+        m_refused.pop_front();
+        if (m_deadline != G_MAXINT64) {
+            // At least 1 ms: the call's own time-out ends it, and reports it, like any other.
+            const gint64 left = (m_deadline - g_get_monotonic_time()) / 1000;
+            pMessage->m_timeout = static_cast<int>(std::max<gint64>(left, 1));
+        }
+        ++m_inFlight;
+        m_SendMessage(pMessage);
+    }
+
+    static gboolean RestartAll(void* fanOut)
+    {
+        TSFanOut* const pFanOut = static_cast<TSFanOut*>(fanOut);
+        for (size_t count = pFanOut->m_refused.size(); count != 0; --count) {
+            pFanOut->Restart();
+        }
+        return G_SOURCE_REMOVE;
+    }
+
+    std::deque<TSAsyncMessage*> m_refused;
+    size_t m_inFlight = 0;
+    gint64 m_deadline = 0; // monotonic, in microseconds
 };
 
 // GLib's way in: resolves the ticket that GLib was given in place of the server, and starts the
 // calls of a whole fan-out.
 struct TCDbusServer::TSGlibEntry
 {
-    typedef std::vector<std::unique_ptr<TSAsyncMessage>> TMessages;
-
     static TCDbusServer* ServerOf(const TCHandlerStay& stay)
     {
         return static_cast<TCDbusServer*>(stay.End());
@@ -92,11 +193,10 @@ struct TCDbusServer::TSGlibEntry
         }
     }
 
-    static gboolean SendAll(void* messages)
+    static gboolean StartFanOut(void* fanOut)
     {
-        for (const auto& message : *static_cast<const TMessages*>(messages)) {
-            m_SendMessage(message.get());
-        }
+        TSFanOut* const pFanOut = static_cast<TSFanOut*>(fanOut);
+        pFanOut->Start(pFanOut->m_messages.front()->m_timeout);
         return G_SOURCE_REMOVE;
     }
 };
@@ -143,7 +243,7 @@ TCDbusServer::SendMessage(int type, const std::vector<unsigned char>& data, int 
     size_t successes = 0;
     size_t failures = 0;
     TGlibPtr<GVariant> parameters;
-    TSGlibEntry::TMessages messages;
+    TSFanOut fanOut;
     {
         const TCReadLock state(m_stateMutex);
         if (!m_ready || m_clients.empty()) {
@@ -162,22 +262,28 @@ TCDbusServer::SendMessage(int type, const std::vector<unsigned char>& data, int 
                 ++failures;
                 continue;
             }
+            if (timeout < -1) {
+                // GDBus would not even start such a call, and nobody would be told.
+                KEL_ERROR("Sending message from %s error, errno %d", name,
+                          G_IO_ERROR_INVALID_ARGUMENT);
+                ++failures;
+                continue;
+            }
             if (parameters == nullptr) {
                 GVariant* request = nullptr;
                 t_ConvertBytes(type, false, data, request);
                 parameters = SinkVariant(request);
             }
-            messages.push_back(std::make_unique<TSAsyncMessage>(this, client.m_pProxy));
-            messages.back()->m_pParameters = parameters.get();
-            messages.back()->m_timeout = timeout;
+            fanOut.Add(*this, client.m_pProxy, parameters.get(), timeout);
         }
-        if (!messages.empty()) {
-            Post(m_pContext, &TSGlibEntry::SendAll, &messages);
+        if (!fanOut.m_messages.empty()) {
+            Post(m_pContext, &TSGlibEntry::StartFanOut, &fanOut);
         }
     }
-    for (const auto& message : messages) {
+    for (const auto& message : fanOut.m_messages) {
         ++(message->m_future.get() ? successes : failures);
     }
+    m_Forget(fanOut.m_gone);
     KEL_DEBUG("Callback result: success %zu, fails %zu", successes, failures);
     return {successes, failures};
 }
@@ -261,9 +367,8 @@ void TCDbusServer::m_HandleHelloMessage(const char* sender, GVariant* parameters
 
         TCGlibError error;
         TSClient fresh;
-        fresh.m_pProxy = g_dbus_proxy_new_sync(
-            m_pConnection, G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES, nullptr, sender, m_objectPath,
-            t_interfaceName, nullptr, error.Out());
+        fresh.m_pProxy = g_dbus_proxy_new_sync(m_pConnection, kClientProxyFlags, nullptr, sender,
+                                               m_objectPath, t_interfaceName, nullptr, error.Out());
         if (error.IsSet()) {
             KEL_ERROR("Registering proxy error, errno %d", error.Code());
             return;
@@ -290,17 +395,41 @@ void TCDbusServer::m_StartMainLoop()
     g_main_loop_run(m_pLoop);
 }
 
+void TCDbusServer::m_Forget(const std::vector<GDBusProxy*>& gone)
+{
+    if (gone.empty()) {
+        return;
+    }
+    const TCWriteLock state(m_stateMutex);
+    for (auto client = m_clients.begin(); client != m_clients.end();) {
+        if (std::find(gone.begin(), gone.end(), client->second.m_pProxy) != gone.end()) {
+            m_DestroyClient(client->second);
+            client = m_clients.erase(client);
+        } else {
+            ++client;
+        }
+    }
+}
+
 void TCDbusServer::m_AsyncReadyCallback(GObject* source, GAsyncResult* result,
                                         TSAsyncMessage* message)
 {
     GDBusProxy* const proxy = G_DBUS_PROXY(source);
     const char* const name = g_dbus_proxy_get_name(proxy);
+    TSFanOut& fanOut = *message->m_pFanOut;
 
     TCGlibError error;
     const TGlibPtr<GVariant> reply(g_dbus_proxy_call_finish(proxy, result, error.Out()));
+    if (error.Is(G_DBUS_ERROR_LIMITS_EXCEEDED) && fanOut.HasTime()) {
+        fanOut.Refused(*message);
+        return;
+    }
     bool handled = false;
     if (error.IsSet()) {
         KEL_ERROR("Sending message from %s error, errno %d", name, error.Code());
+        if (error.Is(G_DBUS_ERROR_SERVICE_UNKNOWN) || error.Is(G_DBUS_ERROR_NAME_HAS_NO_OWNER)) {
+            fanOut.m_gone.push_back(proxy);
+        }
     } else {
         if (reply != nullptr) {
             std::vector<unsigned char> discarded;
@@ -312,7 +441,9 @@ void TCDbusServer::m_AsyncReadyCallback(GObject* source, GAsyncResult* result,
             KEL_DEBUG("Sending message to %s failed", name);
         }
     }
-    // Out of the message first: the sender destroys it as soon as it sees the value.
+    fanOut.Ended();
+
+    // Last, and out of the message first: the sender destroys everything once it sees the value.
     std::promise<bool> promise = std::move(message->m_promise);
     promise.set_value(Truth(handled));
 }

@@ -45,6 +45,12 @@ public:
     bool IsSet() const { return m_pError != nullptr; }
     int Code() const { return m_pError->code; }
 
+    /// Whether the bus, or the peer, answered with this error (GDBusError).
+    bool Is(GDBusError code) const
+    {
+        return g_error_matches(m_pError, G_DBUS_ERROR, code) != FALSE;
+    }
+
 private:
     GError* m_pError = nullptr;
 };

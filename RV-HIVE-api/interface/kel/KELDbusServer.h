@@ -60,11 +60,13 @@ private:
 
     struct KEL_HIDDEN TSGlibEntry;    // defined in the source file
     struct KEL_HIDDEN TSAsyncMessage; // one outgoing call; defined in the source file
+    struct KEL_HIDDEN TSFanOut;       // the calls of one send; defined in the source file
 
     void m_NameAcquired(GDBusConnection* connection, const char* name);
     void m_ClientNameVanished(GDBusConnection* connection, const char* name);
     void m_HandleHelloMessage(const char* sender, GVariant* parameters,
                               GDBusMethodInvocation* invocation);
+    void m_Forget(const std::vector<GDBusProxy*>& gone) KEL_EXCLUDES(m_stateMutex);
     void m_DestroyClient(TSClient& client) KEL_REQUIRES(m_stateMutex);
     void m_StartMainLoop();
     void m_AsyncReadyCallback(GObject* source, GAsyncResult* result, TSAsyncMessage* message);
