@@ -8,6 +8,7 @@
 #include <kel/KELDbusClient.h>
 #include <kel/KELDeactivator.h>
 #include <kel/KELDebug.h>
+#include <kel/KELKernelLog.h>
 
 #include "KELHandlerGate.h"
 
@@ -27,3 +28,5 @@ boost::shared_ptr<IControl>* TCControlProxy::m_pInstance = new boost::shared_ptr
 boost::shared_ptr<ICallbacks>* TCCallbacksProxy::m_pInstance = new boost::shared_ptr<ICallbacks>;
 
 } // namespace kel
+
+std::string lastShared = " ";

@@ -1,0 +1,103 @@
+#include <kel/KELKernelLog.h>
+
+#include <sched.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <fstream>
+#include <ios>
+
+pthread_mutex_t DTLock; // zero-initialised is a valid state: PTHREAD_MUTEX_INITIALIZER is all zero
+
+namespace {
+
+constexpr char kShell[] = "/bin/sh";
+constexpr char kSnapshotCommand[] = "dmesg | tail -n 512 > /tmp/Device_Tracker.log";
+constexpr char kSnapshot[] = "/tmp/Device_Tracker.log";
+
+class TCDumpLock
+{
+public:
+    TCDumpLock() { pthread_mutex_lock(&DTLock); }
+    ~TCDumpLock() { pthread_mutex_unlock(&DTLock); }
+    TCDumpLock(const TCDumpLock&) = delete;
+    TCDumpLock& operator=(const TCDumpLock&) = delete;
+};
+
+void RunWhenIdle()
+{
+    if (sched_getscheduler(0) != SCHED_IDLE) {
+        sched_param parameters;
+        sched_getparam(0, &parameters);
+        parameters.sched_priority = 0; // the idle class knows no other
+        sched_setscheduler(0, SCHED_IDLE, &parameters);
+    }
+}
+
+// The snapshot's lines but the empty ones; false when it cannot be opened.
+bool ReadSnapshot(std::vector<std::string>& lines)
+{
+    try {
+        std::ifstream snapshot(kSnapshot);
+        if (!snapshot) {
+            return false;
+        }
+        snapshot.exceptions(std::ios::badbit); // a read error is no end of file
+        for (std::string line; std::getline(snapshot, line);) {
+            if (!line.empty()) {
+                lines.push_back(line);
+            }
+        }
+    } catch (const std::ios_base::failure&) {
+        printf("Error Opening File Device_Tracker.log");
+    }
+    return true;
+}
+
+} // namespace
+
+bool DumpKernelLog(std::vector<std::string>& lines, DumpCondition)
+{
+    RunWhenIdle();
+
+    const TCDumpLock lock;
+    runShell(kSnapshotCommand);
+
+    std::vector<std::string> snapshot;
+    if (!ReadSnapshot(snapshot)) {
+        return false;
+    }
+    // At the first of several equal lines, on purpose: rather a line twice than one lost.
+    const auto delivered = std::find(snapshot.begin(), snapshot.end(), lastShared);
+    if (delivered != snapshot.end()) {
+        snapshot.erase(snapshot.begin(), delivered + 1);
+    }
+    if (snapshot.empty()) {
+        return false;
+    }
+    lastShared = snapshot.back();
+    lines.swap(snapshot);
+    return true;
+}
+
+int runShell(const char* command)
+{
+    const pid_t child = vfork();
+    if (child == 0) {
+        execl(kShell, kShell, "-c", command, static_cast<char*>(nullptr));
+        _exit(1);
+    }
+    if (child < 0) {
+        return -1;
+    }
+    int status = 0;
+    pid_t waited;
+    do {
+        waited = waitpid(child, &status, 0); // a signal must not leave a zombie behind
+    } while (waited == -1 && errno == EINTR);
+    return waited == child ? status : -1;
+}
