@@ -55,7 +55,7 @@ char Letter(int priority)
 }
 
 // The reader's queue may hold ten lines only, so a burst has to wait a little.
-constexpr timeval kPatience{0, 100 * 1000};
+constexpr timeval kPatience{0, 100000}; // microseconds
 
 // The last line was given up: the reader hangs, and is not worth another wait until it reads again.
 std::atomic<bool> readerHangs{false};
