@@ -160,13 +160,14 @@ int ExitUnderLoad()
     }
 }
 
-// Runs the main context in the main thread, with a callback for type 2. Nobody holds the client
-// but the control object.
+// Runs the main context in the main thread, with a callback for type 2. The control object alone
+// holds the client, and the library alone the control object: exit ends both.
 int RunHost(const std::function<bool(const TBytes&, TBytes&)>& callback)
 {
     RegisterUser();
-    const auto control = kel::api::GetControl();
-    kel::TCDbusClientProvider::Get(false)->SetCallback(2, callback);
+    if (kel::api::GetControl()) {
+        kel::TCDbusClientProvider::Get(false)->SetCallback(2, callback);
+    }
     GMainLoop* const loop = g_main_loop_new(nullptr, FALSE);
     g_main_loop_run(loop);
     return 101;
