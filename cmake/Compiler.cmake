@@ -9,6 +9,9 @@ endif()
 # The smart pointers' own assertions are part of the contract, in every build type.
 add_compile_options(-UNDEBUG)
 
+# On a 32-bit device, files of 2 GiB and more fail to open and to be measured without this.
+add_compile_definitions(_FILE_OFFSET_BITS=64)
+
 add_library(kel-warnings INTERFACE)
 target_compile_options(kel-warnings INTERFACE -Wall -Wextra -Wshadow -Wnon-virtual-dtor -Wold-style-cast)
 if(KEL_WERROR)
