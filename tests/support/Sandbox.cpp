@@ -1,5 +1,6 @@
 #include "support/Sandbox.h"
 
+#include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -55,6 +57,36 @@ void MountEtc()
     Check(rmdir(staging.c_str()) == 0, "removing " + staging);
 }
 
+// Directories that stay visible at their place, should that be inside one that is hidden: what
+// the tests read was not put there by chance.
+class KeptDirectories
+{
+public:
+    KeptDirectories()
+    {
+        for (const char* const path : {KEL_SOURCE_DIR, KEL_BINARY_DIR}) {
+            m_directories.emplace_back(path, open(path, O_PATH | O_DIRECTORY | O_CLOEXEC));
+        }
+    }
+
+    /// Call it when the others are hidden.
+    void Restore()
+    {
+        for (const auto& [path, handle] : m_directories) {
+            if (handle >= 0 && !std::filesystem::exists(path)) {
+                std::filesystem::create_directories(path);
+                const std::string hidden = "/proc/self/fd/" + std::to_string(handle);
+                Check(mount(hidden.c_str(), path.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0,
+                      "mounting " + path);
+            }
+            close(handle);
+        }
+    }
+
+private:
+    std::vector<std::pair<std::string, int>> m_directories;
+};
+
 // Whether this machine lets the command make a namespace.
 bool Works(const std::string& command)
 {
@@ -67,10 +99,12 @@ void Sandbox::Enter(char** arguments)
 {
     const char* const state = getenv(kVariable);
     if (state != nullptr && strcmp(state, "entering") == 0) {
+        KeptDirectories kept;
         MountEmpty("/tmp", "1777");
         MountEmpty("/opt", "0755");
         MountEmpty("/run", "0755");
         MountEtc();
+        kept.Restore();
         setenv(kVariable, "entered", 1);
         return;
     }

@@ -6,7 +6,8 @@ namespace kel::test {
 
 /// A test program's private view of the file system: a mount namespace of its own in which "/etc",
 /// "/opt", "/run" and "/tmp" can be written without anybody else noticing. "/etc" shows the host's
-/// entries, except for the marker files of a device image; the other three are empty.
+/// entries, except for the marker files of a device image; the other three are empty, but for the
+/// source and build trees should they be in there.
 ///
 /// Runs as root in it, if need be through a user namespace.
 class Sandbox
