@@ -25,7 +25,8 @@ public:
     static void RegisterDBUS(void (*fn)());
 
     /// Registers the one user to be told of the deactivation, before any function runs. The user
-    /// is not owned and must outlive its registration.
+    /// is not owned and must outlive its registration: a static object of the program does not,
+    /// for those are destroyed before the library is taken down.
     ///
     /// @return true on success; false (and an error line) when there is a user already, or after
     ///         deactivation.
