@@ -45,7 +45,7 @@ TBody ParseBody(const std::string& text)
     if (body == nullptr) {
         throw std::runtime_error("not a GVariant: " + text);
     }
-    return Own(body);
+    return TBody(body, &g_variant_unref); // not floating, unlike what the constructors give
 }
 
 std::optional<TBytes> BytesOf(const TBody& body)
