@@ -35,24 +35,19 @@ gboolean QuitLoop(gpointer loop)
     return G_SOURCE_REMOVE;
 }
 
-void Attach(TGlibPtr<GSource> source, GMainContext* context, GSourceFunc function, gpointer data)
+void Attach(GSource* source, GMainContext* context, GSourceFunc function, gpointer data)
 {
-    g_source_set_priority(source.get(), G_PRIORITY_DEFAULT);
-    g_source_set_callback(source.get(), function, data, nullptr);
-    g_source_attach(source.get(), context);
+    g_source_set_priority(source, G_PRIORITY_DEFAULT);
+    g_source_set_callback(source, function, data, nullptr);
+    g_source_attach(source, context);
 }
 
 // Runs a function once in a context, always on the thread that iterates it:
 // g_main_context_invoke() would run it here while nobody does.
 void Post(GMainContext* context, GSourceFunc function, gpointer data)
 {
-    Attach(TGlibPtr<GSource>(g_idle_source_new()), context, function, data);
-}
-
-// The same, after so many milliseconds.
-void PostLater(GMainContext* context, unsigned int interval, GSourceFunc function, gpointer data)
-{
-    Attach(TGlibPtr<GSource>(g_timeout_source_new(interval)), context, function, data);
+    const TGlibPtr<GSource> source(g_idle_source_new());
+    Attach(source.get(), context, function, data);
 }
 
 } // namespace
@@ -80,7 +75,9 @@ struct TCDbusServer::TSAsyncMessage
 // alone from the post until the last promise is fulfilled, which is the last it does with it.
 //
 // The bus lets a connection wait for so many replies at once (128 on a stock system bus) and
-// refuses the calls beyond. Those are started again as others of the same send end.
+// refuses the calls beyond. A call of this send that ends makes room for one of those. Room that
+// others make (another send, peers of older calls) is found by a timer that tries a few: twice as
+// many after an attempt that the bus has not turned down, and less often after one that it has.
 struct TCDbusServer::TSFanOut
 {
     void Add(TCDbusServer& server, GDBusProxy* pProxy, GVariant* pParameters, int timeout)
@@ -93,33 +90,34 @@ struct TCDbusServer::TSFanOut
     }
 
     // Private thread: starts all calls.
-    void Start(int timeout)
+    void Start()
     {
+        const int timeout = m_messages.front()->m_timeout;
         const gint64 span = timeout == -1 ? kDefaultTimeout : timeout;
         m_deadline = timeout == G_MAXINT ? G_MAXINT64 : g_get_monotonic_time() + span * 1000;
+        m_left = m_messages.size();
         for (const auto& message : m_messages) {
-            ++m_inFlight;
             m_SendMessage(message.get());
         }
     }
 
-    // Private thread: a call has ended for good; room for one of those that the bus refused.
+    // Private thread: a call has ended for good.
     void Ended()
     {
-        --m_inFlight;
-        if (!m_refused.empty()) {
+        if (--m_left == 0) {
+            Disarm();
+        } else if (!m_refused.empty()) {
             Restart();
         }
     }
 
-    // Private thread: the bus has refused a call. When no other call of this send is left to end,
-    // the connection is full of somebody else's, and time has to help.
+    // Private thread: the bus has refused a call.
     void Refused(TSAsyncMessage& message)
     {
-        --m_inFlight;
         m_refused.push_back(&message);
-        if (m_inFlight == 0) {
-            PostLater(message.m_pServer->m_pContext, kRetryInterval, &TSFanOut::RestartAll, this);
+        m_turnedDown = true;
+        if (m_timer == nullptr) {
+            Arm(message.m_pServer->m_pContext);
         }
     }
 
@@ -130,8 +128,15 @@ struct TCDbusServer::TSFanOut
     std::vector<GDBusProxy*> m_gone; // clients whose names the bus no longer knows
 
 private:
-    static constexpr int kDefaultTimeout = 25000;      // the D-Bus library's, in milliseconds
-    static constexpr unsigned int kRetryInterval = 10; // milliseconds
+    static constexpr int kDefaultTimeout = 25000; // the D-Bus library's, in milliseconds
+    static constexpr gint64 kFirstInterval = 10;  // milliseconds, like the next
+    static constexpr gint64 kLastInterval = 320;
+
+    // The time left, in milliseconds; at least 1.
+    gint64 Left() const
+    {
+        return std::max<gint64>((m_deadline - g_get_monotonic_time()) / 1000, 1);
+    }
 
     void Restart()
     {
@@ -139,25 +144,62 @@ private:
         m_refused.pop_front();
         if (m_deadline != G_MAXINT64) {
             // At least 1 ms: the call's own time-out ends it, and reports it, like any other.
-            const gint64 left = (m_deadline - g_get_monotonic_time()) / 1000;
-            pMessage->m_timeout = static_cast<int>(std::max<gint64>(left, 1));
+            pMessage->m_timeout = static_cast<int>(Left());
         }
-        ++m_inFlight;
         m_SendMessage(pMessage);
     }
 
-    static gboolean RestartAll(void* fanOut)
+    void Arm(GMainContext* context)
     {
-        TSFanOut* const pFanOut = static_cast<TSFanOut*>(fanOut);
-        for (size_t count = pFanOut->m_refused.size(); count != 0; --count) {
-            pFanOut->Restart();
+        const gint64 interval = std::min(m_interval, Left());
+        m_timer.reset(g_timeout_source_new(static_cast<unsigned int>(interval)));
+        Attach(m_timer.get(), context, &TSFanOut::Tick, this);
+    }
+
+    void Disarm()
+    {
+        if (m_timer != nullptr) {
+            g_source_destroy(m_timer.get());
+            m_timer.reset();
         }
+    }
+
+    static gboolean Tick(void* fanOut)
+    {
+        static_cast<TSFanOut*>(fanOut)->LookForRoom();
         return G_SOURCE_REMOVE;
     }
 
+    void LookForRoom()
+    {
+        GMainContext* const context = g_source_get_context(m_timer.get());
+        m_timer.reset();
+        if (m_turnedDown) {
+            m_batch = 1;
+            m_interval = std::min(2 * m_interval, kLastInterval);
+        } else {
+            m_batch *= 2;
+            m_interval = kFirstInterval;
+        }
+        m_turnedDown = false;
+        // Out of time they all go, to fail.
+        size_t count = HasTime() ? std::min(m_batch, m_refused.size()) : m_refused.size();
+        for (; count != 0; --count) {
+            Restart();
+        }
+        if (!m_refused.empty()) {
+            Arm(context);
+        }
+    }
+
     std::deque<TSAsyncMessage*> m_refused;
-    size_t m_inFlight = 0;
+    size_t m_left = 0;     // calls that have not ended
     gint64 m_deadline = 0; // monotonic, in microseconds
+
+    TGlibPtr<GSource> m_timer; // null when none is under way
+    gint64 m_interval = kFirstInterval;
+    size_t m_batch = 1;        // how many calls the timer starts again
+    bool m_turnedDown = false; // whether the bus has refused one since the timer last looked
 };
 
 // GLib's way in: resolves the ticket that GLib was given in place of the server, and starts the
@@ -195,8 +237,7 @@ struct TCDbusServer::TSGlibEntry
 
     static gboolean StartFanOut(void* fanOut)
     {
-        TSFanOut* const pFanOut = static_cast<TSFanOut*>(fanOut);
-        pFanOut->Start(pFanOut->m_messages.front()->m_timeout);
+        static_cast<TSFanOut*>(fanOut)->Start();
         return G_SOURCE_REMOVE;
     }
 };
