@@ -10,8 +10,8 @@ namespace {
 constexpr char kRequestKey[] = "memory/kel/ndf_one";
 constexpr char kNoArtefact[] = "NO_PATH";
 constexpr size_t kValueSize = 512; // these three with the terminator
-constexpr size_t kFileNameSize = 512;
-constexpr size_t kPathSize = 128;
+constexpr size_t kFileNameSize = 511;
+constexpr size_t kPathSize = 127;
 
 constexpr int kDone = 1;
 constexpr int kFailed = -1;
