@@ -71,17 +71,17 @@ bool TCHtCachingUtils::GetSystemInfoKeyCached(system_info_key_e key, int& value)
 
 bool TCHtCachingUtils::GetSystemInfoKeyCached(system_info_key_e key, std::string& value)
 {
-    const bool known = Lookup(m_CacheMapMutex, m_systemInfoStrCache, key, value,
-                              [](system_info_key_e wanted, std::string& text) {
-                                  char* pText = nullptr;
-                                  const int failure = system_info_get_value_string(wanted, &pText);
-                                  const std::unique_ptr<char, TSFree> owned(pText);
-                                  if (failure != 0 || pText == nullptr) {
-                                      return false;
-                                  }
-                                  text = pText;
-                                  return true;
-                              });
+    const bool known
+        = Lookup(m_CacheMapMutex, m_systemInfoStrCache, key, value,
+                 [](system_info_key_e wanted, std::string& text) {
+                     char* pText = nullptr;
+                     if (system_info_get_value_string(wanted, &pText) != 0 || pText == nullptr) {
+                         return false; // what a failed call leaves is not ours
+                     }
+                     const std::unique_ptr<char, TSFree> owned(pText);
+                     text = pText;
+                     return true;
+                 });
     if (!known) {
         KEL_ERROR("Fail getting systeminfo value");
     }
