@@ -18,6 +18,21 @@ namespace {
 
 constexpr int kFailed = -1;
 
+// Quotes around a value are no part of it; a backslash takes the next character as it is.
+std::string Unquote(const std::string& value)
+{
+    const bool quoted = value.size() >= 2 && (value.front() == '"' || value.front() == '\'')
+                        && value.back() == value.front();
+    std::string plain;
+    for (size_t i = quoted ? 1 : 0; i < value.size() - (quoted ? 1 : 0); ++i) {
+        if (value[i] == '\\' && i + 1 < value.size() && value.front() != '\'') {
+            ++i;
+        }
+        plain += value[i];
+    }
+    return plain;
+}
+
 // The value of a line KEY=value or KEY="value" of os-release(5).
 std::string OsRelease(const std::string& key)
 {
@@ -27,12 +42,7 @@ std::string OsRelease(const std::string& key)
             if (line.compare(0, key.size() + 1, key + "=") != 0) {
                 continue;
             }
-            std::string value = line.substr(key.size() + 1);
-            if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'')
-                && value.back() == value.front()) {
-                value = value.substr(1, value.size() - 2);
-            }
-            return value;
+            return Unquote(line.substr(key.size() + 1));
         }
         if (file.eof()) {
             break; // the first of the two that is there counts

@@ -3,7 +3,7 @@
 
 #include <usb_device.h>
 
-#include <cctype>
+#include <algorithm>
 #include <exception>
 #include <filesystem>
 #include <fstream>
@@ -33,12 +33,15 @@ std::mutex stateMutex;
 unsigned int openCount = 0;           // guarded by stateMutex
 std::list<usb_device_list> handedOut; // guarded by stateMutex; addresses stay valid
 
-// Mount paths come with blanks and backslashes as octal escapes.
+bool IsOctal(char c) { return c >= '0' && c <= '7'; }
+
+// Mount paths come with blanks, newlines and backslashes as three octal digits.
 std::string Unescape(const std::string& text)
 {
     std::string plain;
     for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\\' && i + 3 < text.size() && isdigit(text[i + 1]) != 0) {
+        if (text[i] == '\\' && i + 3 < text.size() && IsOctal(text[i + 1]) && IsOctal(text[i + 2])
+            && IsOctal(text[i + 3])) {
             plain += static_cast<char>(std::stoi(text.substr(i + 1, 3), nullptr, 8));
             i += 3;
         } else {
@@ -48,12 +51,21 @@ std::string Unescape(const std::string& text)
     return plain;
 }
 
-// sysfs puts every device below the bus that it hangs on: ".../usb1/1-2/.../block/sda/sda1".
+// sysfs puts every device below the bus that it hangs on: ".../usb1/1-2/.../block/sda/sda1". Other
+// names begin with the same letters: only a bus has nothing but its number after them.
+bool IsUsbBus(const std::string& name)
+{
+    return name.size() > 3 && name.compare(0, 3, "usb") == 0
+           && name.find_first_not_of("0123456789", 3) == std::string::npos;
+}
+
 bool HangsOnUsb(const std::string& deviceNumber)
 {
     std::error_code error;
     const auto device = std::filesystem::canonical("/sys/dev/block/" + deviceNumber, error);
-    return !error && device.string().find("/usb") != std::string::npos;
+    return !error && std::any_of(device.begin(), device.end(), [](const auto& part) {
+        return IsUsbBus(part.string());
+    });
 }
 
 usb_device_list ReadDevices()
@@ -61,13 +73,18 @@ usb_device_list ReadDevices()
     usb_device_list list;
     std::ifstream mounts("/proc/self/mountinfo");
     for (std::string line; std::getline(mounts, line);) {
+        // Blanks alone separate the fields: a path may have other white space in it.
         std::istringstream fields(line);
         std::string id;
         std::string parent;
         std::string number;
         std::string root;
         std::string path;
-        if (fields >> id >> parent >> number >> root >> path && HangsOnUsb(number)) {
+        std::getline(fields, id, ' ');
+        std::getline(fields, parent, ' ');
+        std::getline(fields, number, ' ');
+        std::getline(fields, root, ' ');
+        if (std::getline(fields, path, ' ') && HangsOnUsb(number)) {
             list.devices.push_back({Unescape(path)});
         }
     }

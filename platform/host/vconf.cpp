@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <stdexcept>
 #include <string>
 
 #define KEL_HOST_EXPORT extern "C" __attribute__((visibility("default")))
@@ -26,6 +27,18 @@ std::string Variable(const char* name)
 {
     const char* const value = getenv(name);
     return value != nullptr ? value : "";
+}
+
+// The last resort, in a directory that everybody can write to: it must be this user's own.
+std::filesystem::path Own(const std::string& directory)
+{
+    struct stat status;
+    if ((mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST)
+        || lstat(directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)
+        || status.st_uid != geteuid()) {
+        throw std::runtime_error(directory + " is somebody else's");
+    }
+    return directory;
 }
 
 // Where keys live that do not outlast the machine's run, and those that do.
@@ -46,7 +59,7 @@ std::filesystem::path Root(bool isVolatile)
     if (!isVolatile && !home.empty()) {
         return std::filesystem::path(home) / ".local/state/kel-vconf";
     }
-    return "/tmp/kel-vconf-" + std::to_string(geteuid()) + (isVolatile ? "/run" : "/lib");
+    return Own("/tmp/kel-vconf-" + std::to_string(geteuid())) / (isVolatile ? "run" : "lib");
 }
 
 // A key is components between slashes. None may be empty or begin with a dot: no key leaves the
