@@ -12,6 +12,7 @@
 #include <cstring>
 #include <deque>
 #include <memory>
+#include <optional>
 
 #include "KELLog.h"
 
@@ -62,14 +63,8 @@ private:
 // What it reports is what Boost's directory_iterator and a status query for every entry would: the
 // entries in the directory's order, the error code that the last query leaves, the exceptions. It
 // saves system calls where the entry itself already tells its type, and looks at entries by way of
-// the opened directory, which saves the kernel the walk along the path.
-
-// A directory could not be read on, after its first entry.
-class TCAdvanceError : public fs::filesystem_error
-{
-public:
-    using fs::filesystem_error::filesystem_error;
-};
+// the opened directory, which saves the kernel the walk along the path. A type is as old as the
+// directory's last read, and tells what is below a file mounted on the entry.
 
 // One open directory of a walk, standing at one entry.
 class TCDirectory
@@ -78,28 +73,26 @@ public:
     // A directory that cannot be opened, or begun, has no entries and sets the code; otherwise the
     // code is clear.
     TCDirectory(const std::string& path, boost::system::error_code& code)
-        : m_path(path), m_pEntry(nullptr), m_searchable(ESearch::Unknown)
+        : m_path(PrefixOf(path)), m_prefix(m_path.size()), m_pDirectory(opendir(path.c_str())),
+          m_pEntry(nullptr), m_reach(m_prefix != 0 ? EReach::Unknown : EReach::PathOnly)
     {
-        if (!path.empty() && path.back() != '/') {
-            m_path += '/';
-        }
-        m_prefix = m_path.size();
-        m_pDirectory.reset(opendir(path.c_str()));
         const int failure = m_pDirectory == nullptr ? errno : Read();
         code.assign(failure, boost::system::system_category());
     }
 
     bool AtEnd() const { return m_pEntry == nullptr; }
 
-    void Advance()
+    // Goes to the next entry, or the end; what stopped it when the directory cannot be read on.
+    std::optional<fs::filesystem_error> Advance()
     {
         const std::string last = Path();
         const int failure = Read();
         if (failure != 0) {
-            throw TCAdvanceError(
+            return fs::filesystem_error(
                 "boost::filesystem::directory_iterator::operator++", fs::path(last).parent_path(),
                 boost::system::error_code(failure, boost::system::system_category()));
         }
+        return std::nullopt;
     }
 
     const char* Name() const { return m_pEntry->d_name; }
@@ -111,7 +104,7 @@ public:
     }
 
     // Whether the entry is certain to be what d_type says, and a status query by path certain to
-    // succeed, for anything but a directory or a link.
+    // succeed, for anything but a directory (something may be mounted on it) or a link.
     bool IsPlain()
     {
         switch (m_pEntry->d_type) {
@@ -120,7 +113,7 @@ public:
         case DT_SOCK:
         case DT_CHR:
         case DT_BLK:
-            return IsWithinReach();
+            return IsSearchable() && IsShort();
         default:
             return false;
         }
@@ -128,26 +121,44 @@ public:
 
     bool IsRegular() const { return m_pEntry->d_type == DT_REG; }
 
-    // The entry's status, links followed; false when a query by path would, or might, fail.
+    // The entry's own status, a link's included: following it from here would take it farther than
+    // from the path, all of whose links count. False when a query by path would, or might, fail.
     bool Stat(struct stat& status)
     {
-        return IsShort() && fstatat(dirfd(m_pDirectory.get()), Name(), &status, 0) == 0;
+        return m_reach != EReach::PathOnly && IsShort()
+               && fstatat(dirfd(m_pDirectory.get()), Name(), &status, AT_SYMLINK_NOFOLLOW) == 0;
     }
 
 private:
-    enum class ESearch { Unknown, Yes, No };
+    enum class EReach { Unknown, Searchable, PathOnly };
+
+    // The directory's part of its entries' paths. Boost's iterator puts every entry's name in place
+    // of the "." that it begins with, which drops slashes that are too many; of "//" it drops all,
+    // and the entries are sought in the working directory.
+    static std::string PrefixOf(const std::string& path)
+    {
+        const size_t size = path.size();
+        std::string prefix = path;
+        if (size >= 2 && path[size - 1] == '/' && path[size - 2] == '/') {
+            prefix = (fs::path(path) / ".").remove_filename().string();
+        }
+        if (!prefix.empty() && prefix.back() != '/') {
+            prefix += '/';
+        }
+        return prefix;
+    }
 
     // A path that is too long is no way to an entry that the opened directory still shows.
     bool IsShort() const { return m_prefix + strlen(Name()) < PATH_MAX; }
 
     // A directory may be readable and yet not searchable; one query tells for all its entries.
-    bool IsWithinReach()
+    bool IsSearchable()
     {
-        if (m_searchable == ESearch::Unknown) {
+        if (m_reach == EReach::Unknown) {
             struct stat status;
-            m_searchable = Stat(status) ? ESearch::Yes : ESearch::No;
+            m_reach = Stat(status) ? EReach::Searchable : EReach::PathOnly;
         }
-        return m_searchable == ESearch::Yes && IsShort();
+        return m_reach == EReach::Searchable;
     }
 
     int Read()
@@ -163,24 +174,29 @@ private:
     size_t m_prefix;
     std::unique_ptr<DIR, TSClose> m_pDirectory;
     dirent* m_pEntry;
-    ESearch m_searchable;
+    EReach m_reach;
 };
 
 // Visits every entry below a directory, level by level. The visitor tells which are directories to
-// walk.
+// walk. Gives back what stopped it, when a directory could not be read on after its first entry.
 template <typename Visitor>
-void Walk(const fs::path& start, boost::system::error_code& code, Visitor isDirectory)
+std::optional<fs::filesystem_error> Walk(const fs::path& start, boost::system::error_code& code,
+                                         Visitor isDirectory)
 {
     std::deque<std::string> queue{start.string()};
     while (!queue.empty()) {
         TCDirectory directory(queue.front(), code);
         queue.pop_front();
-        for (; !directory.AtEnd(); directory.Advance()) {
+        while (!directory.AtEnd()) {
             if (isDirectory(directory)) {
                 queue.push_back(directory.Path());
             }
+            if (std::optional<fs::filesystem_error> error = directory.Advance()) {
+                return error;
+            }
         }
     }
+    return std::nullopt;
 }
 
 // What Boost's path::extension() gives, without making a path of every name.
@@ -189,9 +205,6 @@ bool HasExtension(const char* name, const std::string& extension)
     const char* const dot = strrchr(name, '.');
     return extension == (dot != nullptr ? dot : "");
 }
-
-// --- Copying
-// --------------------------------------------------------------------------------------
 
 #if BOOST_VERSION >= 107400
 constexpr auto kOverwrite = fs::copy_options::overwrite_existing;
@@ -292,23 +305,26 @@ bool TSFileSystem::FolderExists(fs::path path)
 bool TSFileSystem::GetFiles(std::vector<fs::path>& files, fs::path directory, std::string extension)
 {
     boost::system::error_code code;
-    Walk(directory, code, [&](TCDirectory& entry) {
-        bool isRegular = false;
+    const auto error = Walk(directory, code, [&](TCDirectory& entry) {
         if (entry.IsPlain()) {
             code.clear();
-            isRegular = entry.IsRegular();
-        } else {
-            const fs::path path(entry.Path());
-            if (fs::is_directory(fs::status(path, code))) {
-                return true;
+            if (entry.IsRegular() && HasExtension(entry.Name(), extension)) {
+                files.emplace_back(entry.Name());
             }
-            isRegular = fs::is_regular_file(fs::status(path));
+            return false;
         }
-        if (isRegular && HasExtension(entry.Name(), extension)) {
-            files.emplace_back(entry.Name());
+        const fs::path path(entry.Path());
+        if (fs::is_directory(fs::status(path, code))) {
+            return true;
+        }
+        if (fs::is_regular_file(fs::status(path)) && path.extension() == extension) {
+            files.push_back(path.filename());
         }
         return false;
     });
+    if (error) {
+        throw *error;
+    }
     return !code;
 }
 
@@ -346,27 +362,26 @@ int TSFileSystem::GetDirSize(const fs::path& directory)
 {
     std::uint32_t total = 0;
     boost::system::error_code code;
-    try {
-        Walk(directory, code, [&](TCDirectory& entry) {
-            struct stat status;
-            if (entry.Stat(status) && (S_ISDIR(status.st_mode) || S_ISREG(status.st_mode))) {
-                code.clear();
-                if (S_ISDIR(status.st_mode)) {
-                    return true;
-                }
-                total += static_cast<std::uint32_t>(status.st_size);
-                return false;
-            }
-            // Boost's own queries report what is wrong with it.
-            const fs::path path(entry.Path());
-            if (fs::is_directory(fs::status(path, code))) {
+    const auto error = Walk(directory, code, [&](TCDirectory& entry) {
+        struct stat status;
+        if (entry.Stat(status) && (S_ISDIR(status.st_mode) || S_ISREG(status.st_mode))) {
+            code.clear();
+            if (S_ISDIR(status.st_mode)) {
                 return true;
             }
-            total += static_cast<std::uint32_t>(fs::file_size(path));
+            total += static_cast<std::uint32_t>(status.st_size);
             return false;
-        });
-    } catch (const TCAdvanceError& error) {
-        KEL_ERROR("Error getting dir size, boost error %s", error.what());
+        }
+        // Boost's own queries follow a link, and report what is wrong with the rest.
+        const fs::path path(entry.Path());
+        if (fs::is_directory(fs::status(path, code))) {
+            return true;
+        }
+        total += static_cast<std::uint32_t>(fs::file_size(path));
+        return false;
+    });
+    if (error) {
+        KEL_ERROR("Error getting dir size, boost error %s", error->what());
         return kUnreadableSize; // not 0, on purpose: the directory must not pass for empty
     }
     if (code) {
@@ -404,6 +419,9 @@ bool TSFileSystem::GetFileContents(const std::string& fileName,
     const int descriptor = open(fileName.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     const std::unique_ptr<FILE, TSClose> file(descriptor < 0 ? nullptr : fdopen(descriptor, "rb"));
     if (file == nullptr) {
+        if (descriptor >= 0) {
+            close(descriptor);
+        }
         KEL_DEBUG("File %s opening failed", fileName.c_str());
         return false;
     }
