@@ -49,7 +49,7 @@ private:
 
 TCAgent::TCAgent(bool test, const std::string& stateDirectory)
     : m_store(stateDirectory), m_pLoop(g_main_loop_new(nullptr, FALSE)), m_nameDeadline(0),
-      m_ok(true), m_server(test)
+      m_ok(true), m_server(test), m_announcer(m_server)
 {
     m_server.SetCallback(kSetPolicyType, boost::bind(&TCAgent::m_SetPolicy, this, _1, _2));
 }
@@ -66,8 +66,10 @@ bool TCAgent::Run()
     m_nameDeadline = g_get_monotonic_time() + kNameTimeout;
     const TCSource terminate(g_unix_signal_add(SIGTERM, &TCAgent::m_OnSignal, this));
     const TCSource interrupt(g_unix_signal_add(SIGINT, &TCAgent::m_OnSignal, this));
+    const TCSource information(g_unix_signal_add(SIGUSR1, &TCAgent::m_OnInformationSignal, this));
     const TCSource readiness(g_timeout_add(kNameTick, &TCAgent::m_OnReadinessTick, this));
     g_main_loop_run(m_pLoop);
+    m_announcer.Stop(); // here, where our signals still have handlers
     return m_ok;
 }
 
@@ -92,6 +94,9 @@ bool TCAgent::m_SetPolicy(const TBytes& request, TBytes& response)
                      reason.c_str());
     } else {
         std::fprintf(stderr, "kel-agent: policy of %zu bytes stored\n", policy.size());
+        // Whoever has sent it waits for our answer, and the server does not call whom it keeps
+        // waiting: the update is asked for when this call is over.
+        g_idle_add_full(G_PRIORITY_DEFAULT, &TCAgent::m_OnPolicyAccepted, this, nullptr);
     }
     TSPolicyArchive::Write(answer, response);
     return true;
@@ -109,11 +114,24 @@ int TCAgent::m_OnSignal(void* agent)
     return G_SOURCE_CONTINUE;
 }
 
+int TCAgent::m_OnInformationSignal(void* agent)
+{
+    static_cast<TCAgent*>(agent)->m_announcer.Request(ICallbacks::REQUEST_PROCESS_INFO);
+    return G_SOURCE_CONTINUE;
+}
+
+int TCAgent::m_OnPolicyAccepted(void* agent)
+{
+    static_cast<TCAgent*>(agent)->m_announcer.Request(ICallbacks::POLICY_UPDATE);
+    return G_SOURCE_REMOVE;
+}
+
 int TCAgent::m_OnReadinessTick(void* agent)
 {
     TCAgent* const pAgent = static_cast<TCAgent*>(agent);
     if (pAgent->m_server.IsReady()) {
         std::fprintf(stderr, "kel-agent: ready\n");
+        pAgent->m_announcer.Open();
         return G_SOURCE_REMOVE;
     }
     if (g_get_monotonic_time() < pAgent->m_nameDeadline) {

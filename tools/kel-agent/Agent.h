@@ -5,6 +5,7 @@
 
 #include <kel/KELDbusServer.h>
 
+#include "Announcer.h"
 #include "PolicyStore.h"
 
 typedef struct _GMainLoop GMainLoop;
@@ -12,7 +13,8 @@ typedef struct _GMainLoop GMainLoop;
 namespace kel {
 namespace agent {
 
-/// The agent: serves the channel from construction on, as long as Run() runs.
+/// The agent: serves the channel from construction on, as long as Run() runs. It tells all
+/// applications of a policy that it has accepted, and asks them for process information on SIGUSR1.
 ///
 /// Threads: made, run and destroyed on one thread, which iterates the default main context.
 class TCAgent
@@ -38,13 +40,16 @@ private:
     void m_End(bool ok);
 
     static int m_OnSignal(void* agent);
+    static int m_OnInformationSignal(void* agent);
+    static int m_OnPolicyAccepted(void* agent);
     static int m_OnReadinessTick(void* agent);
 
     TCPolicyStore m_store;
     GMainLoop* const m_pLoop; // released by the destructor
     long long m_nameDeadline; // in the monotonic clock's microseconds
     bool m_ok;
-    TCDbusServer m_server; // last, because its callbacks use the others
+    TCDbusServer m_server;   // behind what its callbacks use
+    TCAnnouncer m_announcer; // last, because no send may be under way when the server goes
 };
 
 } // namespace agent

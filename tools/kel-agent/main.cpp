@@ -20,6 +20,7 @@ constexpr int kWrongUsage = 2;
 int Serve(bool test, const std::string& stateDirectory)
 {
     std::signal(SIGPIPE, SIG_IGN); // whoever reads our standard error may be gone
+    std::signal(SIGUSR1, SIG_IGN); // until the agent handles it, there is nobody to ask
     try {
         return kel::agent::TCAgent(test, stateDirectory).Run() ? EXIT_SUCCESS : EXIT_FAILURE;
     } catch (const std::exception& failure) {
