@@ -6,12 +6,21 @@ namespace kel {
 namespace ctl {
 
 /// The program's exit statuses. They are an interface: scripts look at them.
-enum class EStatus { Accepted = 0, Refused = 1, WrongUsage = 2, NoAnswer = 3 };
+enum class EStatus {
+    Success = 0,
+    Negative = 1, // the agent refused the policy; no agent owns the name
+    WrongUsage = 2,
+    NoAnswer = 3, // from the agent, or from the bus
+    TooFewEvents = 4,
+    NoOutput = 5 // what there is to say cannot be written
+};
 
 /// A subcommand adds itself to the program, in a source file of its own. When it is the one that
 /// was called, it runs after parsing and sets the status; a failure is told in one line on
 /// standard error.
+void AddMonitor(CLI::App& program, EStatus& status);
 void AddSetPolicy(CLI::App& program, EStatus& status);
+void AddStatus(CLI::App& program, EStatus& status);
 
 } // namespace ctl
 } // namespace kel

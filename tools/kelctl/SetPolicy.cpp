@@ -82,9 +82,9 @@ EStatus SetPolicy(const std::string& name)
     std::printf("%d (%s)\n", answer, Meaning(answer));
     if (answer != 0) {
         std::fprintf(stderr, "kelctl: the agent refused the policy: %s\n", Meaning(answer));
-        return EStatus::Refused;
+        return EStatus::Negative;
     }
-    return EStatus::Accepted;
+    return EStatus::Success;
 }
 
 } // namespace

@@ -1,0 +1,198 @@
+#include "Commands.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include <glib-unix.h>
+
+#include <kel/KELCallbacksProxy.h>
+
+#include "Bus.h"
+
+namespace kel {
+namespace ctl {
+
+namespace {
+
+constexpr double kLongestTimeout = 4000000; // seconds; the main loop's milliseconds have 32 bits
+constexpr unsigned int kMostEvents = 1U << 31;
+
+struct TSOptions
+{
+    bool m_json = false;
+    unsigned int m_count = 0; // of events; 0 for no limit
+    double m_timeout = 0;     // in seconds; 0 for none
+};
+
+// The time of day as ISO 8601 has it, with milliseconds.
+std::string Now()
+{
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm parts;
+    char seconds[sizeof("-2147483648-01-01T00:00:00")];
+    std::strftime(seconds, sizeof(seconds), "%Y-%m-%dT%H:%M:%S", gmtime_r(&now.tv_sec, &parts));
+    char text[sizeof(seconds) + sizeof(".000Z")];
+    std::snprintf(text, sizeof(text), "%s.%03dZ", seconds, static_cast<int>(now.tv_nsec / 1000000));
+    return text;
+}
+
+// Made, run and destroyed on one thread, which iterates the default main context.
+class TCMonitor
+{
+public:
+    TCMonitor(const TSOptions& options, TGlibPtr<GDBusConnection> connection);
+    TCMonitor(const TCMonitor&) = delete;
+    TCMonitor& operator=(const TCMonitor&) = delete;
+
+    EStatus Run();
+
+private:
+    void m_Print(const char* event);
+    void m_End(EStatus status, const char* reason = nullptr);
+
+    static int m_OnSignal(void* monitor);
+    static int m_OnTimeout(void* monitor);
+    static int m_OnOutputGone(int descriptor, GIOCondition condition, void* monitor);
+    static void m_OnBusGone(GDBusConnection* connection, int remote, GError* error, void* monitor);
+
+    const TSOptions m_options;
+    const TGlibPtr<GDBusConnection> m_connection;
+    const TGlibPtr<GMainLoop> m_loop;
+    unsigned int m_printed;
+    std::optional<EStatus> m_status; // from its end on
+};
+
+TCMonitor::TCMonitor(const TSOptions& options, TGlibPtr<GDBusConnection> connection)
+    : m_options(options), m_connection(std::move(connection)),
+      m_loop(g_main_loop_new(nullptr, FALSE)), m_printed(0)
+{
+    std::signal(SIGPIPE, SIG_IGN); // a reader that goes is seen otherwise
+    g_unix_signal_add(SIGINT, &TCMonitor::m_OnSignal, this);
+    g_unix_signal_add(SIGTERM, &TCMonitor::m_OnSignal, this);
+    g_unix_fd_add(STDOUT_FILENO, G_IO_ERR, &TCMonitor::m_OnOutputGone, this);
+    g_signal_connect(m_connection.get(), "closed", G_CALLBACK(&TCMonitor::m_OnBusGone), this);
+    if (m_options.m_timeout > 0) {
+        g_timeout_add(static_cast<unsigned int>(m_options.m_timeout * 1000),
+                      &TCMonitor::m_OnTimeout, this);
+    }
+}
+
+// The main context is iterated here and nowhere else in the program: what it holds for this object
+// need not be taken back.
+EStatus TCMonitor::Run()
+{
+    const boost::shared_ptr<ICallbacks> callbacks = TCCallbacksProxy::Instance();
+    callbacks->SetPolicyUpdateCb([this] { m_Print("policy-update"); });
+    callbacks->SetRequestProcessInfoCb([this] {
+        m_Print("process-info-request");
+        return true;
+    });
+    g_main_loop_run(m_loop.get());
+
+    callbacks->ResetPolicyUpdateCb();
+    callbacks->ResetRequestProcessInfoCb();
+    // The agent waits for the answer to the last event, which is on its way only.
+    g_dbus_connection_flush_sync(m_connection.get(), nullptr, nullptr);
+    return *m_status;
+}
+
+void TCMonitor::m_Print(const char* event)
+{
+    if (m_status) {
+        return; // this one comes too late
+    }
+    const std::string time = Now();
+    if (m_options.m_json) {
+        std::printf("{\"time\": \"%s\", \"event\": \"%s\"}\n", time.c_str(), event);
+    } else {
+        std::printf("%s %s\n", time.c_str(), event);
+    }
+    if (std::fflush(stdout) != 0) {
+        m_End(EStatus::NoOutput, std::strerror(errno));
+        return;
+    }
+    if (++m_printed == m_options.m_count) {
+        m_End(EStatus::Success);
+    }
+}
+
+void TCMonitor::m_End(EStatus status, const char* reason)
+{
+    if (m_status) {
+        return;
+    }
+    m_status = status;
+    if (reason != nullptr) {
+        std::fprintf(stderr, "kelctl: %s\n", reason);
+    }
+    g_main_loop_quit(m_loop.get());
+}
+
+int TCMonitor::m_OnSignal(void* monitor)
+{
+    static_cast<TCMonitor*>(monitor)->m_End(EStatus::Success);
+    return G_SOURCE_CONTINUE;
+}
+
+int TCMonitor::m_OnTimeout(void* monitor)
+{
+    TCMonitor* const pMonitor = static_cast<TCMonitor*>(monitor);
+    if (pMonitor->m_options.m_count == 0) {
+        pMonitor->m_End(EStatus::Success);
+    } else {
+        pMonitor->m_End(EStatus::TooFewEvents, "the time is over, and events are missing");
+    }
+    return G_SOURCE_REMOVE;
+}
+
+int TCMonitor::m_OnOutputGone(int, GIOCondition, void* monitor)
+{
+    static_cast<TCMonitor*>(monitor)->m_End(EStatus::NoOutput, "nobody reads the output");
+    return G_SOURCE_REMOVE;
+}
+
+void TCMonitor::m_OnBusGone(GDBusConnection*, int, GError*, void* monitor)
+{
+    static_cast<TCMonitor*>(monitor)->m_End(EStatus::NoAnswer, "the system bus is gone");
+}
+
+EStatus Monitor(const TSOptions& options)
+{
+    TGlibPtr<GDBusConnection> connection = ConnectToBus();
+    if (!connection) {
+        return EStatus::NoAnswer;
+    }
+    return TCMonitor(options, std::move(connection)).Run();
+}
+
+} // namespace
+
+void AddMonitor(CLI::App& program, EStatus& status)
+{
+    CLI::App* const command = program.add_subcommand("monitor", "Print the agent's events");
+    const auto options = std::make_shared<TSOptions>();
+    command->add_flag("--json", options->m_json, "Print a JSON object a line");
+    command->add_option("--count", options->m_count, "End after so many events")
+        ->type_name("N")
+        ->check(CLI::Range(1U, kMostEvents));
+    command->add_option("--timeout", options->m_timeout, "End after so many seconds")
+        ->type_name("S")
+        ->check(CLI::Range(0.001, kLongestTimeout))
+        ->check([](const std::string& text) { // a "nan" is in every range
+            return std::string(text.find_first_of("nN") == std::string::npos ? "" : "no number");
+        });
+    command->callback([options, &status] { status = Monitor(*options); });
+}
+
+} // namespace ctl
+} // namespace kel
