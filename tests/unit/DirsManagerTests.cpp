@@ -3,8 +3,11 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <optional>
+#include <ostream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -90,6 +93,22 @@ struct TSPolicyRow
     int m_mode;
 };
 
+// "HighAndVendor": which files there are.
+std::string NameOf(const TSPolicyRow& row)
+{
+    std::string name;
+    for (const auto& [present, word] :
+         {std::pair(row.m_high, "High"), std::pair(row.m_vendor, "Vendor"),
+          std::pair(row.m_variant, "Variant")}) {
+        if (present) {
+            name += (name.empty() ? "" : "And") + std::string(word);
+        }
+    }
+    return name.empty() ? "None" : name;
+}
+
+void PrintTo(const TSPolicyRow& row, std::ostream* stream) { *stream << NameOf(row); }
+
 const TSPolicyRow kPolicyRows[] = {
     {false, false, false, kDefault, 0}, {false, false, true, kVariant, 2},
     {false, true, false, kVendor, 2},   {false, true, true, kVendor, 2},
@@ -156,7 +175,8 @@ TEST_P(DirsManagerPolicy, GetPolicyXmlPathRanksThemAlikeAndNamesTheVendorsWhenev
     EXPECT_EQ(TCDirsManager::GetPolicyMode(), GetParam().m_mode);
 }
 
-INSTANTIATE_TEST_SUITE_P(Files, DirsManagerPolicy, testing::ValuesIn(kPolicyRows));
+INSTANTIATE_TEST_SUITE_P(Files, DirsManagerPolicy, testing::ValuesIn(kPolicyRows),
+                         [](const auto& row) { return NameOf(row.param); });
 
 TEST_F(DirsManager, ADirectoryNamedLikeAPolicyFileCounts)
 {
