@@ -68,6 +68,7 @@ void TCCallbacksProxy::Destroy() { TSSingletonLife<TCCallbacksProxy>::Destroy();
 template <typename Function>
 bool TCCallbacksProxy::m_Set(int type, Function TCCallbacksProxy::*pMember, const Function& cb)
 {
+    Function refused; // destroyed when no lock is held: what it holds is the application's
     const std::lock_guard<std::mutex> operation(operationMutex);
     {
         // Before the client knows the type: its first event must find the function.
@@ -83,27 +84,28 @@ bool TCCallbacksProxy::m_Set(int type, Function TCCallbacksProxy::*pMember, cons
             return true;
         }
     } catch (...) {
-        m_Clear(pMember);
+        m_Clear(pMember, refused);
         throw;
     }
-    m_Clear(pMember);
+    m_Clear(pMember, refused);
     return false;
 }
 
 template <typename Function>
 bool TCCallbacksProxy::m_Reset(int type, Function TCCallbacksProxy::*pMember)
 {
+    Function cleared; // destroyed when no lock is held: what it holds is the application's
     const std::lock_guard<std::mutex> operation(operationMutex);
     const bool removed = m_pClient->UnSetCallback(type);
-    m_Clear(pMember);
+    m_Clear(pMember, cleared);
     return removed;
 }
 
-template <typename Function> void TCCallbacksProxy::m_Clear(Function TCCallbacksProxy::*pMember)
+template <typename Function>
+void TCCallbacksProxy::m_Clear(Function TCCallbacksProxy::*pMember, Function& cleared)
 {
-    Function removed; // destroyed after the lock is gone: its state is the application's
     const TCStaticWriteLock lock(m_rwlock);
-    removed.swap(this->*pMember);
+    cleared.swap(this->*pMember);
 }
 
 bool TCCallbacksProxy::m_Callback(int type, const std::vector<unsigned char>& request,

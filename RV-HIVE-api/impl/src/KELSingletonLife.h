@@ -17,7 +17,9 @@ template <typename Proxy> struct TSSingletonLife
     {
         {
             const TCStaticReadLock lock(Proxy::m_rwlock);
-            if (*Proxy::m_pInstance) {
+            // The end is final, and need not be asked for exclusively: a thread that runs one of
+            // the callbacks proxy's functions holds the lock shared already.
+            if (*Proxy::m_pInstance || Proxy::m_destroyed) {
                 return *Proxy::m_pInstance;
             }
         }
