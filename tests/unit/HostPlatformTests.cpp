@@ -591,7 +591,11 @@ TEST_F(HostUsb, ListsOnlyWhileItIsOpen)
 
     ASSERT_EQ(usb_device_init(), 0);
     ASSERT_EQ(usb_device_init(), 0);
+    Mount("/tmp/stick", "usb1/1-1/block/sda");
+    const usb_device_list_h kept = List();
     EXPECT_EQ(usb_device_fini(), 0);
+    EXPECT_EQ(usb_device_list_get_count(kept), 1);
+    EXPECT_EQ(FirstMountPath(kept), "/tmp/stick");
     EXPECT_EQ(usb_device_get_device_list(USB_DEVICE_CLASS_MASS_STORAGE, &list), 0)
         << "somebody has it open still";
     EXPECT_EQ(usb_device_fini(), 0);

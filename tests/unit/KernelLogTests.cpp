@@ -3,6 +3,7 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -337,6 +338,24 @@ TEST_F(KernelLog, TheLockIsFreeAfterEveryCall)
     fs::create_directory(kSnapshot);
     StandardErrorOf([] { Dump("Error Opening File Device_Tracker.log"); });
     EXPECT_TRUE(isFree());
+}
+
+// The first opening of a pipe for writing returns when dmesg has opened it for reading.
+TEST_F(KernelLog, TheLockIsHeldWhileTheSnapshotIsMade)
+{
+    fs::remove(kKernel);
+    ASSERT_EQ(mkfifo(kKernel.c_str(), 0600), 0);
+    std::optional<TLines> lines;
+
+    std::thread collector([&] { lines = Dump(); });
+    std::ofstream pipe(kKernel);
+    const int result = pthread_mutex_trylock(&DTLock);
+    pipe << "one\n";
+    pipe.close();
+    collector.join();
+
+    EXPECT_EQ(result, EBUSY);
+    EXPECT_EQ(lines, TLines{"one"});
 }
 
 // The kernel's log may grow at any time: read before and after.
