@@ -184,10 +184,10 @@ void AddMonitor(CLI::App& program, EStatus& status)
     command->add_flag("--json", options->m_json, "Print a JSON object a line");
     command->add_option("--count", options->m_count, "End after so many events")
         ->type_name("N")
-        ->check(CLI::Range(1U, kMostEvents));
+        ->check(CLI::Range(1U, kMostEvents).description(""));
     command->add_option("--timeout", options->m_timeout, "End after so many seconds")
         ->type_name("S")
-        ->check(CLI::Range(0.001, kLongestTimeout))
+        ->check(CLI::Range(0.001, kLongestTimeout).description(""))
         ->check([](const std::string& text) { // a "nan" is in every range
             return std::string(text.find_first_of("nN") == std::string::npos ? "" : "no number");
         });
