@@ -47,7 +47,19 @@ TEST_F(Kelctl, WrongUsageIsToldInOneLine)
                                                       {"set-policy", "a", "b"},
                                                       {"set-policy", "--unknown", "a"},
                                                       {"set-policy", "/tmp/none"},
-                                                      {"set-policy", "/tmp"}}) {
+                                                      {"set-policy", "/tmp"},
+                                                      {"monitor", "operand"},
+                                                      {"monitor", "--count"},
+                                                      {"monitor", "--count", "0"},
+                                                      {"monitor", "--count", "-1"},
+                                                      {"monitor", "--count", "1.5"},
+                                                      {"monitor", "--count", "4294967297"},
+                                                      {"monitor", "--timeout", "0"},
+                                                      {"monitor", "--timeout", "-1"},
+                                                      {"monitor", "--timeout", "nan"},
+                                                      {"monitor", "--timeout", "1e9"},
+                                                      {"status", "operand"},
+                                                      {"status", "--count", "1"}}) {
         const TSFinished ended = AgentRoad::Kelctl(arguments);
 
         EXPECT_EQ(ended.m_exit, 2) << Text(ended);

@@ -1,0 +1,120 @@
+// What the tools offer is what their man pages and the completion say.
+
+#include <iterator>
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include <gmock/gmock.h>
+
+#include "e2e/AgentRoad.h"
+
+namespace kel::test {
+
+using testing::Contains;
+using testing::HasSubstr;
+
+namespace {
+
+typedef std::set<std::string> TWords;
+
+// The long options that a program, or one of its commands, tells of.
+TWords Options(std::vector<std::string> command)
+{
+    command.push_back("--help");
+    const TSFinished help = RunProgram(command);
+    EXPECT_EQ(help.m_exit, 0) << Text(help);
+    const std::regex option("--[a-z][a-z-]*");
+    TWords options;
+    for (std::sregex_iterator found(help.m_output.begin(), help.m_output.end(), option), end;
+         found != end; ++found) {
+        options.insert(found->str());
+    }
+    EXPECT_THAT(options, Contains("--help"));
+    return options;
+}
+
+// A man page as a reader sees it, without emphasis. What the formatter complains of is a failure.
+std::string Rendered(const std::string& page)
+{
+    const TSFinished rendered
+        = RunProgram({"groff", "-mdoc", "-ww", "-Tascii", "-P-cbou", KEL_TOOLS "/" + page});
+    EXPECT_EQ(rendered.m_exit, 0) << Text(rendered);
+    EXPECT_EQ(rendered.m_errorOutput, "");
+    return rendered.m_output;
+}
+
+// What the shell offers for the last of these words.
+TWords Completed(const std::string& words)
+{
+    const TSFinished ended = RunProgram(
+        {"bash", "-c",
+         "source '" KEL_TOOLS "/kelctl/kelctl.bash'\n"
+         "COMP_WORDS=("
+             + words
+             + ")\n"
+               "COMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n"
+               "_kelctl kelctl \"${COMP_WORDS[COMP_CWORD]}\" \"${COMP_WORDS[COMP_CWORD-1]}\"\n"
+               "printf '%s\\n' \"${COMPREPLY[@]}\""});
+    EXPECT_EQ(ended.m_exit, 0) << Text(ended);
+    std::istringstream lines(ended.m_output);
+    return {std::istream_iterator<std::string>(lines), {}};
+}
+
+const std::vector<std::string> kCommands{"set-policy", "monitor", "status"};
+
+} // namespace
+
+TEST(ToolDocuments, TheManPagesHaveEveryOption)
+{
+    const std::string kelctl = Rendered("kelctl/kelctl.1");
+    const std::string agent = Rendered("kel-agent/kel-agent.8");
+
+    for (const std::string& option : Options({KEL_CTL})) {
+        EXPECT_THAT(kelctl, HasSubstr(option));
+    }
+    for (const std::string& command : kCommands) {
+        EXPECT_THAT(kelctl, HasSubstr("kelctl " + command));
+        for (const std::string& option : Options({KEL_CTL, command})) {
+            EXPECT_THAT(kelctl, HasSubstr(option));
+        }
+    }
+    for (const std::string& option : Options({KEL_AGENT})) {
+        EXPECT_THAT(agent, HasSubstr(option));
+    }
+}
+
+TEST(ToolDocuments, TheHelpTellsOfTheCommandsThatAreTestedHere)
+{
+    const std::string help = RunProgram({KEL_CTL, "--help"}).m_output;
+    const std::regex command("\n  ([a-z][a-z-]*) ");
+    TWords commands;
+    for (std::sregex_iterator found(help.begin(), help.end(), command), end; found != end;
+         ++found) {
+        commands.insert((*found)[1]);
+    }
+
+    EXPECT_EQ(commands, TWords(kCommands.begin(), kCommands.end()));
+}
+
+TEST(ToolDocuments, TheCompletionOffersTheCommandsAndEveryOption)
+{
+    TWords first = Options({KEL_CTL});
+    first.insert(kCommands.begin(), kCommands.end());
+
+    EXPECT_EQ(Completed("kelctl ''"), first);
+    EXPECT_EQ(Completed("kelctl mo"), TWords{"monitor"});
+    for (const std::string& command : kCommands) {
+        EXPECT_EQ(Completed("kelctl " + command + " --"), Options({KEL_CTL, command}));
+    }
+}
+
+TEST(ToolDocuments, TheCompletionOffersFilesForAPolicyAndNothingForANumber)
+{
+    EXPECT_EQ(Completed("kelctl set-policy '" KEL_EXAMPLES "/pol'"),
+              TWords{KEL_EXAMPLES "/policy.xml"});
+    EXPECT_EQ(Completed("kelctl monitor --count ''"), TWords{});
+    EXPECT_EQ(Completed("kelctl unknown ''"), TWords{});
+}
+
+} // namespace kel::test
