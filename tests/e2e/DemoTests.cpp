@@ -72,7 +72,7 @@ TEST_F(Demo, ShowsTheRoadEndsWithItsResultAndLeavesNothing)
     EXPECT_THAT(ended.m_output, HasSubstr("\n      0 (accepted)\n"));
     EXPECT_THAT(ended.m_output, HasSubstr("\n      1 (not well-formed)\n"));
     EXPECT_THAT(ended.m_output, EndsWith("\n\nResult: OK: accepted, refused, and accepted again by "
-                                         "a new agent.\n"));
+                                         "a new agent; both monitors have heard.\n"));
     ExpectNothingLeft();
 }
 
@@ -85,6 +85,19 @@ TEST_F(Demo, FailsWhenThePolicyDoesNotArrive)
     EXPECT_THAT(
         ended.m_errorOutput,
         EndsWith("\nResult: FAILED: examples/policy.xml is not what the agent has stored\n"));
+    ExpectNothingLeft();
+}
+
+TEST_F(Demo, FailsWhenAMonitorDoesNotHear)
+{
+    const std::string kelctl
+        = "[ $1 != monitor ] || exec sleep 100; exec " KEL_BINARIES "/tools/kelctl/kelctl \"$@\"";
+
+    const TSFinished ended = RunProgram({KEL_DEMO}, Environment(BinariesWithKelctl(kelctl)));
+
+    EXPECT_EQ(ended.m_exit, 1);
+    EXPECT_THAT(ended.m_errorOutput,
+                EndsWith("\nResult: FAILED: a monitor has not heard of the policy\n"));
     ExpectNothingLeft();
 }
 
