@@ -287,6 +287,7 @@ TEST_F(FanOut, AClientThatIsGoneBeforeItsHelloIsReadIsForgotten)
     RawPeer asker(m_bus);
     m_loop.Run([&] { // so that nothing is handled meanwhile
         peer->Post("Hello", Body(HelloBytes({5})));
+        EXPECT_TRUE(IsOnBus(*peer, peer->Name())) << "the bus has read the message before";
         peer->Vanish();
         EXPECT_TRUE(WaitUntil([&] { return !IsOnBus(asker, peer->Name()); }));
     });
