@@ -259,11 +259,9 @@ TEST_F(FanOut, AThousandHellosInARowCostOneClientAndOneMatchRule)
 {
     RawPeer peer(m_bus);
     const MatchRules rules;
-    guint32 last = 0;
     for (int i = 0; i < 1000; ++i) {
-        last = peer.Post("Hello", Body(HelloBytes({i, 5})));
+        peer.Post("Hello", Body(HelloBytes({i, 5})), true); // more than it may wait for
     }
-    EXPECT_TRUE(peer.WaitReply(last).IsOk());
     peer.Settle();
 
     EXPECT_EQ(m_server.NumberOfClients(), 1u);
@@ -418,7 +416,11 @@ TEST_F(FullConnection, ACallThatNeverFindsRoomIsAFailureInTime)
     EXPECT_GE(taken, milliseconds(290));
     EXPECT_LT(taken, milliseconds(4'000));
     EXPECT_EQ(CountCalls(peers), 0u);
-    EXPECT_EQ(CountErrors(peers, G_DBUS_ERROR_LIMITS_EXCEEDED), 2u) << m_log.Text();
+    EXPECT_EQ(CountErrors(peers, G_IO_ERROR_TIMED_OUT)
+                  + CountErrors(peers, G_DBUS_ERROR_LIMITS_EXCEEDED),
+              2u)
+        << "whichever the last attempt has met first\n"
+        << m_log.Text();
 }
 
 TEST_F(FullConnection, ItsCallsFindTheRoomThatOthersMake)
