@@ -16,7 +16,7 @@ class Activation : public ChannelTest
 protected:
     Activation()
     {
-        m_bus.AddService(kBusName, "/usr/bin/python3 " KEL_FOREIGN_AGENT);
+        m_bus.AddService(kBusName, "/usr/bin/python3 '" KEL_FOREIGN_AGENT "'");
         for (const int type : {7, 2, 5}) {
             m_client.SetCallback(type, Accept);
         }

@@ -55,6 +55,9 @@ protected:
     /// The unique name of every end to come.
     const char* Name() const { return g_dbus_connection_get_unique_name(m_shared.get()); }
 
+    /// Waits for the name event that comes of the end's start, if there is one.
+    void WaitForFirstNameEvent();
+
     /// Brings about one name event that concerns the end.
     void MakeNameEvent();
 
@@ -75,6 +78,13 @@ protected:
         g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr), &g_object_unref};
     RawPeer m_peer{m_bus};
 };
+
+// The watch tells at once that there is no agent yet.
+template <> void Teardown<TCDbusServer>::WaitForFirstNameEvent() {}
+template <> void Teardown<TCDbusClient>::WaitForFirstNameEvent()
+{
+    EXPECT_TRUE(m_log.WaitFor(std::string("Name vanished - name ") + kBusName));
+}
 
 // A client comes and goes.
 template <> void Teardown<TCDbusServer>::MakeNameEvent()
@@ -217,6 +227,8 @@ TYPED_TEST(Teardown, ACallThatIsStillQueuedFindsTheEndGone)
         ++handled;
         return true;
     });
+    this->WaitForFirstNameEvent();
+    this->m_log.Clear();
     Gate gate;
     std::future<void> settled = this->Block(gate);
     std::vector<guint32> calls;
