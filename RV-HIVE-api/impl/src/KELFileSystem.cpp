@@ -85,11 +85,12 @@ public:
     // Goes to the next entry, or the end; what stopped it when the directory cannot be read on.
     std::optional<fs::filesystem_error> Advance()
     {
-        const std::string last = Path();
         const int failure = Read();
         if (failure != 0) {
+            m_path.resize(m_prefix);
             return fs::filesystem_error(
-                "boost::filesystem::directory_iterator::operator++", fs::path(last).parent_path(),
+                "boost::filesystem::directory_iterator::operator++",
+                fs::path(m_path + "entry").parent_path(),
                 boost::system::error_code(failure, boost::system::system_category()));
         }
         return std::nullopt;
