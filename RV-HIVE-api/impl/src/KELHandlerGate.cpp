@@ -103,17 +103,20 @@ TCCallbackHold::TCCallbackHold(const TCDbus& end,
                                TCSharedMutex& mutex) KEL_NO_THREAD_SAFETY_ANALYSIS
     : m_end(end),
       m_mutex(mutex),
+      m_locked(!IsHeldHere(end)),
       m_ended(false),
       m_pOuter(innermostHold)
 {
-    m_mutex.lock_shared();
+    if (m_locked) {
+        m_mutex.lock_shared();
+    }
     innermostHold = this;
 }
 
 TCCallbackHold::~TCCallbackHold() KEL_NO_THREAD_SAFETY_ANALYSIS
 {
     innermostHold = m_pOuter;
-    if (!m_ended) {
+    if (m_locked && !m_ended) {
         m_mutex.unlock_shared();
     }
 }

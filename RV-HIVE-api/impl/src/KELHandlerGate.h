@@ -75,6 +75,7 @@ private:
 
     const TCDbus& m_end;
     TCSharedMutex& m_mutex;
+    const bool m_locked; // not when a callback around this one has done it: see TCSharedMutex
     bool m_ended;
     TCCallbackHold* m_pOuter; // this thread's hold around this one
 };
