@@ -17,6 +17,7 @@
 namespace {
 
 constexpr int kFailed = -1;
+constexpr long long kBytesPerMiB = 1024LL * 1024;
 
 // Quotes around a value are no part of it; a backslash takes the next character as it is.
 std::string Unquote(const std::string& value)
@@ -100,7 +101,7 @@ long Number(system_info_key_e key)
         return sysconf(_SC_NPROCESSORS_ONLN);
     case SYSTEM_INFO_KEY_MEMORY_MIB:
         return static_cast<long>(static_cast<long long>(sysconf(_SC_PHYS_PAGES))
-                                 * sysconf(_SC_PAGESIZE) / (1024 * 1024));
+                                 * sysconf(_SC_PAGESIZE) / kBytesPerMiB);
     case SYSTEM_INFO_KEY_PAGE_SIZE:
         return sysconf(_SC_PAGESIZE);
     default:
