@@ -120,26 +120,34 @@ protected:
     // What a walk from this start gives, once it is certain that both give it.
     TSOutcome Files(const fs::path& start, const std::string& extension = kExtension)
     {
-        const TSOutcome plain = m_Files(PlainGetFiles, start, extension);
-        m_log.Clear();
-        TSOutcome ours = m_Files(TSFileSystem::GetFiles, start, extension);
-        ours.m_lines = m_Lines("GetFiles");
-        EXPECT_EQ(ours, plain) << start;
-        return ours;
+        return m_Compare(
+            start, [&] { return m_Files(PlainGetFiles, start, extension); },
+            [&] {
+                m_log.Clear();
+                TSOutcome outcome = m_Files(TSFileSystem::GetFiles, start, extension);
+                outcome.m_lines = m_Lines("GetFiles");
+                return outcome;
+            });
     }
 
     TSOutcome Size(const fs::path& start)
     {
-        TSOutcome plain;
-        m_prepare();
-        Record([&] { return PlainGetDirSize(start, plain.m_lines); }, plain);
-        m_log.Clear();
-        TSOutcome ours;
-        m_prepare();
-        Record([&] { return TSFileSystem::GetDirSize(start); }, ours);
-        ours.m_lines = m_Lines("GetDirSize");
-        EXPECT_EQ(ours, plain) << start;
-        return ours;
+        return m_Compare(
+            start,
+            [&] {
+                TSOutcome outcome;
+                m_prepare();
+                Record([&] { return PlainGetDirSize(start, outcome.m_lines); }, outcome);
+                return outcome;
+            },
+            [&] {
+                TSOutcome outcome;
+                m_log.Clear();
+                m_prepare();
+                Record([&] { return TSFileSystem::GetDirSize(start); }, outcome);
+                outcome.m_lines = m_Lines("GetDirSize");
+                return outcome;
+            });
     }
 
     void Both(const fs::path& start)
@@ -164,6 +172,21 @@ protected:
     std::function<void()> m_prepare = [] {};
 
 private:
+    template <typename Plain, typename Ours>
+    TSOutcome m_Compare(const fs::path& start, Plain runPlain, Ours runOurs)
+    {
+        // When anything is mounted anywhere while the kernel follows a path, it begins anew without
+        // forgetting the links that it has counted: half of its limit is then too many, by chance.
+        for (int left = 20;; --left) {
+            const TSOutcome plain = runPlain();
+            TSOutcome ours = runOurs();
+            if (ours == plain || left == 0) {
+                EXPECT_EQ(ours, plain) << start;
+                return ours;
+            }
+        }
+    }
+
     template <typename Function>
     TSOutcome m_Files(Function function, const fs::path& start, const std::string& extension)
     {

@@ -283,6 +283,9 @@ boost::system::error_code CopyAcross(const fs::path& source, const fs::path& des
 
 } // namespace
 
+// Which paths are given by value is part of the interface.
+// NOLINTBEGIN(performance-unnecessary-value-param)
+
 bool TSFileSystem::FileExists(fs::path path)
 {
     boost::system::error_code code;
@@ -324,7 +327,7 @@ bool TSFileSystem::GetFiles(std::vector<fs::path>& files, fs::path directory, st
         return false;
     });
     if (error) {
-        throw *error;
+        throw fs::filesystem_error(*error);
     }
     return !code;
 }
@@ -548,7 +551,7 @@ bool TSFileSystem::MakeDir(const fs::path& directory, bool setPermissions)
 bool TSFileSystem::GenerateUniqueName(const fs::path& directory, const fs::path& fileName,
                                       fs::path& result)
 {
-    const std::string name = fileName.string();
+    const std::string& name = fileName.string();
     const size_t dot = name.rfind('.');
 
     boost::system::error_code code;
@@ -564,5 +567,7 @@ bool TSFileSystem::GenerateUniqueName(const fs::path& directory, const fs::path&
     }
     return true;
 }
+
+// NOLINTEND(performance-unnecessary-value-param)
 
 } // namespace kel
