@@ -11,7 +11,8 @@ namespace kel {
 /// The application's functions run on the thread that iterates the main context in which the
 /// process's channel client was created. A function may send to the agent and ask for the control
 /// object, but must not set or reset functions, nor destroy the singleton: it would wait for
-/// itself.
+/// itself. The agent gets its answer after the function has returned: a process that exits at once
+/// may take the answer along.
 class KEL_EXPORT ICallbacks
 {
 public:
