@@ -9,10 +9,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <deque>
 #include <exception>
 #include <stdexcept>
 #include <string>
@@ -23,6 +21,7 @@
 #include <kel/KELFileSystem.h>
 
 #include "PairedMedian.h"
+#include "support/PlainWalk.h"
 
 namespace kel::bench {
 
@@ -88,46 +87,6 @@ private:
     fs::path m_path;
 };
 
-// What the operations are by their description, without a thought for the time.
-bool PlainGetFiles(std::vector<fs::path>& files, const fs::path& directory,
-                   const std::string& extension)
-{
-    std::deque<std::string> queue{directory.string()};
-    boost::system::error_code code;
-    while (!queue.empty()) {
-        fs::directory_iterator entry(queue.front(), code);
-        queue.pop_front();
-        for (; entry != fs::directory_iterator(); ++entry) {
-            if (fs::is_directory(fs::status(entry->path(), code))) {
-                queue.push_back(entry->path().string());
-            } else if (fs::is_regular_file(entry->status())
-                       && entry->path().extension() == extension) {
-                files.push_back(entry->path().filename());
-            }
-        }
-    }
-    return !code;
-}
-
-int PlainGetDirSize(const fs::path& directory)
-{
-    std::uint32_t total = 0;
-    std::deque<std::string> queue{directory.string()};
-    boost::system::error_code code;
-    while (!queue.empty()) {
-        fs::directory_iterator entry(queue.front(), code);
-        queue.pop_front();
-        for (; entry != fs::directory_iterator(); ++entry) {
-            if (fs::is_directory(fs::status(entry->path(), code))) {
-                queue.push_back(entry->path().string());
-            } else {
-                total += static_cast<std::uint32_t>(fs::file_size(entry->path()));
-            }
-        }
-    }
-    return code ? 0 : static_cast<int>(total);
-}
-
 void Expect(bool right, const char* what)
 {
     if (!right) {
@@ -176,12 +135,15 @@ int Run(int argc, char** argv)
     };
     const auto plainFiles = [&] {
         std::vector<fs::path> names;
-        Expect(PlainGetFiles(names, path, kExtension) && names.size() == kMatches,
+        Expect(test::PlainGetFiles(names, path, kExtension) && names.size() == kMatches,
                "the plain walk");
     };
     const auto find = [&] { RunProgram({"find", path, "-name", std::string("*") + kExtension}); };
     const auto size = [&] { Expect(TSFileSystem::GetDirSize(path) == kBytes, "GetDirSize"); };
-    const auto plainSize = [&] { Expect(PlainGetDirSize(path) == kBytes, "the plain walk"); };
+    const auto plainSize = [&] {
+        std::vector<std::string> messages;
+        Expect(test::PlainGetDirSize(path, messages) == kBytes, "the plain walk");
+    };
     const auto du = [&] { RunProgram({"du", "-sb", path}); };
 
     TSEffort effort;

@@ -12,6 +12,7 @@
 #include <kel/api.h>
 
 #include "channel/CallbacksTest.h"
+#include "support/Threads.h"
 
 namespace kel::test {
 
@@ -21,40 +22,6 @@ typedef RawPeer::TSAnswer TSAnswer;
 typedef std::chrono::steady_clock TClock;
 
 using std::chrono::milliseconds;
-
-/// Opens once; whoever came before waits.
-class Gate
-{
-public:
-    void Open() { m_promise.set_value(); }
-    void Wait() const { m_open.wait(); }
-
-private:
-    std::promise<void> m_promise;
-    std::shared_future<void> m_open = m_promise.get_future().share();
-};
-
-/// Repeats something in a thread until the end of the scope.
-class Repeat
-{
-public:
-    explicit Repeat(const std::function<void()>& step)
-        : m_thread([this, step] {
-              while (!m_stop) {
-                  step();
-              }
-          })
-    {}
-    ~Repeat()
-    {
-        m_stop = true;
-        m_thread.join();
-    }
-
-private:
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
-};
 
 /// What an agent answers that has set a policy.
 TSAnswer PolicyResult(int result)

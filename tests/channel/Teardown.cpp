@@ -7,45 +7,12 @@
 #include <boost/make_shared.hpp>
 
 #include "channel/ChannelTest.h"
+#include "support/Threads.h"
 #include "support/TsanHandover.h"
 
 namespace kel::test {
 
 namespace {
-
-/// Opens once; whoever came before waits.
-class Gate
-{
-public:
-    void Open() { m_promise.set_value(); }
-    void Wait() const { m_open.wait(); }
-
-private:
-    std::promise<void> m_promise;
-    std::shared_future<void> m_open = m_promise.get_future().share();
-};
-
-/// Repeats something in a thread until the end of the scope.
-class Repeat
-{
-public:
-    explicit Repeat(const std::function<void()>& step)
-        : m_thread([this, step] {
-              while (!m_stop) {
-                  step();
-              }
-          })
-    {}
-    ~Repeat()
-    {
-        m_stop = true;
-        m_thread.join();
-    }
-
-private:
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
-};
 
 template <typename End> class Teardown : public ChannelTest
 {

@@ -5,12 +5,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
-#include <deque>
 #include <random>
 
 #include "FileSystemTests.h"
+#include "support/PlainWalk.h"
 
 // The walks beside plain ones, which ask Boost for the status of every entry: whatever a tree is
 // like, both report the same.
@@ -46,57 +45,6 @@ void PrintTo(const TSOutcome& outcome, std::ostream* stream)
 std::string ErrorLine(const std::string& message)
 {
     return std::to_string(kErrorPriority) + " " + message;
-}
-
-bool PlainGetFiles(std::vector<fs::path>& files, const fs::path& directory,
-                   const std::string& extension)
-{
-    std::deque<std::string> queue{directory.string()};
-    boost::system::error_code code;
-    while (!queue.empty()) {
-        fs::directory_iterator entry(queue.front(), code);
-        queue.pop_front();
-        for (; entry != fs::directory_iterator(); ++entry) {
-            if (fs::is_directory(fs::status(entry->path(), code))) {
-                queue.push_back(entry->path().string());
-            } else if (fs::is_regular_file(entry->status())
-                       && entry->path().extension() == fs::path(extension)) {
-                files.push_back(entry->path().filename());
-            }
-        }
-    }
-    return !code;
-}
-
-int PlainGetDirSize(const fs::path& directory, std::vector<std::string>& lines)
-{
-    std::uint32_t total = 0;
-    std::deque<std::string> queue{directory.string()};
-    boost::system::error_code code;
-    while (!queue.empty()) {
-        fs::directory_iterator entry(queue.front(), code);
-        queue.pop_front();
-        while (entry != fs::directory_iterator()) {
-            if (fs::is_directory(fs::status(entry->path(), code))) {
-                queue.push_back(entry->path().string());
-            } else {
-                total += static_cast<std::uint32_t>(fs::file_size(entry->path()));
-            }
-            try {
-                ++entry;
-            } catch (const fs::filesystem_error& error) {
-                lines.push_back(
-                    ErrorLine(std::string("Error getting dir size, boost error ") + error.what()));
-                return 20971520;
-            }
-        }
-    }
-    if (code) {
-        lines.push_back(
-            ErrorLine("Error getting dir size, boost error " + std::to_string(code.value())));
-        return 0;
-    }
-    return static_cast<int>(total);
 }
 
 // Runs one call; its log lines are added by whoever knows them.
@@ -137,7 +85,11 @@ protected:
             [&] {
                 TSOutcome outcome;
                 m_prepare();
-                Record([&] { return PlainGetDirSize(start, outcome.m_lines); }, outcome);
+                std::vector<std::string> messages;
+                Record([&] { return PlainGetDirSize(start, messages); }, outcome);
+                for (const std::string& message : messages) {
+                    outcome.m_lines.push_back(ErrorLine(message));
+                }
                 return outcome;
             },
             [&] {
