@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <utility>
 
 #include <vconf.h>
 
@@ -71,6 +72,8 @@ int Request_NDF(char* processName, char* threadName)
     return Request_NDF(processName, threadName, 0);
 }
 
+// The signature is fixed: the path comes by value.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 int Request_NDF(artifactSendFlag flag, char* processName, char* threadName, std::string uploadPath,
                 int requestReboot)
 {
@@ -105,7 +108,7 @@ int Request_NDF(artifactSendFlag flag, char* processName, char* threadName, int 
 
 int Request_NDF(artifactSendFlag flag, char* processName, char* threadName, std::string uploadPath)
 {
-    return Request_NDF(flag, processName, threadName, uploadPath, 0);
+    return Request_NDF(flag, processName, threadName, std::move(uploadPath), 0);
 }
 
 int Request_NDF(artifactSendFlag flag, char* processName, char* threadName)
