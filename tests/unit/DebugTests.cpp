@@ -68,11 +68,14 @@ std::string ReadFile(const std::string& path)
     return contents.str();
 }
 
+// Not its directories: one may be this very checkout, which the sandbox leaves in its place.
 std::vector<std::string> FilesInTmp()
 {
     std::vector<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator("/tmp")) {
-        names.push_back(entry.path().filename());
+        if (!entry.is_directory()) {
+            names.push_back(entry.path().filename());
+        }
     }
     return names;
 }
@@ -125,7 +128,7 @@ private:
     {
         std::filesystem::remove_all("/etc/release");
         for (const std::string& name : FilesInTmp()) {
-            std::filesystem::remove_all("/tmp/" + name);
+            std::filesystem::remove("/tmp/" + name);
         }
     }
 };
