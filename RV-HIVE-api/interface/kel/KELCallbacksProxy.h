@@ -42,11 +42,14 @@ private:
 
     TCCallbacksProxy();
 
+    // Not exported: whether there is anything to export depends on the compiler.
     template <typename Function>
-    bool m_Set(int type, Function TCCallbacksProxy::*pMember, const Function& cb);
-    template <typename Function> bool m_Reset(int type, Function TCCallbacksProxy::*pMember);
+    KEL_HIDDEN bool m_Set(int type, Function TCCallbacksProxy::*pMember, const Function& cb);
     template <typename Function>
-    void m_Clear(Function TCCallbacksProxy::*pMember, Function& cleared) KEL_EXCLUDES(m_rwlock);
+    KEL_HIDDEN bool m_Reset(int type, Function TCCallbacksProxy::*pMember);
+    template <typename Function>
+    KEL_HIDDEN void m_Clear(Function TCCallbacksProxy::*pMember, Function& cleared)
+        KEL_EXCLUDES(m_rwlock);
 
     bool m_Callback(int type, const std::vector<unsigned char>& request,
                     std::vector<unsigned char>& response);
