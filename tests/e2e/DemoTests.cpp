@@ -91,7 +91,7 @@ TEST_F(Demo, FailsWhenThePolicyDoesNotArrive)
 TEST_F(Demo, FailsWhenAMonitorDoesNotHear)
 {
     const std::string kelctl
-        = "[ $1 != monitor ] || exec sleep 100; exec " KEL_BINARIES "/tools/kelctl/kelctl \"$@\"";
+        = "[ $1 != monitor ] || exec sleep 100; exec '" KEL_BINARIES "/tools/kelctl/kelctl' \"$@\"";
 
     const TSFinished ended = RunProgram({KEL_DEMO}, Environment(BinariesWithKelctl(kelctl)));
 
@@ -105,7 +105,7 @@ TEST_F(Demo, FailsWhenAMalformedPolicyIsNotRefused)
 {
     const TSFinished ended = RunProgram(
         {KEL_DEMO},
-        Environment(BinariesWithKelctl(KEL_BINARIES "/tools/kelctl/kelctl \"$@\" || :")));
+        Environment(BinariesWithKelctl("'" KEL_BINARIES "/tools/kelctl/kelctl' \"$@\" || :")));
 
     EXPECT_EQ(ended.m_exit, 1);
     EXPECT_THAT(ended.m_errorOutput,
