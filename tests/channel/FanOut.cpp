@@ -66,9 +66,8 @@ public:
     int Count() const
     {
         GVariant* const reply = g_dbus_connection_call_sync(
-            m_pConnection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-            "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1,
-            nullptr, nullptr);
+            m_pConnection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+            "GetId", nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
         EXPECT_NE(reply, nullptr);
         if (reply != nullptr) {
             g_variant_unref(reply);
