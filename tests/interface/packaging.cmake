@@ -1,0 +1,25 @@
+# What starts the agent on a machine: the activation file, the systemd unit, the drop directories.
+function(kel_add_packaging_test name case)
+    add_test(NAME interface.${name}
+        COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/check-packaging ${case}
+            ${PROJECT_BINARY_DIR} ${CMAKE_CURRENT_BINARY_DIR}/packaging-${case} ${CMAKE_INSTALL_SBINDIR})
+    set_tests_properties(interface.${name} PROPERTIES TIMEOUT 120 LABELS interface)
+endfunction()
+
+kel_add_packaging_test(TheBusAndSystemdStartTheAgentThatIsInstalled names)
+kel_add_packaging_test(SystemdTakesTheUnitWithoutAWarning verify)
+kel_add_packaging_test(TheUnitStaysAsHardAsTheAgentAllows exposure)
+kel_add_packaging_test(TheDropDirectoriesAreMadeAtBootAndNotCleaned directories)
+kel_add_packaging_test(ABusWithoutSystemdStartsTheInstalledAgent bus)
+kel_add_packaging_test(ABusWithSystemdAsksForTheUnit bus-with-systemd)
+
+# Installing writes into the build: one at a time.
+set_tests_properties(
+    interface.TheInstalledTreeIsEnoughForAProgramFromOutside
+    interface.TheBusAndSystemdStartTheAgentThatIsInstalled
+    interface.SystemdTakesTheUnitWithoutAWarning
+    interface.TheUnitStaysAsHardAsTheAgentAllows
+    interface.TheDropDirectoriesAreMadeAtBootAndNotCleaned
+    interface.ABusWithoutSystemdStartsTheInstalledAgent
+    interface.ABusWithSystemdAsksForTheUnit
+    PROPERTIES RESOURCE_LOCK installation)
