@@ -27,6 +27,10 @@ enum EAnswer { Accepted = 0, NotWellFormed = 1, NotStored = 2 };
 constexpr long long kNameTimeout = 5LL * G_USEC_PER_SEC;
 constexpr unsigned int kNameTick = 20; // ms
 
+// An application that was there before us learns of us from the bus, as we do, and its "Hello" is
+// still on its way when the policy that the bus has started us for is accepted.
+constexpr unsigned int kIntroductionTime = 500; // ms
+
 // A source of the default main context; gone with its scope, unless it has removed itself.
 class TCSource
 {
@@ -47,9 +51,11 @@ private:
 
 } // namespace
 
-TCAgent::TCAgent(bool test, const std::string& stateDirectory)
+TCAgent::TCAgent(bool test, const std::string& stateDirectory,
+                 const TCReportStore::TSLimits& limits)
     : m_store(stateDirectory), m_pLoop(g_main_loop_new(nullptr, FALSE)), m_nameDeadline(0),
-      m_ok(true), m_server(test), m_announcer(m_server)
+      m_ok(true), m_server(test), m_announcer(m_server),
+      m_collector(m_server, stateDirectory, limits)
 {
     m_server.SetCallback(kSetPolicyType, boost::bind(&TCAgent::m_SetPolicy, this, _1, _2));
 }
@@ -70,6 +76,7 @@ bool TCAgent::Run()
     const TCSource readiness(g_timeout_add(kNameTick, &TCAgent::m_OnReadinessTick, this));
     g_main_loop_run(m_pLoop);
     m_announcer.Stop(); // here, where our signals still have handlers
+    m_collector.Stop();
     return m_ok;
 }
 
@@ -131,7 +138,7 @@ int TCAgent::m_OnReadinessTick(void* agent)
     TCAgent* const pAgent = static_cast<TCAgent*>(agent);
     if (pAgent->m_server.IsReady()) {
         std::fprintf(stderr, "kel-agent: ready\n");
-        pAgent->m_announcer.Open();
+        g_timeout_add(kIntroductionTime, &TCAgent::m_OnIntroduced, pAgent);
         return G_SOURCE_REMOVE;
     }
     if (g_get_monotonic_time() < pAgent->m_nameDeadline) {
@@ -140,6 +147,14 @@ int TCAgent::m_OnReadinessTick(void* agent)
     std::fprintf(stderr, "kel-agent: cannot own the agent's name on the system bus: "
                          "another agent has it, or the bus forbids it\n");
     pAgent->m_End(false);
+    return G_SOURCE_REMOVE;
+}
+
+int TCAgent::m_OnIntroduced(void* agent)
+{
+    TCAgent* const pAgent = static_cast<TCAgent*>(agent);
+    pAgent->m_announcer.Open();
+    pAgent->m_collector.Open();
     return G_SOURCE_REMOVE;
 }
 

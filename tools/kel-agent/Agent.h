@@ -6,7 +6,9 @@
 #include <kel/KELDbusServer.h>
 
 #include "Announcer.h"
+#include "Collector.h"
 #include "PolicyStore.h"
+#include "ReportStore.h"
 
 typedef struct _GMainLoop GMainLoop;
 
@@ -14,15 +16,17 @@ namespace kel {
 namespace agent {
 
 /// The agent: serves the channel from construction on, as long as Run() runs. It tells all
-/// applications of a policy that it has accepted, and asks them for process information on SIGUSR1.
+/// applications of a policy that it has accepted, asks them for process information on SIGUSR1, and
+/// collects the reports that they ask for.
 ///
 /// Threads: made, run and destroyed on one thread, which iterates the default main context.
 class TCAgent
 {
 public:
     /// @param test            serve the test channel.
-    /// @param stateDirectory  where the policy is kept.
-    TCAgent(bool test, const std::string& stateDirectory);
+    /// @param stateDirectory  where the policy and the reports are kept.
+    /// @param limits          of the reports.
+    TCAgent(bool test, const std::string& stateDirectory, const TCReportStore::TSLimits& limits);
     ~TCAgent();
     TCAgent(const TCAgent&) = delete;
     TCAgent& operator=(const TCAgent&) = delete;
@@ -43,13 +47,16 @@ private:
     static int m_OnInformationSignal(void* agent);
     static int m_OnPolicyAccepted(void* agent);
     static int m_OnReadinessTick(void* agent);
+    static int m_OnIntroduced(void* agent);
 
     TCPolicyStore m_store;
     GMainLoop* const m_pLoop; // released by the destructor
     long long m_nameDeadline; // in the monotonic clock's microseconds
     bool m_ok;
-    TCDbusServer m_server;   // behind what its callbacks use
-    TCAnnouncer m_announcer; // last, because no send may be under way when the server goes
+    TCDbusServer m_server; // behind what its callbacks use
+    // Last, because no send may be under way when the server goes.
+    TCAnnouncer m_announcer;
+    TCCollector m_collector;
 };
 
 } // namespace agent

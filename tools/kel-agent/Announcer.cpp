@@ -1,7 +1,6 @@
 #include "Announcer.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 
 namespace kel {
@@ -10,10 +9,6 @@ namespace agent {
 namespace {
 
 constexpr int kAnswerTimeout = 5000; // milliseconds
-
-// An application that was there before us learns of us from the bus, as we do, and its "Hello" is
-// still on its way when the policy that the bus has started us for is accepted.
-constexpr std::chrono::milliseconds kIntroductionTime(500);
 
 const char* Name(ICallbacks::ECallbackType event)
 {
@@ -60,7 +55,6 @@ void TCAnnouncer::m_Run()
 {
     std::unique_lock<std::mutex> lock(m_mutex);
     m_changed.wait(lock, [this] { return m_stopped || m_open; });
-    m_changed.wait_for(lock, kIntroductionTime, [this] { return m_stopped; });
     for (;;) {
         m_changed.wait(lock, [this] { return m_stopped || !m_waiting.empty(); });
         if (m_stopped) {

@@ -24,8 +24,7 @@ public:
     TCAnnouncer(const TCAnnouncer&) = delete;
     TCAnnouncer& operator=(const TCAnnouncer&) = delete;
 
-    /// Lets the events out, once the server is ready: first of all, applications that have waited
-    /// for an agent get a moment to introduce themselves.
+    /// Lets the events out, once the server is ready.
     void Open();
 
     /// Has an event sent, behind those that wait, and its two counts written to standard error.

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,12 +18,19 @@ namespace {
 constexpr char kDefaultStateDirectory[] = "/var/lib/kel-agent";
 constexpr int kWrongUsage = 2;
 
-int Serve(bool test, const std::string& stateDirectory)
+constexpr size_t kMaxReports = 4096;
+constexpr uint64_t kMaxBytes = 256U << 20;
+constexpr uint64_t kLeastBytes = 64U << 10; // a report needs some room besides its artefact
+
+int Serve(bool test, const std::string& stateDirectory,
+          const kel::agent::TCReportStore::TSLimits& limits)
 {
     std::signal(SIGPIPE, SIG_IGN); // whoever reads our standard error may be gone
     std::signal(SIGUSR1, SIG_IGN); // until the agent handles it, there is nobody to ask
+    std::signal(SIGIO, SIG_IGN);   // comes to whom has a lease on a file that is then opened
     try {
-        return kel::agent::TCAgent(test, stateDirectory).Run() ? EXIT_SUCCESS : EXIT_FAILURE;
+        return kel::agent::TCAgent(test, stateDirectory, limits).Run() ? EXIT_SUCCESS
+                                                                       : EXIT_FAILURE;
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "kel-agent: %s\n", failure.what());
         return EXIT_FAILURE;
@@ -33,12 +41,23 @@ int Serve(bool test, const std::string& stateDirectory)
 
 int main(int argc, char** argv)
 {
-    CLI::App app("Reference agent: takes the reporting policy that applications set.", "kel-agent");
+    CLI::App app("Reference agent: takes the reporting policy that applications set, and collects "
+                 "the reports that they ask for.",
+                 "kel-agent");
     std::string stateDirectory(kDefaultStateDirectory);
+    kel::agent::TCReportStore::TSLimits limits = {kMaxReports, kMaxBytes};
     bool test = false;
     app.set_version_flag("--version", std::string("kel-agent " KEL_VERSION), "Print the version");
-    app.add_option("--state-dir", stateDirectory, "The directory that keeps the policy")
+    app.add_option("--state-dir", stateDirectory, "The directory that keeps policy and reports")
         ->type_name("DIR")
+        ->capture_default_str();
+    app.add_option("--max-reports", limits.m_reports, "Drop the oldest reports beyond so many")
+        ->type_name("N")
+        ->check(CLI::Range(size_t(1), size_t(1) << 30).description(""))
+        ->capture_default_str();
+    app.add_option("--max-bytes", limits.m_bytes, "Drop the oldest reports beyond so many bytes")
+        ->type_name("N")
+        ->check(CLI::Range(kLeastBytes, uint64_t(1) << 62).description(""))
         ->capture_default_str();
     app.add_flag("--test", test, "Serve the test channel");
     app.failure_message([](const CLI::App*, const CLI::Error& error) {
@@ -56,5 +75,5 @@ int main(int argc, char** argv)
         && errno != EEXIST) {
         std::fprintf(stderr, "kel-agent: %s: %s\n", kDefaultStateDirectory, std::strerror(errno));
     }
-    return Serve(test, stateDirectory);
+    return Serve(test, stateDirectory, limits);
 }

@@ -1,0 +1,86 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <set>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <kel/IDbusServer.h>
+
+#include "Files.h"
+#include "ReportStore.h"
+#include "ReportText.h"
+#include "RequestDrop.h"
+#include "RequestSlot.h"
+
+namespace kel {
+namespace agent {
+
+/// Collects what applications have asked for: watches the places where they leave requests, and
+/// makes a report of each, once. It works on a thread of its own, in the idle scheduling class.
+///
+/// A request stays where it is until its report has reached the disk. While there can be none, as
+/// long as the disk is full, say, it waits, and a line in the log tells why.
+///
+/// Threads: made, opened, stopped and destroyed on one thread.
+class TCCollector
+{
+public:
+    /// @param server  asked to ask the applications; outlives this object.
+    TCCollector(IDbusServer& server, const std::string& stateDirectory,
+                const TCReportStore::TSLimits& limits);
+    ~TCCollector();
+    TCCollector(const TCCollector&) = delete;
+    TCCollector& operator=(const TCCollector&) = delete;
+
+    /// Begins to collect.
+    void Open();
+
+    /// Returns when nothing is collected any more: the report under way is finished first.
+    void Stop();
+
+private:
+    /// A request that was found, and is not taken yet.
+    struct TSFound
+    {
+        TCRequestDrop* m_pDrop; // null: the slot
+        std::string m_name;
+
+        std::string Source() const;
+        bool operator<(const TSFound& other) const;
+    };
+
+    void m_Run();
+    void m_WaitForRequests(bool soon);
+    bool m_Collect();
+    std::vector<TSFound> m_Find(bool& unfinished);
+    void m_AskApplications();
+    void m_ReadKernelLog();
+    bool m_Serve(const TSFound& found, std::string& reason);
+    bool m_Report(const TSRequest& request, std::string& reason);
+    void m_AddArtefact(const TCReportDraft& draft, uint64_t room, TSReport& report);
+    void m_LetWait(const TSFound& found, const std::string& reason);
+    bool m_IsStopped() const;
+
+    IDbusServer& m_server;
+    TCReportStore m_store;
+    std::array<TCRequestDrop, 2> m_drops;
+    TCRequestSlot m_slot;
+
+    // What is known when a report is made.
+    std::pair<size_t, size_t> m_applications;
+    std::vector<std::string> m_kernelLines; // not in any report yet
+    std::set<TSFound> m_waiting;            // whose reason to wait was told
+    std::string m_lastStamp;                // of the request whose report is the newest
+
+    TCDescriptor m_changes; // of the drop directories
+    TCDescriptor m_stop;    // readable from Stop() on
+
+    std::thread m_thread;
+};
+
+} // namespace agent
+} // namespace kel

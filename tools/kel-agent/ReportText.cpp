@@ -1,0 +1,121 @@
+#include "ReportText.h"
+
+#include <nlohmann/json.hpp>
+
+#include <kel/KELCachingUtils.h>
+#include <kel/KELDirsManager.h>
+
+#include "Files.h"
+
+namespace kel {
+namespace agent {
+
+namespace {
+
+using TJson = nlohmann::ordered_json;
+
+constexpr int kIndent = 2;
+
+template <typename Value> TJson OrNull(const std::optional<Value>& value)
+{
+    return value ? TJson(*value) : TJson();
+}
+
+TJson DescribeRequest(const TSRequest& request)
+{
+    TJson text;
+    text["source"] = request.m_source;
+    text["name"] = request.m_name;
+    text["process"] = request.m_process;
+    text["thread"] = request.m_thread;
+    text["mode"] = OrNull(request.m_mode);
+    text["reboot"] = OrNull(request.m_reboot);
+    text["cut"] = request.m_cut;
+    text["upload-path"] = OrNull(request.m_uploadPath);
+    text["user"] = OrNull(request.m_user);
+    text["filed"] = IsoTime(request.m_filed);
+    text["stamp"] = request.m_stamp;
+    return text;
+}
+
+TJson DescribeArtefact(const TSReport& report)
+{
+    if (report.m_artefactSize) {
+        return {{"file", kArtefactFile}, {"bytes", *report.m_artefactSize}};
+    }
+    if (!report.m_noArtefact.empty()) {
+        return {{"reason", report.m_noArtefact}};
+    }
+    return TJson();
+}
+
+// A USB stick's policy is told by the device mode alone: the path is that of the device's own.
+TJson DescribePolicy()
+{
+    TJson text;
+    text["path"] = TCDirsManager::GetPolicyXmlPath();
+    text["policy-mode"] = TCDirsManager::GetPolicyMode();
+    text["device-mode"] = TCDirsManager::GetKELMode();
+    return text;
+}
+
+TJson DescribeSystem()
+{
+    constexpr std::pair<const char*, system_info_key_e> texts[] = {
+        {"model", SYSTEM_INFO_KEY_MODEL},
+        {"platform-name", SYSTEM_INFO_KEY_PLATFORM_NAME},
+        {"platform-version", SYSTEM_INFO_KEY_PLATFORM_VERSION},
+        {"build", SYSTEM_INFO_KEY_BUILD_STRING},
+        {"kernel", SYSTEM_INFO_KEY_KERNEL_NAME},
+        {"kernel-release", SYSTEM_INFO_KEY_KERNEL_RELEASE},
+        {"machine", SYSTEM_INFO_KEY_MACHINE},
+    };
+    constexpr std::pair<const char*, system_info_key_e> numbers[] = {
+        {"cores", SYSTEM_INFO_KEY_CORES},
+        {"memory-mib", SYSTEM_INFO_KEY_MEMORY_MIB},
+        {"page-size", SYSTEM_INFO_KEY_PAGE_SIZE},
+    };
+    TJson description = TJson::object();
+    for (const auto& [name, key] : texts) {
+        std::string value;
+        if (TCHtCachingUtils::GetSystemInfoKeyCached(key, value)) {
+            description[name] = value;
+        }
+    }
+    for (const auto& [name, key] : numbers) {
+        int value = 0;
+        if (TCHtCachingUtils::GetSystemInfoKeyCached(key, value)) {
+            description[name] = value;
+        }
+    }
+    return description;
+}
+
+} // namespace
+
+std::string Describe(const TSReport& report)
+{
+    TJson text;
+    text["id"] = report.m_id;
+    text["time"] = IsoTime(report.m_time);
+    text["request"] = DescribeRequest(report.m_request);
+    text["artefact"] = DescribeArtefact(report);
+    text["applications"]
+        = {{"handled", report.m_applications.first}, {"failed", report.m_applications.second}};
+    text["kernel-log"] = {{"file", report.m_kernelLines > 0 ? TJson(kKernelLogFile) : TJson()},
+                          {"lines", report.m_kernelLines}};
+    text["policy"] = DescribePolicy();
+    text["system"] = DescribeSystem();
+    return text.dump(kIndent, ' ', false, TJson::error_handler_t::replace) + "\n";
+}
+
+std::string StampIn(const std::string& text)
+{
+    const TJson report = TJson::parse(text, nullptr, false);
+    const auto stamp = TJson::json_pointer("/request/stamp");
+    return report.contains(stamp) && report[stamp].is_string() ? report[stamp].get<std::string>()
+                                                               : std::string();
+}
+
+} // namespace agent
+} // namespace kel

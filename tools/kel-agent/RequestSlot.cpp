@@ -1,0 +1,137 @@
+#include "RequestSlot.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <utility>
+
+// Not the library's look-up, which asks for each key once and keeps what it got.
+#include <vconf.h>
+
+#include "Files.h"
+
+namespace kel {
+namespace agent {
+
+namespace {
+
+constexpr char kTakenFile[] = "slot-request";
+constexpr char kNewFile[] = ".slot-request.new";
+constexpr mode_t kMode = 0600;
+constexpr size_t kMostOfAValue = 4096;
+
+std::string ReadKey()
+{
+    const std::unique_ptr<char, void (*)(void*)> value(vconf_get_str(TCRequestSlot::kKey),
+                                                       &std::free);
+    return value ? std::string(value.get()).substr(0, kMostOfAValue) : std::string();
+}
+
+} // namespace
+
+TCRequestSlot::TCRequestSlot(const std::string& stateDirectory)
+    : m_stateDirectory(stateDirectory), m_resumed(false)
+{}
+
+std::string TCRequestSlot::Waiting()
+{
+    std::string taken;
+    struct stat status;
+    const bool isTaken = m_ReadTaken(taken, status);
+    std::string value = ReadKey();
+    if (!m_resumed) {
+        m_resumed = true;
+        if (isTaken && value == taken) { // killed before it could empty the key
+            vconf_set_str(kKey, "");
+        }
+    }
+    if (isTaken) {
+        return taken;
+    }
+    if (value != m_stuck) {
+        m_stuck.clear();
+        return value;
+    }
+    return "";
+}
+
+bool TCRequestSlot::Take(TSRequest& request, std::string& reason)
+{
+    std::string value;
+    struct stat status;
+    if (!m_ReadTaken(value, status)) {
+        value = ReadKey();
+        if (value.empty() || !m_WriteTaken(value, reason) || !m_ReadTaken(value, status)) {
+            return false;
+        }
+        if (vconf_set_str(kKey, "") != 0) {
+            m_stuck = value;
+            std::fprintf(stderr,
+                         "kel-agent: %s cannot be emptied: the same request once more "
+                         "will not be seen\n",
+                         kKey);
+        }
+    }
+
+    TSRequest read;
+    if (!ReadSlotValue(value, read)) {
+        std::fprintf(stderr, "kel-agent: %s in %s ignored: it is not of the form of a request\n",
+                     Printable(value).c_str(), kKey);
+        Remove();
+        return false;
+    }
+    read.m_source = kKey;
+    read.m_name = value;
+    read.m_filed = status.st_mtim;
+    read.m_stamp = Stamp(status);
+    request = std::move(read);
+    return true;
+}
+
+void TCRequestSlot::Remove()
+{
+    const std::string path = m_stateDirectory + "/" + kTakenFile;
+    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+        std::fprintf(stderr, "kel-agent: %s cannot be removed: %s\n", path.c_str(),
+                     std::strerror(errno));
+    }
+}
+
+bool TCRequestSlot::m_ReadTaken(std::string& value, struct stat& status) const
+{
+    const std::string path = m_stateDirectory + "/" + kTakenFile;
+    const TCDescriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    char content[kMostOfAValue];
+    const ssize_t size = file.IsOpen() && fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode)
+                             ? read(file.Get(), content, sizeof(content))
+                             : -1;
+    if (size <= 0) {
+        return false;
+    }
+    value.assign(content, static_cast<size_t>(size));
+    return true;
+}
+
+bool TCRequestSlot::m_WriteTaken(const std::string& value, std::string& reason) const
+{
+    const TCDescriptor directory(
+        open(m_stateDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directory.IsOpen() && WriteNewFile(directory.Get(), kNewFile, value, kMode)
+        && renameat(directory.Get(), kNewFile, directory.Get(), kTakenFile) == 0
+        && fsync(directory.Get()) == 0) {
+        return true;
+    }
+    reason = m_stateDirectory + ": " + std::strerror(errno);
+    if (directory.IsOpen()) {
+        unlinkat(directory.Get(), kNewFile, 0);
+    }
+    return false;
+}
+
+} // namespace agent
+} // namespace kel
