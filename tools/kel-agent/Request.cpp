@@ -41,13 +41,17 @@ bool TakeOff(std::string& text, const std::string& end)
     return true;
 }
 
+bool IsNumber(const std::string& text)
+{
+    const size_t digits = !text.empty() && text[0] == '-' ? 1 : 0;
+    return text.size() > digits
+           && text.find_first_not_of("0123456789", digits) == std::string::npos;
+}
+
 } // namespace
 
 bool ReadFileName(const std::string& name, size_t cutSize, TSRequest& request)
 {
-    if (name.empty() || name[0] == '.') {
-        return false;
-    }
     std::string names = name;
     const bool hasSuffix = TakeOff(names, kSuffix);
     const auto mode = std::find_if(std::begin(kModes), std::end(kModes), [&](const char* word) {
@@ -72,21 +76,17 @@ bool ReadFileName(const std::string& name, size_t cutSize, TSRequest& request)
 
 bool ReadSlotValue(const std::string& value, TSRequest& request)
 {
+    std::string names = value;
     const size_t at = value.rfind('|');
-    const bool isNumber = at != std::string::npos && at + 1 < value.size()
-                          && value.find_first_not_of("0123456789", at + 1 + (value[at + 1] == '-'))
-                                 == std::string::npos
-                          && value.back() != '-';
-    const std::string names = isNumber ? value.substr(0, at) : value;
-    if (isNumber && names.find('|') != std::string::npos) {
-        // Any number but zero asks for a reboot.
-        request.m_reboot = value.find_first_of("123456789", at) != std::string::npos;
+    if (at != std::string::npos && value.find('|') < at && IsNumber(value.substr(at + 1))) {
+        names.resize(at);
+        request.m_reboot = value.find_first_not_of("-0", at + 1) != std::string::npos;
     } else if (value.size() == kSlotCutSize) {
         request.m_cut = true;
     } else {
         return false;
     }
-    const TSNames split = Split(request.m_cut ? value : names, '|');
+    const TSNames split = Split(names, '|');
     request.m_process = split.process;
     request.m_thread = split.thread;
     return true;
