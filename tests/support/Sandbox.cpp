@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,7 +12,6 @@
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
-#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -57,34 +57,56 @@ void MountEtc()
     Check(rmdir(staging.c_str()) == 0, "removing " + staging);
 }
 
-// Directories that stay visible at their place, should that be inside one that is hidden: what
-// the tests read was not put there by chance.
+// The source and build trees stay visible at their place, should that be inside a directory that is
+// hidden: what the tests read was not put there by chance. The sources cannot be written then, so
+// that a test which empties its private "/tmp" leaves them alone.
 class KeptDirectories
 {
 public:
     KeptDirectories()
+        : m_source(open(KEL_SOURCE_DIR, O_PATH | O_DIRECTORY | O_CLOEXEC)),
+          m_build(open(KEL_BINARY_DIR, O_PATH | O_DIRECTORY | O_CLOEXEC))
+    {}
+    ~KeptDirectories()
     {
-        for (const char* const path : {KEL_SOURCE_DIR, KEL_BINARY_DIR}) {
-            m_directories.emplace_back(path, open(path, O_PATH | O_DIRECTORY | O_CLOEXEC));
-        }
+        close(m_source);
+        close(m_build);
     }
+    KeptDirectories(const KeptDirectories&) = delete;
+    KeptDirectories& operator=(const KeptDirectories&) = delete;
 
     /// Call it when the others are hidden.
     void Restore()
     {
-        for (const auto& [path, handle] : m_directories) {
-            if (handle >= 0 && !std::filesystem::exists(path)) {
-                std::filesystem::create_directories(path);
-                const std::string hidden = "/proc/self/fd/" + std::to_string(handle);
-                Check(mount(hidden.c_str(), path.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0,
-                      "mounting " + path);
-            }
-            close(handle);
+        const bool sourceIsHidden = !std::filesystem::exists(KEL_SOURCE_DIR);
+        const bool buildIsHidden = !std::filesystem::exists(KEL_BINARY_DIR);
+        if (sourceIsHidden) {
+            Bind(m_source, KEL_SOURCE_DIR);
+            struct statvfs status;
+            Check(statvfs(KEL_SOURCE_DIR, &status) == 0, "looking at the sources");
+            // What holds for the machine's mount has to hold for this one.
+            const unsigned long kept = status.f_flag & (MS_NOSUID | MS_NODEV | MS_NOEXEC);
+            Check(mount(nullptr, KEL_SOURCE_DIR, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY | kept,
+                        nullptr)
+                      == 0,
+                  "protecting the sources");
+        }
+        if (buildIsHidden) { // behind the sources, which may have it inside
+            Bind(m_build, KEL_BINARY_DIR);
         }
     }
 
 private:
-    std::vector<std::pair<std::string, int>> m_directories;
+    static void Bind(int hidden, const char* path)
+    {
+        std::filesystem::create_directories(path);
+        const std::string source = "/proc/self/fd/" + std::to_string(hidden);
+        Check(mount(source.c_str(), path, nullptr, MS_BIND | MS_REC, nullptr) == 0,
+              std::string("mounting ") + path);
+    }
+
+    const int m_source;
+    const int m_build;
 };
 
 // Whether this machine lets the command make a namespace.
