@@ -1,5 +1,5 @@
-# Part of the installation: writes the files that say how the agent (KEL_AGENT_PATH) is started, from
-# the templates in "packaging" into "written". Each reader has its own rules for odd characters.
+# Part of the installation: writes the files that say how the agent (KEL_AGENT_PATH) is started,
+# from the templates in "packaging" into "written". Each reader has its own rules for odd characters.
 set(KEL_AGENT_EXEC "${KEL_AGENT_PATH}")
 set(KEL_AGENT_UNIT_PATH "${KEL_AGENT_PATH}")
 if(KEL_AGENT_PATH MATCHES "[^A-Za-z0-9/._+-]")
