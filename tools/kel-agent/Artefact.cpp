@@ -29,11 +29,17 @@ class TCBorrowedRights
 {
 public:
     explicit TCBorrowedRights(const TSRequester& requester)
+        : m_borrowed(requester.m_user == geteuid())
     {
+        if (m_borrowed) {
+            return; // they are ours
+        }
         setfsgid(requester.m_group);
         setfsuid(requester.m_user);
         // They tell of no failure, but what is in force: an invalid id changes nothing.
-        m_borrowed = static_cast<uid_t>(setfsuid(static_cast<uid_t>(-1))) == requester.m_user;
+        m_borrowed = static_cast<uid_t>(setfsuid(static_cast<uid_t>(-1))) == requester.m_user
+                     && static_cast<gid_t>(setfsgid(static_cast<gid_t>(-1))) == requester.m_group
+                     && getgroups(0, nullptr) == 0; // see LeaveGroups()
     }
     ~TCBorrowedRights()
     {
@@ -90,8 +96,8 @@ uint64_t FreeSpace(const std::string& path)
 
 void LeaveGroups()
 {
-    // Not setgroups(), which speaks for all threads of the process. Without the privilege this
-    // fails, and so does taking another user's rights.
+    // Not setgroups(), which speaks for all threads of the process. Without the privilege it fails,
+    // and nobody else's rights are taken.
     syscall(SYS_setgroups, 0, nullptr);
 }
 
