@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <exception>
 #include <iterator>
 #include <tuple>
 #include <utility>
@@ -27,6 +28,8 @@ namespace agent {
 
 namespace {
 
+constexpr char kDrop[] = "/tmp/kel_NDF";
+constexpr char kRebootDrop[] = "/tmp/kel_NDF_reboot";
 constexpr size_t kPathCutSize = 126; // of a request file's path, by the library
 
 constexpr int kAnswerTimeout = 5000; // of the applications, in ms
@@ -82,9 +85,8 @@ bool TCCollector::TSFound::operator<(const TSFound& other) const
 TCCollector::TCCollector(IDbusServer& server, const std::string& stateDirectory,
                          const TCReportStore::TSLimits& limits)
     : m_server(server),
-      m_store(stateDirectory, limits), m_drops{TCRequestDrop("/tmp/kel_NDF_reboot", true,
-                                                             kPathCutSize),
-                                               TCRequestDrop("/tmp/kel_NDF", false, kPathCutSize)},
+      m_store(stateDirectory, limits), m_drops{TCRequestDrop(kRebootDrop, true, kPathCutSize),
+                                               TCRequestDrop(kDrop, false, kPathCutSize)},
       m_slot(stateDirectory), m_changes(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)),
       m_stop(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
 {}
@@ -106,7 +108,13 @@ void TCCollector::m_Run()
     LeaveGroups();
     TCDirsManager::Initialize();
     while (!m_IsStopped()) {
-        m_WaitForRequests(m_Collect());
+        bool unfinished = false;
+        try {
+            unfinished = m_Collect();
+        } catch (const std::exception& failure) { // out of memory, say: what waits goes on waiting
+            std::fprintf(stderr, "kel-agent: collecting: %s\n", failure.what());
+        }
+        m_WaitForRequests(unfinished);
     }
 }
 
