@@ -20,8 +20,8 @@ namespace agent {
 
 namespace {
 
-constexpr boost::filesystem::perms kPermissions
-    = boost::filesystem::owner_read | boost::filesystem::owner_write;
+constexpr mode_t kMode = 0600;
+constexpr size_t kBlock = 64U << 10;
 constexpr uint64_t kSpareRoom = 1U << 20; // for the rest of the report
 
 // This thread's access to files is another user's, for the length of a scope.
@@ -79,11 +79,41 @@ TCDescriptor Open(const std::string& path, const TSRequester& requester, struct 
         reason = "it is no regular file";
         return TCDescriptor();
     }
-    TCDescriptor file(open(PathOf(place).c_str(), O_RDONLY | O_CLOEXEC));
+    // The kernel has regular files that wait for content, when they are let.
+    TCDescriptor file(open(PathOf(place).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (!file.IsOpen()) {
         reason = std::strerror(errno);
     }
     return file;
+}
+
+// Copies all there is, to the disk, but no more than there is room for.
+bool Copy(int from, int to, uint64_t room, uint64_t& size, std::string& reason)
+{
+    std::string block;
+    uint64_t copied = 0;
+    for (;;) {
+        block.resize(kBlock);
+        const ssize_t n = read(from, block.data(), block.size());
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        block.resize(n > 0 ? static_cast<size_t>(n) : 0);
+        if (copied + block.size() > room) {
+            reason = "it has more bytes than it tells of, and there is room for "
+                     + std::to_string(room);
+            return false;
+        }
+        if (n < 0 || !WriteAll(to, block) || (n == 0 && fsync(to) != 0)) {
+            reason = std::strerror(errno);
+            return false;
+        }
+        if (n == 0) {
+            size = copied;
+            return true;
+        }
+        copied += block.size();
+    }
 }
 
 uint64_t FreeSpace(const std::string& path)
@@ -124,18 +154,14 @@ bool CopyArtefact(const std::string& path, const TSRequester& requester,
                  + std::to_string(room);
         return false;
     }
-    // The library copies the mode, too, which is the stranger's.
-    const bool done = TSFileSystem::CopyFile(PathOf(file), destination, false)
-                      && TSFileSystem::SetPermissions(destination, kPermissions, -1, -1);
-    const TCDescriptor copy(open(destination.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    struct stat copied;
-    if (!done || !copy.IsOpen() || fsync(copy.Get()) != 0 || fstat(copy.Get(), &copied) != 0) {
-        reason = "it could not be copied";
-    } else if (static_cast<uint64_t>(copied.st_size) > room) {
-        reason = "it has grown, and there is no room for it";
-    } else {
-        size = static_cast<uint64_t>(copied.st_size);
+    // Not the library's copy, which ends where the file ends: some have no end, and others grow.
+    const TCDescriptor copy(
+        open(destination.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMode));
+    if (copy.IsOpen() && Copy(file.Get(), copy.Get(), room, size, reason)) {
         return true;
+    }
+    if (!copy.IsOpen()) {
+        reason = std::strerror(errno);
     }
     TSFileSystem::RemoveFile(destination);
     return false;

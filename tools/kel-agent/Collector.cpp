@@ -217,18 +217,17 @@ bool TCCollector::m_Serve(const TSFound& found, std::string& reason)
     if (!taken) {
         return true;
     }
-    // A killed agent may have got as far as that.
-    if (m_lastStamp.empty()) {
-        m_lastStamp = StampIn(ReadReport(m_store.Newest()));
+    // A killed agent may have got as far as that; its last request need not be our first.
+    if (m_reported.empty()) {
+        m_reported.insert(StampIn(ReadReport(m_store.Newest())));
     }
-    if (request.m_stamp != m_lastStamp && !m_Report(request, reason)) {
+    if (m_reported.count(request.m_stamp) == 0 && !m_Report(request, reason)) {
         return false;
     }
-    m_lastStamp = request.m_stamp;
-    if (found.m_pDrop != nullptr) {
-        found.m_pDrop->Remove(request);
-    } else {
-        m_slot.Remove();
+    const bool removed
+        = found.m_pDrop != nullptr ? found.m_pDrop->Remove(request) : m_slot.Remove();
+    if (!removed) {
+        m_reported.insert(request.m_stamp);
     }
     return true;
 }

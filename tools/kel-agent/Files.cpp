@@ -19,19 +19,6 @@ namespace {
 
 constexpr mode_t kPermissions = 07777;
 
-bool WriteAll(int descriptor, const std::string& text)
-{
-    size_t written = 0;
-    while (written < text.size()) {
-        const ssize_t n = write(descriptor, text.data() + written, text.size() - written);
-        if (n < 0 && errno != EINTR) {
-            return false;
-        }
-        written += n > 0 ? static_cast<size_t>(n) : 0;
-    }
-    return true;
-}
-
 bool IsSameFile(int a, int b)
 {
     struct stat first;
@@ -58,6 +45,19 @@ void TCDescriptor::Reset(int descriptor)
         close(m_descriptor);
     }
     m_descriptor = descriptor;
+}
+
+bool WriteAll(int descriptor, const std::string& text)
+{
+    size_t written = 0;
+    while (written < text.size()) {
+        const ssize_t n = write(descriptor, text.data() + written, text.size() - written);
+        if (n < 0 && errno != EINTR) {
+            return false;
+        }
+        written += n > 0 ? static_cast<size_t>(n) : 0;
+    }
+    return true;
 }
 
 bool WriteNewFile(int directory, const std::string& name, const std::string& text, mode_t mode)

@@ -29,6 +29,11 @@ private:
     int m_descriptor;
 };
 
+/// Writes to an open file.
+///
+/// @return true on success, otherwise false with errno set; part of the text may be written.
+bool WriteAll(int descriptor, const std::string& text);
+
 /// Writes a file that reaches the disk. There is never one of this name before: what a killed
 /// agent, or anyone else, has left there is removed, not written to.
 ///

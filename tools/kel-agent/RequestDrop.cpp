@@ -123,12 +123,14 @@ bool TCRequestDrop::Take(const std::string& name, TSRequest& request)
     return m_Read(name, request);
 }
 
-void TCRequestDrop::Remove(const TSRequest& request)
+bool TCRequestDrop::Remove(const TSRequest& request)
 {
     if (unlinkat(m_taken.Get(), request.m_name.c_str(), 0) != 0 && errno != ENOENT) {
         std::fprintf(stderr, "kel-agent: %s in %s cannot be removed: %s\n",
                      Printable(request.m_name).c_str(), m_path.c_str(), std::strerror(errno));
+        return false;
     }
+    return true;
 }
 
 bool TCRequestDrop::m_IsRequest(const std::string& name, bool& unfinished, timespec& filed)

@@ -43,7 +43,9 @@ public:
     bool Take(const std::string& name, TSRequest& request);
 
     /// Removes one that was taken.
-    void Remove(const TSRequest& request);
+    ///
+    /// @return true on success, otherwise false with a line in the log.
+    bool Remove(const TSRequest& request);
 
     const std::string& Path() const { return m_path; }
 

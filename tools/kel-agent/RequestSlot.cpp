@@ -93,13 +93,15 @@ bool TCRequestSlot::Take(TSRequest& request, std::string& reason)
     return true;
 }
 
-void TCRequestSlot::Remove()
+bool TCRequestSlot::Remove()
 {
     const std::string path = m_stateDirectory + "/" + kTakenFile;
     if (unlink(path.c_str()) != 0 && errno != ENOENT) {
         std::fprintf(stderr, "kel-agent: %s cannot be removed: %s\n", path.c_str(),
                      std::strerror(errno));
+        return false;
     }
+    return true;
 }
 
 bool TCRequestSlot::m_ReadTaken(std::string& value, struct stat& status) const

@@ -30,7 +30,9 @@ public:
     bool Take(TSRequest& request, std::string& reason);
 
     /// Removes the one that was taken.
-    void Remove();
+    ///
+    /// @return true on success, otherwise false with a line in the log.
+    bool Remove();
 
     static constexpr char kKey[] = "memory/kel/ndf_one";
 
