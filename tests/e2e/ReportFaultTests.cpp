@@ -19,6 +19,7 @@
 #include <gmock/gmock.h>
 
 #include "e2e/ReportRoad.h"
+#include "support/Threads.h"
 
 namespace kel::test {
 
@@ -168,6 +169,55 @@ TEST_F(RequestFaults, OneThatIsBeingWrittenIsCollectedOnceAndWhole)
     EXPECT_EQ(reports[1]["/request/upload-path"], "/nowhere/in two parts");
 }
 
+// The file's time tells how long the agent has waited: the clock need not run.
+TEST_F(RequestFaults, OneThatIsNeverClosedIsTakenInTheEnd)
+{
+    const auto agent = StartCollector();
+    const int patient = creat((kDrop / "a-patient-ALWAYS.log").c_str(), 0644);
+    const int future = creat((kDrop / "a-future-ALWAYS.log").c_str(), 0644);
+    ASSERT_EQ(write(patient, "/nowhere", 8), 8);
+    File(kGood);
+    ASSERT_TRUE(WaitForReports(1)) << agent->ErrorOutput();
+    EXPECT_EQ(Names(), TNames{kGood});
+
+    const timespec longAgo[] = {{1'000'000, 0}, {1'000'000, 0}};
+    const timespec later[] = {{0, UTIME_OMIT}, {0x7000'0000, 0}}; // the clock was set back since
+    EXPECT_EQ(futimens(patient, longAgo), 0);
+    EXPECT_EQ(futimens(future, later), 0);
+
+    EXPECT_TRUE(WaitForReports(3)) << agent->ErrorOutput();
+    EXPECT_EQ(Reports().at(1)["/request/upload-path"], "/nowhere");
+    EXPECT_EQ(Reports().at(2)["/request/filed"].substr(0, 4), "2029");
+    close(patient);
+    close(future);
+}
+
+// Whoever was there before the agent made the directories its own.
+TEST_F(RequestFaults, WhatSomebodyHasPutAmongTheTakenIsNoneEither)
+{
+    const fs::path taken = kDrop / ".taken";
+    fs::create_directories(taken / "a-directory-ALWAYS.log/deep");
+    WriteFile(m_scratch / "file", "/secret");
+    fs::create_symlink(m_scratch / "file", taken / "a-link-ALWAYS.log");
+    fs::create_hard_link(m_scratch / "file", taken / "a-hardlink-ALWAYS.log");
+    ASSERT_EQ(mkfifo((taken / "a-fifo-ALWAYS.log").c_str(), 0666), 0);
+    WriteFile(taken / "nonsense", "NO_PATH");
+    const TNames names = NamesIn(taken);
+
+    const auto agent = StartCollector();
+
+    for (const std::string& name : names) {
+        EXPECT_TRUE(Says(*agent, "kel-agent: " + name + " in /tmp/kel_NDF ignored: "))
+            << agent->ErrorOutput();
+    }
+    EXPECT_EQ(ReadFile(m_scratch / "file"), "/secret");
+    File(kGood);
+    ASSERT_TRUE(WaitForReports(1)) << agent->ErrorOutput();
+    LetItLook();
+    EXPECT_EQ(Names(), (TNames{"look-once-ALWAYS.log", "look-twice-ALWAYS.log", kGood}));
+    EXPECT_EQ(CountSaid(*agent, " ignored: "), names.size()) << agent->ErrorOutput();
+}
+
 class ArtefactFaults : public ReportRoad
 {
 protected:
@@ -216,14 +266,23 @@ TEST_F(ArtefactFaults, WhatTheRequesterMayNotReadIsNotCopied)
 {
     WriteFile(m_scratch / "secret", "secret");
     fs::permissions(m_scratch / "secret", fs::perms::owner_read);
+    fs::create_directory(m_scratch / "closed");
+    WriteFile(m_scratch / "closed/open", "open");
+    fs::permissions(m_scratch / "closed", fs::perms::owner_all);
+    WriteFile(m_scratch / "open", "open");
+    fs::create_symlink(m_scratch / "secret", m_scratch / "link");
     const auto agent = StartCollector();
 
-    EXPECT_THAT(ReasonOf(*agent, m_scratch / "secret", kNobody), HasSubstr("ermission"));
+    for (const std::string name : {"secret", "closed/open", "link"}) {
+        EXPECT_EQ(ReasonOf(*agent, m_scratch / name, kNobody), "Permission denied") << name;
+    }
 
-    File("proc-owner-ALWAYS.log", m_scratch / "secret");
-    ASSERT_TRUE(WaitForReports(2)) << agent->ErrorOutput();
-    EXPECT_EQ(Reports().at(0)["/request/user"], std::to_string(kNobody));
-    EXPECT_EQ(Reports().at(1)["/artefact/bytes"], "6");
+    File("nobody-open-ALWAYS.log", m_scratch / "open", kNobody);
+    File("owner-secret-ALWAYS.log", m_scratch / "secret");
+    ASSERT_TRUE(WaitForReports(5)) << agent->ErrorOutput();
+    EXPECT_EQ(Reports().at(3)["/request/user"], std::to_string(kNobody));
+    EXPECT_EQ(Reports().at(3)["/artefact/bytes"], "4");
+    EXPECT_EQ(Reports().at(4)["/artefact/bytes"], "6");
 }
 
 TEST_F(ArtefactFaults, WhatIsLargerThanTheLimitIsNotCopied)
@@ -251,6 +310,22 @@ TEST_F(ArtefactFaults, WhatIsLargerThanTheFreeSpaceIsNotCopied)
     File(kGood, m_scratch / "small");
     ASSERT_TRUE(WaitForReports(3)) << agent->ErrorOutput();
     EXPECT_EQ(Reports().at(2)["/artefact/bytes"], std::to_string(1 << 20));
+}
+
+// A file of the system's that tells of no size, and has hundreds of gigabytes.
+TEST_F(ArtefactFaults, WhatHasNoEndIsCopiedNoFurtherThanTheLimit)
+{
+    MountState("size=64m");
+    const auto agent = StartCollector({"--max-bytes", "1000000"});
+    uintmax_t leastSpace = fs::space(m_stateDir).free;
+    {
+        const Repeat watch([&] {
+            leastSpace = std::min(leastSpace, fs::space(m_stateDir).free);
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+        });
+        EXPECT_GT(ReasonOf(*agent, "/proc/self/pagemap").size(), 10U);
+    }
+    EXPECT_GT(leastSpace, 60U << 20U);
 }
 
 class StateFaults : public ReportRoad
@@ -346,6 +421,21 @@ TEST_F(StateFaults, RequestsThatWaitOutliveTheAgent)
     };
     EXPECT_TRUE(WaitUntil(hasLatest)) << agent->ErrorOutput();
     EXPECT_LE(Ids().size(), 2U);
+}
+
+TEST_F(StateFaults, WhatAKilledAgentHasHalfMadeOrHalfRemovedGoes)
+{
+    for (const char* const name : {".new-0000000001", ".old-0000000007", "0000000002", "mine"}) {
+        fs::create_directories(m_reports / name / "deep");
+    }
+    WriteFile(m_reports / ".new-0000000001/report.json", "{");
+    const auto agent = StartCollector();
+
+    File(kGood);
+
+    EXPECT_TRUE(Says(*agent, "kel-agent: report 3: proc-good-ALWAYS.log in /tmp/kel_NDF"))
+        << agent->ErrorOutput();
+    EXPECT_EQ(NamesIn(m_reports), (TNames{"0000000002", "0000000003", "mine"}));
 }
 
 // A log whose reader comes to a halt: the agent stands still with its next line.

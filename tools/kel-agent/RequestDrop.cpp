@@ -181,7 +181,7 @@ bool TCRequestDrop::m_Read(const std::string& name, TSRequest& request)
     }
     TSRequest read;
     if (!file.IsOpen() || fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode)
-        || !ReadFileName(name, m_cutSize, read)) {
+        || status.st_nlink > 1 || !ReadFileName(name, m_cutSize, read)) {
         m_Ignore(name, "it was replaced by something else");
         TSFileSystem::RemoveFolder(m_taken.Path() + "/" + name);
         return false;
