@@ -22,9 +22,12 @@
 #include <kel/KELKernelLog.h>
 
 #include "Artefact.h"
+#include "common/Text.h"
 
 namespace kel {
 namespace agent {
+
+using tools::Printable;
 
 namespace {
 

@@ -6,9 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <memory>
 #include <utility>
 
@@ -85,33 +83,6 @@ bool ListNames(int directory, std::vector<std::string>& names)
         }
     }
     return errno == 0;
-}
-
-std::string Printable(const std::string& text)
-{
-    std::string printable;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte < ' ' || byte == 0x7f) {
-            char escape[sizeof("\\x00")];
-            std::snprintf(escape, sizeof(escape), "\\x%02x", byte);
-            printable += escape;
-        } else {
-            printable += c;
-        }
-    }
-    return printable;
-}
-
-std::string IsoTime(const timespec& time)
-{
-    tm parts;
-    char seconds[sizeof("-2147483648-01-01T00:00:00")];
-    std::strftime(seconds, sizeof(seconds), "%Y-%m-%dT%H:%M:%S", gmtime_r(&time.tv_sec, &parts));
-    char text[sizeof(seconds) + sizeof(".000Z")];
-    std::snprintf(text, sizeof(text), "%s.%03dZ", seconds,
-                  static_cast<int>(time.tv_nsec / 1'000'000));
-    return text;
 }
 
 TCOwnDirectory::TCOwnDirectory(std::string path, mode_t mode, EMode existing)

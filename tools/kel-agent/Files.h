@@ -46,12 +46,6 @@ bool WriteNewFile(int directory, const std::string& name, const std::string& tex
 /// @return true on success, otherwise false with errno set.
 bool ListNames(int directory, std::vector<std::string>& names);
 
-/// A name or path of a stranger's for a line of the log: control characters as "\x0a".
-std::string Printable(const std::string& text);
-
-/// A time as ISO 8601 has it, in UTC with milliseconds.
-std::string IsoTime(const timespec& time);
-
 /// A directory that belongs to the agent, for as long as it is at its path.
 class TCOwnDirectory
 {

@@ -5,10 +5,12 @@
 #include <kel/KELCachingUtils.h>
 #include <kel/KELDirsManager.h>
 
-#include "Files.h"
+#include "common/Text.h"
 
 namespace kel {
 namespace agent {
+
+using tools::IsoTime;
 
 namespace {
 

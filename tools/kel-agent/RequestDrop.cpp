@@ -14,8 +14,12 @@
 
 #include <kel/KELFileSystem.h>
 
+#include "common/Text.h"
+
 namespace kel {
 namespace agent {
+
+using tools::Printable;
 
 namespace {
 

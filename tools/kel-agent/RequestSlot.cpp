@@ -14,9 +14,12 @@
 #include <vconf.h>
 
 #include "Files.h"
+#include "common/Text.h"
 
 namespace kel {
 namespace agent {
+
+using tools::Printable;
 
 namespace {
 

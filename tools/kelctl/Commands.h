@@ -8,7 +8,8 @@ namespace ctl {
 /// The program's exit statuses. They are an interface: scripts look at them.
 enum class EStatus {
     Success = 0,
-    Negative = 1, // the agent refused the policy; no agent owns the name
+    Negative = 1, // the agent refused the policy; no agent owns the name; the request could not be
+                  // left; a report, or the kernel log, cannot be read
     WrongUsage = 2,
     NoAnswer = 3, // from the agent, or from the bus
     TooFewEvents = 4,
@@ -18,9 +19,18 @@ enum class EStatus {
 /// A subcommand adds itself to the program, in a source file of its own. When it is the one that
 /// was called, it runs after parsing and sets the status; a failure is told in one line on
 /// standard error.
+void AddKernelLog(CLI::App& program, EStatus& status);
 void AddMonitor(CLI::App& program, EStatus& status);
+void AddPolicy(CLI::App& program, EStatus& status);
+void AddReport(CLI::App& program, EStatus& status);
+void AddReports(CLI::App& program, EStatus& status);
 void AddSetPolicy(CLI::App& program, EStatus& status);
 void AddStatus(CLI::App& program, EStatus& status);
+
+/// Has what was printed reach its reader.
+///
+/// @return Success; NoOutput, with one line on standard error, when it cannot.
+EStatus FlushOutput();
 
 } // namespace ctl
 } // namespace kel

@@ -17,6 +17,7 @@
 #include <kel/KELCallbacksProxy.h>
 
 #include "Bus.h"
+#include "common/Text.h"
 
 namespace kel {
 namespace ctl {
@@ -33,17 +34,11 @@ struct TSOptions
     double m_timeout = 0;     // in seconds; 0 for none
 };
 
-// The time of day as ISO 8601 has it, with milliseconds.
 std::string Now()
 {
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
-    tm parts;
-    char seconds[sizeof("-2147483648-01-01T00:00:00")];
-    std::strftime(seconds, sizeof(seconds), "%Y-%m-%dT%H:%M:%S", gmtime_r(&now.tv_sec, &parts));
-    char text[sizeof(seconds) + sizeof(".000Z")];
-    std::snprintf(text, sizeof(text), "%s.%03dZ", seconds, static_cast<int>(now.tv_nsec / 1000000));
-    return text;
+    return tools::IsoTime(now);
 }
 
 // Made, run and destroyed on one thread, which iterates the default main context.

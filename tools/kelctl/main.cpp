@@ -1,6 +1,24 @@
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "Commands.h"
+
+namespace kel {
+namespace ctl {
+
+EStatus FlushOutput()
+{
+    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) {
+        return EStatus::Success;
+    }
+    std::fprintf(stderr, "kelctl: the output cannot be written: %s\n", std::strerror(errno));
+    return EStatus::NoOutput;
+}
+
+} // namespace ctl
+} // namespace kel
 
 int main(int argc, char** argv)
 {
@@ -15,6 +33,10 @@ int main(int argc, char** argv)
     kel::ctl::AddSetPolicy(app, status);
     kel::ctl::AddMonitor(app, status);
     kel::ctl::AddStatus(app, status);
+    kel::ctl::AddReport(app, status);
+    kel::ctl::AddReports(app, status);
+    kel::ctl::AddKernelLog(app, status);
+    kel::ctl::AddPolicy(app, status);
     try {
         app.parse(argc, argv);
         if (app.get_subcommands().empty()) { // asked here, so that a misspelt one is named first

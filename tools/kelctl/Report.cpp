@@ -1,0 +1,152 @@
+#include "Commands.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <kel/KELFileSystem.h>
+#include <kel/KELIssueReport.h>
+
+namespace kel {
+namespace ctl {
+
+namespace {
+
+constexpr size_t kLongestPath = 126; // of a request file; the library cuts there
+
+struct TSMode
+{
+    const char* m_name;
+    artifactSendFlag m_flag;
+    const char* m_word; // in the request file's name
+};
+constexpr TSMode kModes[] = {
+    {"oqc-always", OQC_ALWAYS, "OQC_ALWAYS"},
+    {"always", ALWAYS, "ALWAYS"},
+    {"once-only", ONCE_ONLY, "ONCE_ONLY"},
+    {"policy", POLICY, "POLICY"},
+};
+
+struct TSOptions
+{
+    std::optional<std::string> m_process;
+    std::optional<std::string> m_thread;
+    std::string m_mode = "policy";
+    std::optional<std::string> m_path;
+    bool m_reboot = false;
+    bool m_slot = false;
+};
+
+char* OrNull(std::optional<std::string>& name) { return name ? name->data() : nullptr; }
+
+const TSMode& Mode(const std::string& name)
+{
+    return *std::find_if(std::begin(kModes), std::end(kModes) - 1,
+                         [&](const TSMode& mode) { return name == mode.m_name; });
+}
+
+// The words of the file names are taken, too.
+std::string ModeName(std::string text)
+{
+    std::replace(text.begin(), text.end(), '_', '-');
+    return CLI::detail::to_lower(text);
+}
+
+EStatus Fail(const char* reason)
+{
+    std::fprintf(stderr, "kelctl: the request could not be left: %s\n", reason);
+    return EStatus::Negative;
+}
+
+EStatus RequestBySlot(TSOptions options)
+{
+    char* const process = OrNull(options.m_process);
+    char* const thread = OrNull(options.m_thread);
+    const int result
+        = options.m_reboot ? Request_NDF(process, thread, 1) : Request_NDF(process, thread);
+    std::printf("\n"); // the library's line has no end
+    return result == 1 ? FlushOutput() : Fail("the key-value store has refused it");
+}
+
+int RequestByFile(TSOptions& options)
+{
+    char* const process = OrNull(options.m_process);
+    char* const thread = OrNull(options.m_thread);
+    const artifactSendFlag flag = Mode(options.m_mode).m_flag;
+    if (options.m_path && options.m_reboot) {
+        return Request_NDF(flag, process, thread, *options.m_path, 1);
+    }
+    if (options.m_path) {
+        return Request_NDF(flag, process, thread, *options.m_path);
+    }
+    if (options.m_reboot) {
+        return Request_NDF(flag, process, thread, 1);
+    }
+    return Request_NDF(flag, process, thread);
+}
+
+EStatus RequestByFile(TSOptions options, const std::string& directory)
+{
+    if (options.m_path) { // the agent's current directory is another one
+        options.m_path = std::filesystem::absolute(*options.m_path).string();
+    }
+    const std::string names = options.m_process.value_or(*options.m_thread) + "-"
+                              + options.m_thread.value_or(*options.m_process);
+    const std::string path = directory + "/" + names + "-" + Mode(options.m_mode).m_word + ".log";
+
+    if (RequestByFile(options) != 1) {
+        std::fflush(stdout);
+        if (!TSFileSystem::FileExists(directory)) {
+            return Fail((directory + " is missing, which an agent makes").c_str());
+        }
+        return Fail(names.find('/') != std::string::npos ? "a name has a slash"
+                                                         : "its file cannot be written");
+    }
+    if (path.size() > kLongestPath) {
+        std::fprintf(stderr, "kelctl: the names are too long, and were cut with the mode\n");
+    }
+    return FlushOutput();
+}
+
+EStatus Report(const TSOptions& options)
+{
+    if (!options.m_process && !options.m_thread) {
+        throw CLI::RequiredError("--process or --thread");
+    }
+    if (options.m_slot) {
+        return RequestBySlot(options);
+    }
+    return RequestByFile(options, options.m_reboot ? "/tmp/kel_NDF_reboot" : "/tmp/kel_NDF");
+}
+
+} // namespace
+
+void AddReport(CLI::App& program, EStatus& status)
+{
+    CLI::App* const command = program.add_subcommand("report", "Ask for an issue report");
+    const auto options = std::make_shared<TSOptions>();
+    command->add_option("--process", options->m_process, "The process that it is about")
+        ->type_name("NAME");
+    command->add_option("--thread", options->m_thread, "The thread that it is about")
+        ->type_name("NAME");
+    CLI::Option* const mode
+        = command->add_option("--mode", options->m_mode, "oqc-always, always, once-only or policy")
+              ->type_name("MODE")
+              ->transform(CLI::IsMember({"oqc-always", "always", "once-only", "policy"}, ModeName)
+                              .description(""));
+    CLI::Option* const path
+        = command->add_option("--path", options->m_path, "A file that the report is to have")
+              ->type_name("FILE");
+    command->add_flag("--reboot", options->m_reboot, "Ask for a restart of the device, too");
+    command->add_flag("--slot", options->m_slot, "Leave it in the key-value store, not as a file")
+        ->excludes(mode)
+        ->excludes(path);
+    command->callback([options, &status] { status = Report(*options); });
+}
+
+} // namespace ctl
+} // namespace kel
