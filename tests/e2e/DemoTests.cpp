@@ -71,8 +71,11 @@ TEST_F(Demo, ShowsTheRoadEndsWithItsResultAndLeavesNothing)
     EXPECT_THAT(ended.m_output, HasSubstr("KELDbusClient: m_SendHello("));
     EXPECT_THAT(ended.m_output, HasSubstr("\n      0 (accepted)\n"));
     EXPECT_THAT(ended.m_output, HasSubstr("\n      1 (not well-formed)\n"));
-    EXPECT_THAT(ended.m_output, EndsWith("\n\nResult: OK: accepted, refused, and accepted again by "
-                                         "a new agent; both monitors have heard.\n"));
+    EXPECT_THAT(ended.m_output, HasSubstr("in /tmp/kel_NDF collected\n"));
+    EXPECT_THAT(ended.m_output, HasSubstr("\n      artefact:\n        file: artefact\n"));
+    EXPECT_THAT(ended.m_output,
+                EndsWith("\n\nResult: OK: a policy accepted, refused, and accepted by "
+                         "a new agent; a report collected.\n"));
     ExpectNothingLeft();
 }
 
@@ -110,6 +113,18 @@ TEST_F(Demo, FailsWhenAMalformedPolicyIsNotRefused)
     EXPECT_EQ(ended.m_exit, 1);
     EXPECT_THAT(ended.m_errorOutput,
                 EndsWith("\nResult: FAILED: kelctl's exit status is 0 instead of 1\n"));
+    ExpectNothingLeft();
+}
+
+TEST_F(Demo, FailsWhenAReportIsNotCollected)
+{
+    const std::string kelctl
+        = "[ $1 != report ] || exit 0; exec '" KEL_BINARIES "/tools/kelctl/kelctl' \"$@\"";
+
+    const TSFinished ended = RunProgram({KEL_DEMO}, Environment(BinariesWithKelctl(kelctl)));
+
+    EXPECT_EQ(ended.m_exit, 1);
+    EXPECT_THAT(ended.m_errorOutput, EndsWith("\nResult: FAILED: the file is not in the report\n"));
     ExpectNothingLeft();
 }
 

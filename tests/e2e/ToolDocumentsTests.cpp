@@ -73,7 +73,8 @@ TWords Completed(const std::string& words)
     return {std::istream_iterator<std::string>(lines), {}};
 }
 
-const std::vector<std::string> kCommands{"set-policy", "monitor", "status"};
+const std::vector<std::string> kCommands{"set-policy", "monitor", "status", "report",
+                                         "reports",    "klog",    "policy"};
 
 } // namespace
 
@@ -96,6 +97,18 @@ TEST(ToolDocuments, TheManPagesHaveEveryOption)
     }
 }
 
+TEST(ToolDocuments, TheManPagesAreRenderedWithoutWarnings)
+{
+    for (const char* const page : {"kelctl/kelctl.1", "kel-agent/kel-agent.8"}) {
+        const TSFinished rendered
+            = RunProgram({"man", "--warnings", "-l", std::string(KEL_TOOLS "/") + page},
+                         {{"MANPAGER", "cat"}, {"LC_ALL", "C.UTF-8"}});
+        EXPECT_EQ(rendered.m_exit, 0);
+        EXPECT_EQ(rendered.m_errorOutput, "");
+        EXPECT_THAT(rendered.m_output, HasSubstr("DESCRIPTION"));
+    }
+}
+
 TEST(ToolDocuments, TheHelpTellsOfTheCommandsThatAreTestedHere)
 {
     const std::string help = RunProgram({KEL_CTL, "--help"}).m_output;
@@ -115,11 +128,17 @@ TEST(ToolDocuments, TheCompletionOffersTheCommandsAndEveryOption)
     }
 }
 
-TEST(ToolDocuments, TheCompletionOffersFilesForAPolicyAndNothingForANumber)
+TEST(ToolDocuments, TheCompletionOffersFilesWhereFilesAreMeantAndNothingForANumber)
 {
     EXPECT_EQ(Completed("kelctl set-policy '" KEL_EXAMPLES "/pol'"),
               TWords{KEL_EXAMPLES "/policy.xml"});
     EXPECT_EQ(Completed("kelctl monitor --count ''"), TWords{});
+    EXPECT_EQ(Completed("kelctl report --path '" KEL_EXAMPLES "/pol'"),
+              TWords{KEL_EXAMPLES "/policy.xml"});
+    EXPECT_EQ(Completed("kelctl report --thread ''"), TWords{});
+    EXPECT_EQ(Completed("kelctl report --mode on"), TWords{"once-only"});
+    EXPECT_EQ(Completed("kelctl reports --state-dir '" KEL_TOOLS "/kelc'"),
+              TWords{KEL_TOOLS "/kelctl"});
     EXPECT_EQ(Completed("kelctl unknown ''"), TWords{});
 }
 

@@ -7,7 +7,7 @@ _kelctl() {
     COMPREPLY=()
 
     if [[ $COMP_CWORD -eq 1 ]]; then
-        words='set-policy monitor status --help --version'
+        words='set-policy monitor status report reports klog policy --help --version'
     else
         case $command in
         set-policy)
@@ -21,7 +21,28 @@ _kelctl() {
             esac
             words='--count --json --timeout --help'
             ;;
-        status) words='--json --help' ;;
+        status | policy) words='--json --help' ;;
+        report)
+            case $previous in
+            --process | --thread) return ;; # names of the user's own
+            --mode) words='oqc-always always once-only policy' ;;
+            --path)
+                compopt -o filenames 2>/dev/null
+                mapfile -t COMPREPLY < <(compgen -f -- "$current")
+                return
+                ;;
+            *) words='--process --thread --mode --path --reboot --slot --help' ;;
+            esac
+            ;;
+        reports)
+            if [[ $previous == --state-dir ]]; then
+                compopt -o filenames 2>/dev/null
+                mapfile -t COMPREPLY < <(compgen -d -- "$current")
+                return
+            fi
+            words='--json --state-dir --help'
+            ;;
+        klog) words='--follow --help' ;;
         esac
     fi
     local found
