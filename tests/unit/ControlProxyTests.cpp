@@ -1,5 +1,10 @@
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <cstdint>
 #include <cstring>
+#include <fstream>
+#include <future>
 #include <limits>
 #include <sstream>
 
@@ -15,6 +20,7 @@
 
 #include "Allocations.h"
 #include "Messages.h"
+#include "support/WaitUntil.h"
 
 using kel::TCControlProxy;
 using kel::TCDbusClientProvider;
@@ -278,6 +284,63 @@ TEST_F(ControlSingleton, MayBeDestroyedBeforeItsFirstUse)
     TCControlProxy::Destroy();
 
     EXPECT_EQ(TCControlProxy::Instance(), nullptr);
+}
+
+// Calls a function in a thread of its own, and returns when it sleeps in there.
+template <typename Function> auto CallUntilItSleeps(Function function)
+{
+    const auto thread = std::make_shared<std::promise<pid_t>>();
+    auto result = std::async(std::launch::async, [thread, function] {
+        thread->set_value(static_cast<pid_t>(syscall(SYS_gettid)));
+        return function();
+    });
+    const std::string stat
+        = "/proc/self/task/" + std::to_string(thread->get_future().get()) + "/stat";
+    EXPECT_TRUE(kel::test::WaitUntil([&] {
+        std::ifstream stream(stat);
+        std::string text;
+        std::getline(stream, text);
+        const size_t name = text.rfind(')');
+        return name != std::string::npos && text.compare(name, 3, ") S") == 0;
+    }));
+    return result;
+}
+
+// Both have seen that there is none when the first of them may make it.
+TEST_F(ControlSingleton, ThreadsThatAskTogetherGetOneObject)
+{
+    std::future<boost::shared_ptr<kel::IControl>> first;
+    std::future<boost::shared_ptr<kel::IControl>> second;
+    {
+        const kel::TCStaticReadLock lock(TCControlProxy::m_rwlock);
+        first = CallUntilItSleeps(&TCControlProxy::Instance);
+        second = CallUntilItSleeps(&TCControlProxy::Instance);
+    }
+
+    const boost::shared_ptr<kel::IControl> object = first.get();
+    EXPECT_NE(object, nullptr);
+    EXPECT_EQ(second.get(), object);
+    EXPECT_EQ(object, TCControlProxy::Instance());
+}
+
+TEST_F(ControlSingleton, NoneIsMadeForWhoAskedBeforeTheEndAndWaitedThroughIt)
+{
+    for (int round = 0; round < 20; ++round) {
+        TCControlProxy::m_destroyed = false;
+        std::future<void> end;
+        std::future<boost::shared_ptr<kel::IControl>> use;
+        {
+            const kel::TCStaticReadLock lock(TCControlProxy::m_rwlock);
+            end = CallUntilItSleeps(&TCControlProxy::Destroy);
+            use = CallUntilItSleeps(&TCControlProxy::Instance);
+        }
+        end.wait();
+
+        // Whoever of the two was first: no object is left that the library still holds.
+        const boost::shared_ptr<kel::IControl> object = use.get();
+        EXPECT_LE(object.use_count(), 1);
+        EXPECT_EQ(TCControlProxy::Instance(), nullptr);
+    }
 }
 
 } // namespace

@@ -1,3 +1,4 @@
+#include <pthread.h>
 #include <sys/socket.h>
 
 #include <future>
@@ -413,6 +414,42 @@ TEST_F(DispatchOfRealCalls, FlagByteOfTwoCountsAsTrue)
         Reply(kPath, "Send", {4, 0, 0, 0, byte});
         EXPECT_EQ(m_end.m_currentAsync, byte != 0);
     }
+}
+
+TEST_F(Dispatch, ACallbackMayEndItsThread)
+{
+    struct TSCalled
+    {
+        TCEnd& m_end;
+        TGlibPtr<GVariant> m_request;
+        bool m_wentOn;
+    };
+    GVariant* request = nullptr;
+    m_end.t_ConvertBytes(4, false, {}, request);
+    TSCalled called{m_end, kel::SinkVariant(request), false};
+    bool handled = false;
+    m_end.SetCallback(4, [&](const TBytes&, TBytes&) -> bool {
+        handled = true;
+        pthread_exit(&handled);
+    });
+
+    pthread_t thread{};
+    const auto run = [](void* data) -> void* {
+        auto& its = *static_cast<TSCalled*>(data);
+        its.m_end.m_HandleMessage(":1.7", its.m_request.get(), nullptr);
+        its.m_wentOn = true;
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&thread, nullptr, run, &called), 0);
+    void* result = nullptr;
+    pthread_join(thread, &result);
+
+    EXPECT_EQ(result, &handled) << "not held up on the way";
+    EXPECT_TRUE(handled);
+    EXPECT_FALSE(called.m_wentOn);
+    EXPECT_THAT(TakeMessages(m_log), IsEmpty()) << "which is no failure of the callback";
+    ASSERT_TRUE(m_end.m_callbacksMutex.try_lock()) << "nothing stays locked";
+    m_end.m_callbacksMutex.unlock();
 }
 
 } // namespace

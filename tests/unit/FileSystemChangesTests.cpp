@@ -57,6 +57,7 @@ protected:
 
     const Mount m_one;
     Mount m_two;
+    std::string m_reason; // of a failure to come
 
 private:
     void m_LeaveDisk()
@@ -239,6 +240,71 @@ TEST_F(FileChanges, ACopyToAnotherFileSystemFailsWhenTheDiskDoes)
     ExpectLog("CopyFile", kErrorPriority,
               {"Could not copy file: error code: Input/output error",
                "Could not copy file: error code: Disk quota exceeded"});
+}
+
+TEST_F(FileChanges, ACopyToAnotherFileSystemFailsWhenAnyStepOfItDoes)
+{
+    const std::string large(300 * 1024, 'x');
+    const fs::path source = Write(m_root / "one" / "source", large);
+    const fs::path destination = m_root / "two" / "copy";
+    const size_t before = CountDescriptors();
+    const auto copyFails = [&] {
+        m_log.Clear();
+        EXPECT_FALSE(TSFileSystem::CopyFile(source, destination, true));
+        ExpectLog("CopyFile", kErrorPriority, {"Could not copy file: error code: " + m_reason});
+        g_hooks = TSHooks();
+        EXPECT_EQ(CountDescriptors(), before);
+    };
+    m_reason = "Input/output error";
+
+    g_hooks.m_read = [] { return EIO; };
+    copyFails();
+    g_hooks.m_write = [] { return EIO; };
+    copyFails();
+    // From here on the bytes are there, and their mode is asked for: that of the source, ...
+    g_hooks.m_write = [] {
+        g_hooks.m_fstat = [] { return EIO; };
+        return 0;
+    };
+    copyFails();
+    // ... and that of the copy.
+    g_hooks.m_write = [] {
+        g_hooks.m_fstat = [number = 0]() mutable { return ++number == 2 ? EIO : 0; };
+        return 0;
+    };
+    copyFails();
+}
+
+TEST_F(FileChanges, ACopyToAnotherFileSystemGoesOnAfterASignal)
+{
+    const std::string large(300 * 1024, 'x');
+    const fs::path source = Write(m_root / "one" / "source", large);
+    const fs::path destination = m_root / "two" / "copy";
+    const auto everySecond = [number = 0]() mutable { return ++number % 2 == 1 ? EINTR : 0; };
+    g_hooks.m_read = everySecond;
+    g_hooks.m_write = everySecond;
+
+    EXPECT_TRUE(TSFileSystem::CopyFile(source, destination, true));
+
+    g_hooks = TSHooks();
+    EXPECT_EQ(Read(destination), large);
+    EXPECT_THAT(m_log.Lines(), IsEmpty()) << m_log.Text();
+}
+
+TEST_F(FileChanges, ASourceThatVanishesDuringACopyToAnotherFileSystemIsAFailure)
+{
+    const fs::path source = Write(m_root / "one" / "source", kText);
+    // It is opened once more when the kernel has refused to copy.
+    g_hooks.m_open = [&, number = 0](const std::string& path) mutable {
+        if (path == source.string() && ++number == 2) {
+            fs::remove(source);
+        }
+    };
+
+    EXPECT_FALSE(TSFileSystem::CopyFile(source, m_root / "two" / "copy", true));
+
+    ExpectLog("CopyFile", kErrorPriority,
+              {"Could not copy file: error code: No such file or directory"});
 }
 
 TEST_F(FileChanges, CopyingLeavesNoDescriptorOpen)
@@ -496,6 +562,28 @@ TEST_F(FileChanges, ADirectoryMadeByAnotherMeanwhileIsAsGood)
     EXPECT_EQ(ModeOf(directory), 0777u);
     ExpectLog("FolderExists", kErrorPriority, {"File /tmp/tree/one/new does not exist"});
     ExpectLog("MakeDir", kErrorPriority, {"Dir created by other process /tmp/tree/one/new"});
+}
+
+TEST_F(FileChanges, ADirectoryThatComesAndGoesMeanwhileIsAFailureWithoutAReason)
+{
+    const fs::path directory = m_root / "one" / "new";
+    // Not there when it is looked for, there when it is to be made, and gone afterwards.
+    g_hooks.m_stat = [&, number = 0](const std::string& path) mutable {
+        if (path == directory.string()) {
+            ++number;
+            if (number == 2) {
+                mkdir(directory.c_str(), 0755);
+            } else if (number == 3) {
+                rmdir(directory.c_str());
+            }
+        }
+    };
+
+    EXPECT_FALSE(TSFileSystem::MakeDir(directory, true));
+
+    const std::string missing = "File /tmp/tree/one/new does not exist";
+    ExpectLog("FolderExists", kErrorPriority, {missing, missing});
+    EXPECT_EQ(m_log.Lines().size(), 2u) << m_log.Text();
 }
 
 TEST_F(FileChanges, ADirectoryThatCannotBeMadeTellsTheSpaceLeft)

@@ -1,12 +1,15 @@
 #include "FileSystemTests.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <linux/capability.h>
 #include <sys/mount.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -28,6 +31,16 @@ template <typename Function> Function* Next(const char* name)
         throw std::runtime_error(std::string("no function ") + name);
     }
     return reinterpret_cast<Function*>(next);
+}
+
+// Whether a hook wants the call to fail, with the error that it has set then.
+bool Fails(const std::function<int()>& hook)
+{
+    const int error = hook ? hook() : 0;
+    if (error != 0) {
+        errno = error;
+    }
+    return error != 0;
 }
 
 void Check(bool ok, const std::string& what)
@@ -227,4 +240,41 @@ KEL_PREEMPTS int fdatasync(int descriptor)
         return -1;
     }
     return next(descriptor);
+}
+
+KEL_PREEMPTS int open(const char* path, int flags, ...)
+{
+    static const auto next = Next<int(const char*, int, ...)>("open64");
+    if (g_hooks.m_open) {
+        g_hooks.m_open(path);
+    }
+    va_list arguments;
+    va_start(arguments, flags);
+    const unsigned int mode = (flags & O_CREAT) != 0 ? va_arg(arguments, unsigned int) : 0;
+    va_end(arguments);
+    return next(path, flags, mode);
+}
+
+KEL_PREEMPTS FILE* fdopen(int descriptor, const char* mode) noexcept
+{
+    static const auto next = Next<FILE*(int, const char*)>("fdopen");
+    return Fails(g_hooks.m_fdopen) ? nullptr : next(descriptor, mode);
+}
+
+KEL_PREEMPTS int fstat(int descriptor, struct stat* status) noexcept
+{
+    static const auto next = Next<int(int, struct stat*)>("fstat64");
+    return Fails(g_hooks.m_fstat) ? -1 : next(descriptor, status);
+}
+
+KEL_PREEMPTS ssize_t read(int descriptor, void* bytes, size_t size)
+{
+    static const auto next = Next<ssize_t(int, void*, size_t)>("read");
+    return Fails(g_hooks.m_read) ? -1 : next(descriptor, bytes, size);
+}
+
+KEL_PREEMPTS ssize_t write(int descriptor, const void* bytes, size_t size)
+{
+    static const auto next = Next<ssize_t(int, const void*, size_t)>("write");
+    return Fails(g_hooks.m_write) ? -1 : next(descriptor, bytes, size);
 }

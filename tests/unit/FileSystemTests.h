@@ -38,6 +38,13 @@ struct TSHooks
     /// The errno of an fchmod() or fdatasync() that is not even tried.
     std::function<int()> m_fchmod;
     std::function<int()> m_fdatasync;
+    /// Before an open() of this path.
+    std::function<void(const std::string&)> m_open;
+    /// The errno of a call that is not even tried; 0 to try it.
+    std::function<int()> m_fdopen;
+    std::function<int()> m_fstat;
+    std::function<int()> m_read;
+    std::function<int()> m_write;
 };
 
 /// Those in force. Tests use one thread.

@@ -322,6 +322,22 @@ TEST_F(Payload, TupleToBytesDoesNotConsumeTheTuple)
     EXPECT_THAT(bytes, ElementsAre(3, 4, 3, 4));
 }
 
+TEST_F(Payload, NoValueCountsAsEmpty)
+{
+    TSRequestOutputs out;
+    bool result = true;
+    TBytes bytes{5};
+
+    m_converter.t_ConvertBytes(nullptr, out.m_type, out.m_flag, out.m_data);
+    m_converter.t_ConvertBytes(static_cast<GVariant*>(nullptr), result, bytes);
+    m_converter.t_ConvertBytes(static_cast<GVariant*>(nullptr), bytes);
+
+    out.ExpectUntouched();
+    EXPECT_TRUE(result);
+    EXPECT_EQ(bytes, TBytes{5});
+    EXPECT_THAT(TakeMessages(m_log), ElementsAre(kShortRequest, kEmptyReply));
+}
+
 TEST_F(Payload, AValueOfAnotherTypeCountsAsEmpty)
 {
     GVariant* const strangers[]
