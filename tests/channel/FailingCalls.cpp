@@ -9,14 +9,18 @@ namespace kel::test {
 namespace {
 
 std::atomic<int> failure(0); // the error's code; 0 for none
+std::atomic<bool> dropped(false);
 
 } // namespace
 
 void FailNextProxy(int code) { failure = code; }
 
+void DropNextReply() { dropped = true; }
+
 } // namespace kel::test
 
-// In place of GIO's function of this name.
+// In place of GIO's functions of these names.
+
 extern "C" __attribute__((visibility("default"))) GDBusProxy*
 g_dbus_proxy_new_sync(GDBusConnection* connection, GDBusProxyFlags flags, GDBusInterfaceInfo* info,
                       const gchar* name, const gchar* path, const gchar* interface,
@@ -30,4 +34,17 @@ g_dbus_proxy_new_sync(GDBusConnection* connection, GDBusProxyFlags flags, GDBusI
     static const auto next
         = reinterpret_cast<decltype(&g_dbus_proxy_new_sync)>(dlsym(RTLD_NEXT, __func__));
     return next(connection, flags, info, name, path, interface, cancellable, error);
+}
+
+extern "C" __attribute__((visibility("default"))) GVariant*
+g_dbus_proxy_call_finish(GDBusProxy* proxy, GAsyncResult* result, GError** error)
+{
+    static const auto next
+        = reinterpret_cast<decltype(&g_dbus_proxy_call_finish)>(dlsym(RTLD_NEXT, __func__));
+    GVariant* const reply = next(proxy, result, error);
+    if (reply != nullptr && kel::test::dropped.exchange(false)) {
+        g_variant_unref(reply);
+        return nullptr;
+    }
+    return reply;
 }

@@ -8,4 +8,7 @@ namespace kel::test {
 /// this GIO error code. Later ones work again.
 void FailNextProxy(int code);
 
+/// Makes the next g_dbus_proxy_call_finish() of this program return no value, and no error either.
+void DropNextReply();
+
 } // namespace kel::test

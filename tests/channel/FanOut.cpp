@@ -375,6 +375,19 @@ TEST_F(FullConnection, EveryClientIsCalledOnceFourAtATime)
     EXPECT_FALSE(m_log.Mentions("error, errno"));
 }
 
+TEST_F(FullConnection, ACallThatMayTakeForEverIsStartedAgainLikeAnyOther)
+{
+    const TPeers peers = MakeSilentClients(kRoom + 2);
+
+    std::future<TCounts> sent = SendInBackground(5, G_MAXINT);
+    EXPECT_TRUE(WaitForWaiting(peers, kRoom));
+    AnswerAll(peers);
+    EXPECT_TRUE(WaitForWaiting(peers, 2));
+    AnswerAll(peers);
+
+    EXPECT_EQ(sent.get(), TCounts(kRoom + 2, 0));
+}
+
 TEST_F(FullConnection, ACallThatEndsMakesRoomForTheNextAtOnce)
 {
     constexpr size_t kCount = 40;

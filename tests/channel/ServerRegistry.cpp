@@ -216,6 +216,17 @@ TEST_F(ServerRegistry, AClientThatCannotBeCalledIsNotRegistered)
     EXPECT_EQ(m_server.NumberOfClients(), 1u) << "the next one is not affected";
 }
 
+TEST_F(ServerRegistry, AClientWithoutProxyAndWatchHasNothingToGiveBack)
+{
+    TCDbusServer::TSClient client;
+    m_log.Clear();
+
+    const TCWriteLock state(m_server.m_stateMutex);
+    m_server.m_DestroyClient(client); // a release of nothing would be a critical warning
+
+    EXPECT_EQ(m_log.Text(), "");
+}
+
 TEST_F(ServerRegistry, ANameThatIsLostLaterIsReportedAndChangesNothing)
 {
     Subscribe(m_peer, {1});

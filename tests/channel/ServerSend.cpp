@@ -4,6 +4,7 @@
 #include <future>
 
 #include "channel/ChannelTest.h"
+#include "channel/FailingCalls.h"
 
 namespace kel::test {
 
@@ -166,6 +167,30 @@ TEST_F(ServerSend, AnErrorAsAnswerIsAFailure)
     EXPECT_EQ(m_server.SendMessage(5, {}, 1000), TCounts(0, 1));
     EXPECT_TRUE(m_log.Has(kError, "Sending message from " + m_first.Name() + " error, errno "
                                       + std::to_string(G_DBUS_ERROR_ACCESS_DENIED)));
+}
+
+TEST_F(ServerSend, AClientOfWhichNoBusKnowsTheNameAnyMoreIsForgotten)
+{
+    for (const char* const error : {"ServiceUnknown", "NameHasNoOwner"}) { // buses differ
+        m_first.SetAnswer("Send",
+                          TSAnswer::Error(std::string("org.freedesktop.DBus.Error.") + error));
+        Subscribe(m_first, {5});
+        Subscribe(m_second, {5});
+
+        EXPECT_EQ(m_server.SendMessage(5, {}, 20'000), TCounts(1, 1));
+        EXPECT_EQ(m_server.NumberOfClients(), 1u) << error;
+    }
+}
+
+TEST_F(ServerSend, AnAnswerWithoutAValueIsAFailure)
+{
+    Subscribe(m_first, {5});
+    DropNextReply();
+
+    EXPECT_EQ(m_server.SendMessage(5, {}, 20'000), TCounts(0, 1));
+    EXPECT_TRUE(m_log.Has(kDebug, "Result is null"));
+    EXPECT_TRUE(m_log.Has(kDebug, "Sending message to " + m_first.Name() + " failed"));
+    EXPECT_EQ(m_server.SendMessage(5, {}, 20'000), TCounts(1, 0)) << "the next one is not affected";
 }
 
 TEST_F(ServerSend, AnEmptyArrayAsAnswerIsReportedAndAFailure)

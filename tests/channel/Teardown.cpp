@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstring>
 #include <future>
+#include <optional>
 
 #include <boost/make_shared.hpp>
 
@@ -233,6 +234,102 @@ TYPED_TEST(Teardown, AnEndCanFollowAnotherInsideItsHandler)
     EXPECT_EQ(this->m_peer.Send(SendBytes(2, 0)).m_bytes, TBytes{1});
     EXPECT_EQ(this->m_peer.Send(SendBytes(1, 0)).m_bytes, TBytes{0});
     this->m_loop.Settle();
+}
+
+TYPED_TEST(Teardown, AHandlerMayDropAnEndOfTheOtherChannel)
+{
+    TypeParam end(false);
+    auto other = std::make_unique<TypeParam>(true);
+    end.SetCallback(1, [&other](const TBytes&, TBytes&) {
+        other.reset();
+        return true;
+    });
+
+    EXPECT_EQ(this->m_peer.Send(SendBytes(1, 0)).m_bytes, TBytes{1});
+
+    EXPECT_EQ(other, nullptr);
+    EXPECT_TRUE(end.UnSetCallback(1)) << "the end that stays has let go of its callbacks";
+    this->m_loop.Settle();
+}
+
+TYPED_TEST(Teardown, AHandlerMaySendThroughAnEndOfTheOtherChannel)
+{
+    TypeParam end(false);
+    TCDbusClient other(true);
+    end.SetCallback(1, [&other](const TBytes&, TBytes& response) {
+        return other.SendMessage(7, {}, response, false);
+    });
+    this->m_log.Clear();
+
+    EXPECT_EQ(this->m_peer.Send(SendBytes(1, 0)).m_bytes, TBytes{0});
+
+    EXPECT_TRUE(this->m_log.Has(kDebug, "Connection is not ready"));
+    EXPECT_TRUE(this->m_log.Has(kDebug, "Send hello " + other.GetUniqueName()));
+    EXPECT_TRUE(other.SetCallback(1, TCDbus::TMessageCallback())) << "nothing stays locked";
+}
+
+TEST_F(ChannelTest, AClientInThePlaceOfTheOneThatItsHandlerDroppedHasItsOwnLocks)
+{
+    RawPeer peer(m_bus);
+    std::optional<TCDbusClient> client(std::in_place, false);
+    peer.SetTarget(client->GetUniqueName());
+    bool waited = false;
+    client->SetCallback(1, [&](const TBytes&, TBytes&) {
+        client.reset();
+        client.emplace(false); // at the same address
+        std::atomic<bool> released(false);
+        Gate locked;
+        std::future<void> holder = std::async(std::launch::async, [&] {
+            const TCWriteLock callbacks(client->m_callbacksMutex);
+            locked.Open();
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            released = true;
+        });
+        locked.Wait();
+        TBytes response;
+        client->SendMessage(7, {}, response, false); // greets, which takes the lock
+        waited = released;
+        return true;
+    });
+
+    EXPECT_TRUE(peer.Send(SendBytes(1, 0)).IsOk());
+
+    EXPECT_TRUE(waited);
+    EXPECT_TRUE(client->SetCallback(1, TCDbus::TMessageCallback()));
+    m_loop.Settle();
+}
+
+TEST_F(ChannelTest, AServerThatLosesItsNameWhileItEndsDoesNotReportIt)
+{
+    auto server = std::make_unique<TCDbusServer>(false);
+    ASSERT_TRUE(WaitUntil([&] { return server->IsReady(); }));
+    m_loop.Settle();
+    GDBusConnection* const connection = server->m_pConnection;
+    TCSharedMutex& mutex = server->m_stateMutex;
+    m_log.Clear();
+
+    // Its handlers have ended when it waits for its state.
+    std::future<void> ended;
+    {
+        const TCReadLock state(mutex);
+        ended = std::async(std::launch::async, [&] { server.reset(); });
+        ASSERT_TRUE(WaitUntil([&] {
+            const bool waits = !mutex.try_lock_shared();
+            if (!waits) {
+                mutex.unlock_shared();
+            }
+            return waits;
+        }));
+        g_variant_unref(g_dbus_connection_call_sync(
+            connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+            "ReleaseName", g_variant_new("(s)", kBusName), nullptr, G_DBUS_CALL_FLAGS_NONE, -1,
+            nullptr, nullptr));
+        m_loop.Settle();
+    }
+    ended.wait();
+
+    EXPECT_FALSE(m_log.Mentions("has been lost")) << m_log.Text();
+    EXPECT_EQ(m_log.Count(FailedCheck("KELDbusServer", 233)), 0u);
 }
 
 } // namespace
