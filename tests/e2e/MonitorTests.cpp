@@ -175,7 +175,7 @@ TEST_F(KelctlMonitor, TheTimeEndsIt)
 TEST_F(KelctlMonitor, EndsWhenNobodyReadsItsOutput)
 {
     const TSFinished ended
-        = RunProgram({"bash", "-c", KEL_CTL " monitor | true; exit ${PIPESTATUS[0]}"});
+        = RunProgram({"bash", "-c", "'" KEL_CTL "' monitor | true; exit ${PIPESTATUS[0]}"});
 
     EXPECT_EQ(ended.m_exit, 5) << Text(ended);
     EXPECT_EQ(ended.m_errorOutput, "kelctl: nobody reads the output\n");
@@ -183,7 +183,7 @@ TEST_F(KelctlMonitor, EndsWhenNobodyReadsItsOutput)
 
 TEST_F(KelctlMonitor, EndsWhenItsOutputIsFull)
 {
-    ChildProcess monitor({"sh", "-c", "exec " KEL_CTL " monitor >/dev/full"});
+    ChildProcess monitor({"sh", "-c", "exec '" KEL_CTL "' monitor >/dev/full"});
     AnnounceTo(1);
 
     EXPECT_EQ(monitor.Wait(), 5);

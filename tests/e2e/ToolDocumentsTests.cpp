@@ -1,6 +1,5 @@
 // What the tools offer is what their man pages and the completion say.
 
-#include <iterator>
 #include <set>
 #include <sstream>
 
@@ -69,8 +68,14 @@ TWords Completed(const std::string& words)
                "_kelctl kelctl \"${COMP_WORDS[COMP_CWORD]}\" \"${COMP_WORDS[COMP_CWORD-1]}\"\n"
                "printf '%s\\n' \"${COMPREPLY[@]}\""});
     EXPECT_EQ(ended.m_exit, 0) << Text(ended);
+    TWords offered;
     std::istringstream lines(ended.m_output);
-    return {std::istream_iterator<std::string>(lines), {}};
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.empty()) {
+            offered.insert(line);
+        }
+    }
+    return offered;
 }
 
 const std::vector<std::string> kCommands{"set-policy", "monitor", "status", "report",
