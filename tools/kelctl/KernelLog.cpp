@@ -4,10 +4,15 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,6 +24,7 @@ namespace ctl {
 namespace {
 
 constexpr int kPeriod = 1000; // ms between two looks
+constexpr int kForever = -1;
 
 // SIGINT and SIGTERM are read from a descriptor, and so come when it suits.
 class TCEndSignals
@@ -43,13 +49,13 @@ private:
     int m_descriptor;
 };
 
-EStatus Print(const std::vector<std::string>& lines)
+std::string Text(const std::vector<std::string>& lines)
 {
+    std::string text;
     for (const std::string& line : lines) {
-        std::fwrite(line.data(), 1, line.size(), stdout);
-        std::putchar('\n');
+        text += line + '\n';
     }
-    return FlushOutput();
+    return text;
 }
 
 EStatus PrintOnce()
@@ -59,32 +65,81 @@ EStatus PrintOnce()
         std::fprintf(stderr, "kelctl: no line of the kernel log can be had\n");
         return EStatus::Negative;
     }
-    return Print(lines);
+    const std::string text = Text(lines);
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    return FlushOutput();
 }
 
-EStatus Follow()
+// Goes on until its end has a status.
+class TCFollower
 {
-    std::signal(SIGPIPE, SIG_IGN); // a reader that goes is seen otherwise
-    const TCEndSignals signals;
-    for (;;) {
+public:
+    TCFollower() { std::signal(SIGPIPE, SIG_IGN); } // a reader that goes is seen otherwise
+
+    EStatus Run();
+
+private:
+    bool m_Wait(short output, int time);
+    void m_Print(const std::string& text);
+
+    const TCEndSignals m_signals;
+    std::optional<EStatus> m_status; // from its end on
+};
+
+EStatus TCFollower::Run()
+{
+    while (!m_status) {
         std::vector<std::string> lines;
         if (DumpKernelLog(lines, DUMP_CONDITION_NONE)) {
-            const EStatus status = Print(lines);
-            if (status != EStatus::Success) {
-                return status;
-            }
+            m_Print(Text(lines));
         }
-        pollfd events[] = {{signals.Get(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
-        poll(events, std::size(events), kPeriod);
-        if (events[0].revents != 0) {
-            return EStatus::Success;
+        m_Wait(0, kPeriod);
+    }
+    return *m_status;
+}
+
+// Waits for an event of the output, for a time or without end. True when it has come; a signal that
+// has come, too, is seen the next time.
+bool TCFollower::m_Wait(short output, int time)
+{
+    if (m_status) {
+        return false;
+    }
+    pollfd events[] = {{m_signals.Get(), POLLIN, 0}, {STDOUT_FILENO, output, 0}};
+    poll(events, std::size(events), time);
+    if ((events[1].revents & ~output) != 0) {
+        std::fprintf(stderr, "kelctl: nobody reads the output\n");
+        m_status = EStatus::NoOutput;
+    } else if (events[1].revents != 0) {
+        return true;
+    } else if (events[0].revents != 0) {
+        m_status = EStatus::Success;
+    }
+    return false;
+}
+
+// A reader that has stopped must not keep a signal from ending this. So nothing is written but what
+// there is room for, and a signal counts when there is none: no line is lost that can be had.
+void TCFollower::m_Print(const std::string& text)
+{
+    size_t printed = 0;
+    while (!m_status && printed < text.size()) {
+        if (!m_Wait(POLLOUT, kForever)) {
+            continue;
         }
-        if (events[1].revents != 0) {
-            std::fprintf(stderr, "kelctl: nobody reads the output\n");
-            return EStatus::NoOutput;
+        const ssize_t size = write(STDOUT_FILENO, text.data() + printed,
+                                   std::min<size_t>(text.size() - printed, PIPE_BUF));
+        if (size >= 0) {
+            printed += static_cast<size_t>(size);
+        } else if (errno != EINTR && errno != EAGAIN) {
+            std::fprintf(stderr, "kelctl: the output cannot be written: %s\n",
+                         std::strerror(errno));
+            m_status = EStatus::NoOutput;
         }
     }
 }
+
+EStatus Follow() { return TCFollower().Run(); }
 
 } // namespace
 

@@ -16,7 +16,8 @@ namespace ctl {
 
 namespace {
 
-constexpr size_t kLongestPath = 126; // of a request file; the library cuts there
+constexpr size_t kLongestPath = 126;  // of a request file; the library cuts there
+constexpr size_t kLongestValue = 511; // of the slot; there, too
 
 struct TSMode
 {
@@ -62,14 +63,31 @@ EStatus Fail(const char* reason)
     return EStatus::Negative;
 }
 
+// Both names, one of which may stand for the other.
+std::string Names(const TSOptions& options, char separator)
+{
+    const std::string& process = options.m_process ? *options.m_process : *options.m_thread;
+    const std::string& thread = options.m_thread ? *options.m_thread : *options.m_process;
+    return process + separator + thread;
+}
+
 EStatus RequestBySlot(TSOptions options)
 {
+    const std::string value = Names(options, '|') + (options.m_reboot ? "|1" : "|0");
+
     char* const process = OrNull(options.m_process);
     char* const thread = OrNull(options.m_thread);
     const int result
         = options.m_reboot ? Request_NDF(process, thread, 1) : Request_NDF(process, thread);
+    if (result != 1) {
+        std::fflush(stdout);
+        return Fail("the key-value store has refused it");
+    }
     std::printf("\n"); // the library's line has no end
-    return result == 1 ? FlushOutput() : Fail("the key-value store has refused it");
+    if (value.size() > kLongestValue) {
+        std::fprintf(stderr, "kelctl: the names are too long, and were cut with the restart\n");
+    }
+    return FlushOutput();
 }
 
 int RequestByFile(TSOptions& options)
@@ -92,10 +110,13 @@ int RequestByFile(TSOptions& options)
 EStatus RequestByFile(TSOptions options, const std::string& directory)
 {
     if (options.m_path) { // the agent's current directory is another one
-        options.m_path = std::filesystem::absolute(*options.m_path).string();
+        std::error_code failure;
+        options.m_path = std::filesystem::absolute(*options.m_path, failure).string();
+        if (failure) {
+            return Fail(("the current directory cannot be told: " + failure.message()).c_str());
+        }
     }
-    const std::string names = options.m_process.value_or(*options.m_thread) + "-"
-                              + options.m_thread.value_or(*options.m_process);
+    const std::string names = Names(options, '-');
     const std::string path = directory + "/" + names + "-" + Mode(options.m_mode).m_word + ".log";
 
     if (RequestByFile(options) != 1) {
@@ -116,6 +137,9 @@ EStatus Report(const TSOptions& options)
 {
     if (!options.m_process && !options.m_thread) {
         throw CLI::RequiredError("--process or --thread");
+    }
+    if (options.m_path && options.m_path->empty()) {
+        throw CLI::ValidationError("--path", "no file");
     }
     if (options.m_slot) {
         return RequestBySlot(options);

@@ -2,13 +2,11 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
-#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -29,20 +27,21 @@ using tools::Printable;
 constexpr char kDefaultStateDirectory[] = "/var/lib/kel-agent";
 constexpr size_t kDigits = 10; // of a report's directory
 constexpr int kIndent = 2;
+constexpr size_t kGap = 2; // between two columns
 
 struct TSOptions
 {
-    std::optional<uint64_t> m_id;
+    std::string m_id; // of the one that is asked for; empty for all
     bool m_json = false;
     std::string m_stateDirectory = kDefaultStateDirectory;
 };
 
-bool IsReport(const std::string& name)
+bool IsNumber(const std::string& text)
 {
-    return name.size() == kDigits && std::all_of(name.begin(), name.end(), [](unsigned char c) {
-               return std::isdigit(c) != 0;
-           });
+    return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
 }
+
+bool IsReport(const std::string& name) { return name.size() == kDigits && IsNumber(name); }
 
 // The directories of reports, the oldest first. False, with a line on standard error, when they
 // cannot be listed; an agent that has collected nothing yet has none.
@@ -75,7 +74,9 @@ bool ListReports(const std::string& stateDirectory, std::vector<fs::path>& direc
 bool ReadReport(const fs::path& directory, TJson& reports)
 {
     std::ifstream file(directory / "report.json");
-    TJson report = file ? TJson::parse(file, nullptr, false) : TJson();
+    std::ostringstream text;
+    text << file.rdbuf(); // the parser would not survive what cannot be read
+    TJson report = TJson::parse(text.str(), nullptr, false);
     if (report.is_object()) {
         report["directory"] = directory.string();
         reports.push_back(std::move(report));
@@ -114,7 +115,16 @@ std::string ArtefactOf(const TJson& report)
     if (!bytes.empty()) {
         return bytes + " bytes";
     }
-    return TextAt(report, "/artefact/reason").empty() ? "-" : "not copied";
+    const std::string reason = TextAt(report, "/artefact/reason");
+    return reason.empty() ? "-" : "not copied: " + reason;
+}
+
+// How many characters a text has, most of which are as wide as one another.
+size_t Width(const std::string& text)
+{
+    return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+        return (static_cast<unsigned char>(c) & 0xc0U) != 0x80; // no byte that goes on with one
+    }));
 }
 
 void PrintTable(const TJson& reports)
@@ -128,15 +138,16 @@ void PrintTable(const TJson& reports)
                         TextAt(report, "/request/mode"), TextAt(report, "/request/reboot"),
                         ArtefactOf(report), TextAt(report, "/directory")});
     }
-    TRow::size_type widths[std::tuple_size<TRow>::value] = {};
+    size_t widths[std::tuple_size<TRow>::value] = {};
     for (const TRow& row : rows) {
         for (size_t i = 0; i < row.size(); ++i) {
-            widths[i] = std::max(widths[i], row[i].size());
+            widths[i] = std::max(widths[i], Width(row[i]));
         }
     }
     for (const TRow& row : rows) {
         for (size_t i = 0; i + 1 < row.size(); ++i) {
-            std::printf("%-*s  ", static_cast<int>(widths[i]), row[i].c_str());
+            const std::string blanks(widths[i] - Width(row[i]) + kGap, ' ');
+            std::printf("%s%s", row[i].c_str(), blanks.c_str());
         }
         std::printf("%s\n", row.back().c_str());
     }
@@ -161,13 +172,13 @@ EStatus Reports(const TSOptions& options)
     if (!ListReports(options.m_stateDirectory, directories)) {
         return EStatus::Negative;
     }
-    if (options.m_id) {
-        directories.erase(std::remove_if(directories.begin(), directories.end(),
-                                         [&](const fs::path& directory) {
-                                             return std::stoull(directory.filename())
-                                                    != *options.m_id;
-                                         }),
-                          directories.end());
+    const bool one = !options.m_id.empty();
+    if (one) {
+        const std::string name = std::string(kDigits - options.m_id.size(), '0') + options.m_id;
+        directories.erase(
+            std::remove_if(directories.begin(), directories.end(),
+                           [&](const fs::path& other) { return other.filename() != name; }),
+            directories.end());
     }
 
     TJson reports = TJson::array();
@@ -175,19 +186,18 @@ EStatus Reports(const TSOptions& options)
     for (const fs::path& directory : directories) {
         allRead = ReadReport(directory, reports) && allRead;
     }
-    if (options.m_id && reports.empty()) {
+    if (one && reports.empty()) {
         if (allRead) {
-            std::fprintf(stderr, "kelctl: there is no report %llu\n",
-                         static_cast<unsigned long long>(*options.m_id));
+            std::fprintf(stderr, "kelctl: there is no report %s\n", options.m_id.c_str());
         }
         return EStatus::Negative;
     }
 
     if (options.m_json) {
-        const TJson& printed = options.m_id ? reports[0] : reports;
+        const TJson& printed = one ? reports[0] : reports;
         std::printf("%s\n",
                     printed.dump(kIndent, ' ', false, TJson::error_handler_t::replace).c_str());
-    } else if (options.m_id) {
+    } else if (one) {
         PrintMembers(reports[0], 0);
     } else if (!reports.empty()) {
         PrintTable(reports);
@@ -203,7 +213,11 @@ void AddReports(CLI::App& program, EStatus& status)
     CLI::App* const command
         = program.add_subcommand("reports", "List the reports that the agent has collected");
     const auto options = std::make_shared<TSOptions>();
-    command->add_option("ID", options->m_id, "Print all of this one");
+    command->add_option("ID", options->m_id, "Print all of this one")
+        ->check([](const std::string& text) { // decimal, however many zeros it begins with
+            return std::string(IsNumber(text) && text.size() <= kDigits ? ""
+                                                                        : "no report's number");
+        });
     command->add_flag("--json", options->m_json, "Print a JSON array, or the one object");
     command->add_option("--state-dir", options->m_stateDirectory, "The agent's directory")
         ->type_name("DIR")

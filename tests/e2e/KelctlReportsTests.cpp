@@ -1,0 +1,414 @@
+// kelctl reports: what a person or a program reads of the agent's directory of state.
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
+
+#include "e2e/AgentRoad.h"
+#include "support/Sandbox.h"
+
+namespace kel::test {
+
+using nlohmann::json;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const fs::path kState = "/tmp/the state";
+const fs::path kReports = kState / "reports";
+
+typedef std::vector<std::string> TWords;
+
+// What the agent writes.
+json Whole(int id, const std::string& process = "player")
+{
+    return {
+        {"id", id},
+        {"time", "2026-11-21T09:30:00.250Z"},
+        {"request",
+         {{"source", "/tmp/kel_NDF"},
+          {"name", process + "-decoder-ONCE_ONLY.log"},
+          {"process", process},
+          {"thread", "decoder"},
+          {"mode", "ONCE_ONLY"},
+          {"reboot", true},
+          {"cut", false},
+          {"upload-path", "/var/log/x.log"},
+          {"user", 1000},
+          {"filed", "2026-11-21T09:30:00.100Z"}}},
+        {"artefact", {{"file", "artefact"}, {"bytes", 1234}}},
+        {"applications", {{"handled", 2}, {"failed", 0}}},
+        {"kernel-log", {{"file", "kernel.log"}, {"lines", 12}}},
+        {"policy", {{"path", "/opt/p.xml"}, {"policy-mode", 0}, {"device-mode", 3}}},
+        {"system", {{"machine", "arm"}, {"cores", 2}}},
+    };
+}
+
+void WriteText(const std::string& name, const std::string& text)
+{
+    fs::create_directories(kReports / name);
+    std::ofstream(kReports / name / "report.json") << text;
+}
+
+void Write(const std::string& name, const json& report) { WriteText(name, report.dump(2)); }
+
+TWords Lines(const std::string& text)
+{
+    TWords lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+TWords Directories(const json& reports)
+{
+    TWords directories;
+    for (const json& report : reports) {
+        directories.push_back(report.at("directory"));
+    }
+    return directories;
+}
+
+// Where a word begins, in characters.
+size_t Column(const std::string& line, const std::string& word)
+{
+    const std::string before = line.substr(0, line.find(word));
+    return static_cast<size_t>(std::count_if(before.begin(), before.end(), [](char c) {
+        return (static_cast<unsigned char>(c) & 0xc0U) != 0x80;
+    }));
+}
+
+} // namespace
+
+class KelctlReports : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(Sandbox::IsEntered());
+        fs::remove_all(kState);
+        fs::create_directory(kState);
+    }
+
+    static TWords Command(const TWords& arguments)
+    {
+        TWords command{KEL_CTL, "reports", "--state-dir", kState};
+        command.insert(command.end(), arguments.begin(), arguments.end());
+        return command;
+    }
+    static TSFinished Reports(const TWords& arguments = {})
+    {
+        return RunProgram(Command(arguments));
+    }
+
+    // The output of one that succeeds.
+    static std::string Output(const TWords& arguments = {})
+    {
+        const TSFinished ended = Reports(arguments);
+        EXPECT_EQ(ended.m_exit, 0) << Text(ended);
+        EXPECT_EQ(ended.m_errorOutput, "");
+        return ended.m_output;
+    }
+    static json Json(const TWords& arguments = {})
+    {
+        TWords all{"--json"};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        return json::parse(Output(all));
+    }
+};
+
+TEST_F(KelctlReports, ListsALineAReportTheOldestFirst)
+{
+    json second = Whole(10);
+    second["artefact"] = {{"reason", "Permission denied"}};
+    second["request"]["reboot"] = false;
+    second["request"]["mode"] = nullptr;
+    json third = Whole(11);
+    third["artefact"] = nullptr;
+    Write("0000000011", third);
+    Write("0000000010", second);
+    Write("0000000002", Whole(2));
+
+    const TWords lines = Lines(Output());
+
+    ASSERT_EQ(lines.size(), 4U);
+    for (const char* const value : {"2 ", "2026-11-21T09:30:00.250Z", "player", "decoder",
+                                    "ONCE_ONLY", "yes", "1234 bytes"}) {
+        EXPECT_THAT(lines[1], HasSubstr(value));
+    }
+    EXPECT_THAT(lines[1], testing::EndsWith((kReports / "0000000002").string()));
+    EXPECT_THAT(lines[2], testing::StartsWith("10 "));
+    EXPECT_THAT(lines[2], HasSubstr("not copied: Permission denied"));
+    EXPECT_THAT(lines[2], HasSubstr(" no "));
+    EXPECT_THAT(lines[2], Not(HasSubstr("ONCE_ONLY")));
+    EXPECT_THAT(lines[3], testing::StartsWith("11 "));
+    EXPECT_THAT(lines[3], Not(HasSubstr("artefact")));
+}
+
+TEST_F(KelctlReports, TheLinesAreAlignedHoweverManyBytesACharacterHas)
+{
+    Write("0000000001", Whole(1, "p"));
+    Write("0000000002", Whole(2, "a\xef\xbf\xbdprocess"));
+    Write("0000000003", Whole(3, "pl\xc3\xa4yer"));
+
+    const TWords lines = Lines(Output());
+
+    ASSERT_EQ(lines.size(), 4U);
+    for (const std::string& line : lines) {
+        const char* const word = &line == &lines[0] ? "THREAD" : "decoder";
+        EXPECT_EQ(Column(line, word), Column(lines[0], "THREAD")) << line;
+    }
+}
+
+TEST_F(KelctlReports, ControlCharactersDoNotReachATerminal)
+{
+    const std::string name = "a\n\x1b[31m\x7f\xc2\x9b"
+                             "b";
+    Write("0000000001", Whole(1, name));
+
+    const std::string list = Output();
+    const std::string one = Output({"1"});
+
+    EXPECT_EQ(Lines(list).size(), 2U);
+    for (const std::string& output : {list, one}) {
+        EXPECT_THAT(output, HasSubstr("a\\x0a\\x1b[31m\\x7f"));
+        EXPECT_EQ(output.find_first_of("\x1b\x7f\x9b"), std::string::npos);
+    }
+    EXPECT_EQ(Json({"1"}).at("request").at("process"), name);
+}
+
+TEST_F(KelctlReports, AsJsonTheyAreAnArrayOfWhatTheAgentWrote)
+{
+    json expected = json::array({Whole(1), Whole(2)});
+    Write("0000000001", expected[0]);
+    Write("0000000002", expected[1]);
+    expected[0]["directory"] = kReports / "0000000001";
+    expected[1]["directory"] = kReports / "0000000002";
+
+    EXPECT_EQ(Json(), expected);
+}
+
+TEST_F(KelctlReports, TheAgentsUnfinishedAndDroppedOnesAreNotListed)
+{
+    for (const char* const name : {".new-0000000002", ".old-0000000001", "1", "00000000003",
+                                   "000000000x", "0000000003.bak"}) {
+        Write(name, Whole(1));
+    }
+    Write("0000000004", Whole(4));
+
+    EXPECT_EQ(Directories(Json()), TWords{kReports / "0000000004"});
+}
+
+TEST_F(KelctlReports, MembersThatAreMissingOrOfAnotherKindAreNoFault)
+{
+    WriteText("0000000001", "{}");
+    WriteText("0000000002",
+              R"({"id": "x", "request": [1, {}], "artefact": 5, "time": {"a": null}})");
+    WriteText("0000000003", R"({"request": {"process": null, "reboot": [true]}, "artefact": {}})");
+
+    EXPECT_EQ(Lines(Output()).size(), 4U);
+    EXPECT_EQ(Json().size(), 3U);
+    EXPECT_THAT(Output({"2"}), HasSubstr("id: x\n"));
+}
+
+TEST_F(KelctlReports, WhatCannotBeReadIsToldOfAndTheOthersAreListed)
+{
+    Write("0000000001", Whole(1));
+    fs::create_directory(kReports / "0000000002");                     // no file
+    WriteText("0000000003", Whole(3).dump().substr(0, 100));           // half of one
+    WriteText("0000000004", "[]");                                     // no object
+    WriteText("0000000005", "");                                       // nothing
+    fs::create_directories(kReports / "0000000006" / "report.json");   // no file either
+    WriteText("0000000007", "{\"request\": {\"process\": \"\xff\"}}"); // no UTF-8
+    Write("0000000008", Whole(8));
+
+    const TSFinished list = Reports();
+    const TSFinished array = Reports({"--json"});
+
+    EXPECT_EQ(list.m_exit, 1) << Text(list);
+    EXPECT_EQ(Lines(list.m_output).size(), 3U);
+    const TWords errors = Lines(list.m_errorOutput);
+    ASSERT_EQ(errors.size(), 6U) << list.m_errorOutput;
+    for (size_t i = 0; i < errors.size(); ++i) {
+        EXPECT_THAT(errors[i], testing::StartsWith("kelctl: " + kReports.string() + "/000000000"
+                                                   + std::to_string(i + 2) + ": "));
+    }
+    EXPECT_EQ(array.m_exit, 1) << Text(array);
+    EXPECT_EQ(array.m_errorOutput, list.m_errorOutput);
+    EXPECT_EQ(Directories(json::parse(array.m_output)),
+              (TWords{kReports / "0000000001", kReports / "0000000008"}));
+}
+
+TEST_F(KelctlReports, OneThatTheAgentDropsMeanwhileIsSimplyNotThere)
+{
+    // The first is read as soon as we write it, when all have been listed.
+    fs::create_directories(kReports / "0000000001");
+    const fs::path first = kReports / "0000000001" / "report.json";
+    ASSERT_EQ(mkfifo(first.c_str(), 0600), 0);
+    Write("0000000002", Whole(2));
+    Write("0000000003", Whole(3));
+    ChildProcess kelctl(Command({"--json"}));
+    const int writer = open(first.c_str(), O_WRONLY | O_CLOEXEC); // when kelctl has opened it
+    ASSERT_GE(writer, 0);
+
+    fs::rename(kReports / "0000000001", kReports / ".old-0000000001");
+    fs::rename(kReports / "0000000002", kReports / ".old-0000000002");
+    close(writer);
+
+    EXPECT_EQ(kelctl.Wait(), 0) << kelctl.ErrorOutput();
+    EXPECT_EQ(kelctl.ErrorOutput(), "");
+    EXPECT_EQ(Directories(json::parse(kelctl.Output())), TWords{kReports / "0000000003"});
+}
+
+TEST_F(KelctlReports, WithANumberItPrintsAllOfOne)
+{
+    Write("0000000007", Whole(7, "other"));
+    Write("0000000008", Whole(8));
+
+    const std::string text = Output({"8"});
+
+    for (const char* const line :
+         {"id: 8\n", "request:\n", "  process: player\n", "  reboot: yes\n", "  user: 1000\n",
+          "  upload-path: /var/log/x.log\n", "  bytes: 1234\n", "  file: kernel.log\n",
+          "  handled: 2\n", "  device-mode: 3\n", "  machine: arm\n"}) {
+        EXPECT_THAT(text, HasSubstr(line));
+    }
+    EXPECT_THAT(text, HasSubstr("directory: " + (kReports / "0000000008").string() + "\n"));
+    EXPECT_THAT(text, Not(HasSubstr("other")));
+
+    json expected = Whole(8);
+    expected["directory"] = kReports / "0000000008";
+    EXPECT_EQ(Json({"8"}), expected);
+}
+
+TEST_F(KelctlReports, TheNumberIsADecimalOneWithAndWithoutZeros)
+{
+    Write("0000000008", Whole(8));
+    Write("0000000009", Whole(9));
+    Write("0000000010", Whole(10));
+
+    EXPECT_EQ(Json({"0000000010"}).at("id"), 10);
+    EXPECT_EQ(Json({"010"}).at("id"), 10);
+    EXPECT_EQ(Json({"10"}).at("id"), 10);
+    EXPECT_EQ(Json({"0000000009"}).at("id"), 9);
+}
+
+TEST_F(KelctlReports, ANumberThatNoReportHasIsToldOf)
+{
+    Write("0000000001", Whole(1));
+    WriteText("0000000002", "half of");
+
+    const TSFinished none = Reports({"3"});
+    const TSFinished unreadable = Reports({"2"});
+    const TSFinished other = Reports({"1"}); // the second is not asked for
+
+    EXPECT_EQ(none.m_exit, 1) << Text(none);
+    EXPECT_EQ(none.m_output, "");
+    EXPECT_EQ(none.m_errorOutput, "kelctl: there is no report 3\n");
+    EXPECT_EQ(unreadable.m_exit, 1) << Text(unreadable);
+    EXPECT_EQ(unreadable.m_output, "");
+    EXPECT_TRUE(IsOneLine(unreadable.m_errorOutput, "kelctl: ")) << Text(unreadable);
+    EXPECT_EQ(other.m_exit, 0) << Text(other);
+}
+
+TEST_F(KelctlReports, WithoutAnyReportTheListIsEmpty)
+{
+    EXPECT_EQ(Output(), "");
+    EXPECT_EQ(Json(), json::array());
+
+    fs::create_directory(kReports);
+
+    EXPECT_EQ(Output(), "");
+    EXPECT_EQ(Json(), json::array());
+}
+
+TEST_F(KelctlReports, ADirectoryOfStateThatCannotBeReadIsToldOf)
+{
+    fs::remove_all(kState);
+    const TSFinished missing = Reports();
+    std::ofstream(kState) << "no directory";
+    const TSFinished file = Reports({"--json"});
+    fs::remove(kState);
+
+    for (const TSFinished& ended : {missing, file}) {
+        EXPECT_EQ(ended.m_exit, 1) << Text(ended);
+        EXPECT_EQ(ended.m_output, "");
+        EXPECT_TRUE(IsOneLine(ended.m_errorOutput, "kelctl: /tmp/the state: ")) << Text(ended);
+    }
+    EXPECT_THAT(missing.m_errorOutput, HasSubstr("No such file or directory"));
+    EXPECT_THAT(file.m_errorOutput, HasSubstr("Not a directory"));
+}
+
+TEST_F(KelctlReports, ADirectoryThatMayNotBeReadIsToldOf)
+{
+    Write("0000000001", Whole(1));
+    fs::permissions(kState, fs::perms::owner_all);
+    // Without what lets the superuser read everything.
+    TWords command{"setpriv", "--bounding-set=-all", "--inh-caps=-all", "--"};
+    const TWords reports = Command({});
+    command.insert(command.end(), reports.begin(), reports.end());
+    fs::permissions(kState, fs::perms::none);
+
+    const TSFinished ended = RunProgram(command);
+    fs::permissions(kState, fs::perms::owner_all);
+
+    EXPECT_EQ(ended.m_exit, 1) << Text(ended);
+    EXPECT_EQ(ended.m_output, "");
+    EXPECT_EQ(ended.m_errorOutput, "kelctl: " + kReports.string() + ": Permission denied\n");
+}
+
+TEST_F(KelctlReports, WithoutTheOptionItReadsTheAgentsOwnDirectory)
+{
+    Write("0000000001", Whole(1));
+    ASSERT_EQ(mount("tmpfs", "/var/lib", "tmpfs", 0, ""), 0);
+    fs::copy(kState, "/var/lib/kel-agent", fs::copy_options::recursive);
+
+    const TSFinished ended = RunProgram({KEL_CTL, "reports", "--json"});
+    EXPECT_EQ(umount("/var/lib"), 0);
+
+    EXPECT_EQ(ended.m_exit, 0) << Text(ended);
+    EXPECT_EQ(Directories(json::parse(ended.m_output)),
+              TWords{"/var/lib/kel-agent/reports/0000000001"});
+}
+
+TEST_F(KelctlReports, WrongUsageIsToldInOneLine)
+{
+    Write("0000000008", Whole(8));
+    for (const TWords& arguments :
+         {TWords{"x"}, TWords{"0x8"}, TWords{"8", "9"}, TWords{"-8"}, TWords{"8.0"}, TWords{""},
+          TWords{"99999999999999999999999"}, TWords{"--state-dir"}, TWords{"--count", "1"}}) {
+        const TSFinished ended = Reports(arguments);
+
+        EXPECT_EQ(ended.m_exit, 2) << Text(ended);
+        EXPECT_EQ(ended.m_output, "");
+        EXPECT_TRUE(IsOneLine(ended.m_errorOutput, "kelctl: ")) << Text(ended);
+    }
+}
+
+TEST_F(KelctlReports, OutputThatCannotBeWrittenIsToldOf)
+{
+    Write("0000000001", Whole(1));
+
+    const TSFinished ended = RunProgram(
+        {"sh", "-c", "exec " KEL_CTL " reports --state-dir '/tmp/the state' >/dev/full"});
+
+    EXPECT_EQ(ended.m_exit, 5) << Text(ended);
+    EXPECT_TRUE(IsOneLine(ended.m_errorOutput, "kelctl: the output cannot be written: "))
+        << Text(ended);
+}
+
+} // namespace kel::test
