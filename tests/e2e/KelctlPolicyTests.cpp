@@ -1,0 +1,261 @@
+// kelctl policy: what the library resolves on this device, and why.
+
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
+
+#include "e2e/AgentRoad.h"
+#include "support/Sandbox.h"
+
+namespace kel::test {
+
+using nlohmann::json;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string kHigh = "/opt/usr/share/dlog/yol_kel_policy_high.xml";
+const std::string kVendor = "/opt/usr/share/vostek/vostek_kel_policy.xml";
+const std::string kVariant = "/opt/usr/share/dlog/yol_kel_policy.xml";
+const std::string kDefault = "/opt/usr/share/dlog/default_kel_policy.xml";
+const std::string kStickPolicy = "vostek/vostek_kel_policy.xml";
+
+const fs::path kStick = "/tmp/stick";
+const fs::path kDebug = "/etc/debug";
+
+void Make(const fs::path& file)
+{
+    fs::create_directories(file.parent_path());
+    std::ofstream(file).flush();
+}
+
+} // namespace
+
+class KelctlPolicy : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(Sandbox::IsEntered());
+        fs::remove_all("/opt/usr");
+        fs::remove(kDebug);
+    }
+    void TearDown() override
+    {
+        if (m_hasStick) {
+            EXPECT_EQ(umount("/sys/dev/block"), 0);
+            EXPECT_EQ(umount(kStick.c_str()), 0);
+        }
+        fs::remove_all("/opt/usr");
+        fs::remove(kDebug);
+    }
+
+    // A mounted file system whose device seems to hang on the USB bus.
+    void PlugIn()
+    {
+        fs::create_directory(kStick);
+        ASSERT_EQ(mount("tmpfs", kStick.c_str(), "tmpfs", 0, ""), 0);
+        ASSERT_EQ(mount("tmpfs", "/sys/dev/block", "tmpfs", 0, "mode=755"), 0);
+        m_hasStick = true;
+        struct stat status;
+        ASSERT_EQ(stat(kStick.c_str(), &status), 0);
+        fs::create_directories("/tmp/devices/usb1/block/sda");
+        fs::create_symlink("/tmp/devices/usb1/block/sda",
+                           "/sys/dev/block/" + std::to_string(major(status.st_dev)) + ":"
+                               + std::to_string(minor(status.st_dev)));
+    }
+
+    static std::string Output(std::vector<std::string> arguments = {})
+    {
+        arguments.insert(arguments.begin(), {KEL_CTL, "policy"});
+        const TSFinished ended = RunProgram(arguments);
+        EXPECT_EQ(ended.m_exit, 0) << Text(ended);
+        EXPECT_EQ(ended.m_errorOutput, "");
+        return ended.m_output;
+    }
+
+    // The candidate in use; the others must say that they are not.
+    static std::string Used(const json& policy)
+    {
+        std::string used;
+        for (const json& candidate : policy.at("candidates")) {
+            if (candidate.at("used").get<bool>()) {
+                EXPECT_EQ(used, "");
+                used = candidate.at("path");
+            }
+        }
+        return used;
+    }
+
+    // Whether they exist: on the stick, then by precedence.
+    static std::vector<bool> Existing(const json& policy)
+    {
+        std::vector<bool> existing;
+        for (const json& candidate : policy.at("candidates")) {
+            existing.push_back(candidate.at("exists"));
+        }
+        return existing;
+    }
+
+    static void ExpectInUse(const std::string& path, int policyMode,
+                            const std::vector<bool>& existing)
+    {
+        const json policy = json::parse(Output({"--json"}));
+        EXPECT_EQ(policy.at("policy"), path);
+        EXPECT_EQ(Used(policy), path);
+        EXPECT_EQ(policy.at("policy-mode"), policyMode);
+        EXPECT_EQ(policy.at("device-mode"), 0);
+        EXPECT_EQ(policy.at("usb"), false);
+        EXPECT_EQ(Existing(policy), existing);
+
+        const std::string text = Output();
+        EXPECT_THAT(text, StartsWith("policy: " + path));
+        EXPECT_THAT(text, HasSubstr("policy mode: " + std::to_string(policyMode)));
+        EXPECT_THAT(text, HasSubstr(path + " (in use)\n"));
+    }
+
+private:
+    bool m_hasStick = false;
+};
+
+TEST_F(KelctlPolicy, WithoutAnyFileTheDefaultOneIsMissing)
+{
+    ExpectInUse(kDefault, 0, {false, false, false, false, false});
+
+    const std::string text = Output();
+    EXPECT_THAT(text, StartsWith("policy: " + kDefault + " (missing)\n"));
+    EXPECT_THAT(text, HasSubstr("why: there is no other policy\n"));
+    EXPECT_THAT(text, HasSubstr("debug image: no\n"));
+}
+
+TEST_F(KelctlPolicy, TheDefaultOneAppliesWhenThereIsNoOther)
+{
+    Make(kDefault);
+
+    ExpectInUse(kDefault, 0, {false, false, false, false, true});
+    EXPECT_THAT(Output(), StartsWith("policy: " + kDefault + "\nwhy: there is no other policy\n"));
+}
+
+TEST_F(KelctlPolicy, AVariantComesBeforeTheDefaultOne)
+{
+    Make(kDefault);
+    Make(kVariant);
+
+    ExpectInUse(kVariant, 2, {false, false, false, true, true});
+    EXPECT_THAT(Output(),
+                HasSubstr("why: there is neither a high variant nor a vendor's policy\n"));
+}
+
+TEST_F(KelctlPolicy, TheVendorsComesBeforeAVariant)
+{
+    Make(kVariant);
+    Make(kVendor);
+
+    ExpectInUse(kVendor, 2, {false, false, true, true, false});
+    EXPECT_THAT(Output(), HasSubstr("why: there is no high variant\n"));
+}
+
+TEST_F(KelctlPolicy, AHighVariantComesBeforeTheVendors)
+{
+    Make(kVariant);
+    Make(kVendor);
+    Make(kHigh);
+
+    ExpectInUse(kHigh, 2, {false, true, true, true, false});
+    EXPECT_THAT(Output(), HasSubstr("why: a high variant comes before the others\n"));
+}
+
+TEST_F(KelctlPolicy, AHighVariantAloneApplies)
+{
+    Make(kHigh);
+
+    ExpectInUse(kHigh, 2, {false, true, false, false, false});
+}
+
+TEST_F(KelctlPolicy, WhatIsThereCountsWhateverItIs)
+{
+    fs::create_directories(kVendor);
+
+    ExpectInUse(kVendor, 2, {false, false, true, false, false});
+}
+
+TEST_F(KelctlPolicy, OnADebugImageTheUsbDevicesComesFirst)
+{
+    Make(kDebug);
+    Make(kHigh);
+    PlugIn();
+    Make(kStick / kStickPolicy);
+
+    const json policy = json::parse(Output({"--json"}));
+    EXPECT_THAT(policy.at("policy").get<std::string>(), StartsWith(kStickPolicy));
+    EXPECT_EQ(Used(policy), policy.at("policy"));
+    EXPECT_EQ(policy.at("usb"), true);
+    EXPECT_EQ(policy.at("device-mode"), 3);
+    EXPECT_EQ(policy.at("policy-mode"), 2); // the device's own files have it
+    EXPECT_EQ(policy.at("debug-image"), true);
+    EXPECT_EQ(Existing(policy), (std::vector<bool>{true, true, false, false, false}));
+
+    const std::string text = Output();
+    EXPECT_THAT(text, StartsWith("policy: " + kStickPolicy));
+    EXPECT_THAT(text, HasSubstr("why: this is a debug image, and the USB device has the file\n"));
+    EXPECT_THAT(text, HasSubstr("device mode: 3 (USB test)\n"));
+    EXPECT_THAT(text, HasSubstr("debug image: yes\n"));
+}
+
+TEST_F(KelctlPolicy, AUsbDeviceWithoutThePolicyChangesNothing)
+{
+    Make(kDebug);
+    Make(kVendor);
+    PlugIn();
+
+    ExpectInUse(kVendor, 2, {false, false, true, false, false});
+    EXPECT_EQ(json::parse(Output({"--json"})).at("debug-image"), true);
+}
+
+TEST_F(KelctlPolicy, OnAnotherImageAUsbDeviceIsNotLookedAt)
+{
+    Make(kDefault);
+    PlugIn();
+    Make(kStick / kStickPolicy);
+
+    ExpectInUse(kDefault, 0, {false, false, false, false, true});
+    EXPECT_EQ(json::parse(Output({"--json"})).at("debug-image"), false);
+}
+
+TEST_F(KelctlPolicy, TheCandidatesAreToldByPrecedence)
+{
+    const json policy = json::parse(Output({"--json"}));
+    std::vector<std::string> paths;
+    for (const json& candidate : policy.at("candidates")) {
+        paths.push_back(candidate.at("path"));
+    }
+
+    EXPECT_THAT(paths,
+                testing::ElementsAre(StartsWith(kStickPolicy), kHigh, kVendor, kVariant, kDefault));
+}
+
+TEST_F(KelctlPolicy, WrongUsageAndAFullOutputAreToldInOneLine)
+{
+    for (const char* const argument : {"operand", "--count"}) {
+        const TSFinished ended = RunProgram({KEL_CTL, "policy", argument});
+
+        EXPECT_EQ(ended.m_exit, 2) << Text(ended);
+        EXPECT_TRUE(IsOneLine(ended.m_errorOutput, "kelctl: ")) << Text(ended);
+    }
+    const TSFinished full = RunProgram({"sh", "-c", "exec " KEL_CTL " policy >/dev/full"});
+
+    EXPECT_EQ(full.m_exit, 5) << Text(full);
+    EXPECT_TRUE(IsOneLine(full.m_errorOutput, "kelctl: the output cannot be written: "))
+        << Text(full);
+}
+
+} // namespace kel::test
