@@ -640,6 +640,27 @@ TEST_F(AgentFaults, BesideOneOfTheTestChannelEachReportIsMadeOnce)
     ExpectEachOnce(reports, {"both"}, 100);
 }
 
+// Each has what the other needs as soon as the one has the drop directories and the other the
+// state.
+TEST_F(AgentFaults, BesideOneOfTheTestChannelWithTheSameStateNoRequestWaitsForEver)
+{
+    const auto agent = StartCollector();
+    const auto tester = StartAgent({"--test"});
+    ASSERT_TRUE(Says(*tester, "kel-agent: /tmp/kel_NDF cannot be used: another agent uses it\n"))
+        << tester->ErrorOutput();
+
+    agent->Signal(SIGSTOP);
+    RequestSlot("proc", "slot");
+    // Only the tester can have it now; it need not.
+    WaitUntil([] { return Slot().empty(); }, std::chrono::milliseconds(1500));
+    agent->Signal(SIGCONT);
+    FileMany("both", 10);
+
+    EXPECT_TRUE(WaitForReports(11)) << agent->ErrorOutput() << tester->ErrorOutput();
+    LetItLook();
+    EXPECT_EQ(Ids().size(), 13U);
+}
+
 TEST_F(AgentFaults, ASignalWhileItCollectsEndsItInTimeWithNothingHalfWritten)
 {
     constexpr int kRequests = 300;

@@ -117,6 +117,8 @@ void TCCollector::m_Run()
         } catch (const std::exception& failure) { // out of memory, say: what waits goes on waiting
             std::fprintf(stderr, "kel-agent: collecting: %s\n", failure.what());
         }
+        // Another agent may have the same one, and requests that we do not see.
+        m_store.Close();
         m_WaitForRequests(unfinished);
     }
 }

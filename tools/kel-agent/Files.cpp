@@ -129,5 +129,13 @@ bool TCOwnDirectory::Lock(std::string& reason)
     return true;
 }
 
+void TCOwnDirectory::Unlock()
+{
+    if (m_locked) {
+        flock(m_descriptor.Get(), LOCK_UN);
+        m_locked = false;
+    }
+}
+
 } // namespace agent
 } // namespace kel

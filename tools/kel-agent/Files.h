@@ -61,10 +61,11 @@ public:
     /// @param reason  replaced by one line on failure; untouched otherwise.
     bool Open(std::string& reason);
 
-    /// Has it, until its end, for this process alone. It is open.
+    /// Has it, until Unlock() or its end, for this process alone. It is open.
     ///
     /// @param reason  as above.
     bool Lock(std::string& reason);
+    void Unlock();
 
     int Get() const { return m_descriptor.Get(); }
     const std::string& Path() const { return m_path; }

@@ -27,10 +27,13 @@ public:
 
     /// Looks at the directory as it is now: makes a missing one, removes what a killed agent has
     /// left unfinished, and drops the oldest reports beyond the limits. Only one agent at a time
-    /// has it.
+    /// has it, until Close().
     ///
     /// @param reason  replaced by one line on failure; untouched otherwise.
     bool Open(std::string& reason);
+
+    /// Lets other agents have it.
+    void Close() { m_directory.Unlock(); }
 
     const TSLimits& Limits() const { return m_limits; }
 
