@@ -146,6 +146,9 @@ bool TCCollector::m_Collect()
 
     std::string reason;
     bool open = m_store.Open(reason);
+    if (open) { // a killed agent may have got as far as that, and no further
+        m_newestStamp = StampIn(ReadReport(m_store.Newest()));
+    }
     const bool areNew = std::any_of(found.begin(), found.end(), [this](const TSFound& one) {
         return m_waiting.count(one) == 0;
     });
@@ -222,17 +225,15 @@ bool TCCollector::m_Serve(const TSFound& found, std::string& reason)
     if (!taken) {
         return true;
     }
-    // A killed agent may have got as far as that; its last request need not be our first.
-    if (m_reported.empty()) {
-        m_reported.insert(StampIn(ReadReport(m_store.Newest())));
-    }
-    if (m_reported.count(request.m_stamp) == 0 && !m_Report(request, reason)) {
+    const bool isReported
+        = request.m_stamp == m_newestStamp || m_unremoved.count(request.m_stamp) != 0;
+    if (!isReported && !m_Report(request, reason)) {
         return false;
     }
     const bool removed
         = found.m_pDrop != nullptr ? found.m_pDrop->Remove(request) : m_slot.Remove();
     if (!removed) {
-        m_reported.insert(request.m_stamp);
+        m_unremoved.insert(request.m_stamp);
     }
     return true;
 }

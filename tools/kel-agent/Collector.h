@@ -74,9 +74,9 @@ private:
     std::pair<size_t, size_t> m_applications;
     std::vector<std::string> m_kernelLines; // not in any report yet
     std::set<TSFound> m_waiting;            // whose reason to wait was told
-    // Stamps of requests that have a report, and may still be there: what an earlier agent has
-    // reported last, or nothing, and what could not be removed.
-    std::set<std::string> m_reported;
+    // Stamps of requests that have a report, and may still be there.
+    std::string m_newestStamp;         // of the report that was the newest when we began to collect
+    std::set<std::string> m_unremoved; // of what could not be removed
 
     TCDescriptor m_changes; // of the drop directories
     TCDescriptor m_stop;    // readable from Stop() on
