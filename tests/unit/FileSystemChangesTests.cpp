@@ -291,20 +291,26 @@ TEST_F(FileChanges, ACopyToAnotherFileSystemGoesOnAfterASignal)
     EXPECT_THAT(m_log.Lines(), IsEmpty()) << m_log.Text();
 }
 
-TEST_F(FileChanges, ASourceThatVanishesDuringACopyToAnotherFileSystemIsAFailure)
+TEST_F(FileChanges, AFileThatVanishesDuringACopyToAnotherFileSystemIsAFailure)
 {
-    const fs::path source = Write(m_root / "one" / "source", kText);
-    // It is opened once more when the kernel has refused to copy.
-    g_hooks.m_open = [&, number = 0](const std::string& path) mutable {
-        if (path == source.string() && ++number == 2) {
-            fs::remove(source);
-        }
-    };
+    const fs::path source = m_root / "one" / "source";
+    const fs::path destination = m_root / "two" / "copy";
+    for (const fs::path& vanishing : {source, destination}) {
+        SCOPED_TRACE(vanishing);
+        Write(source, kText);
+        m_log.Clear();
+        // It is opened once more when the kernel has refused to copy.
+        g_hooks.m_open = [&, number = 0](const std::string& path) mutable {
+            if (path == vanishing.string() && ++number == 2) {
+                fs::remove(vanishing);
+            }
+        };
 
-    EXPECT_FALSE(TSFileSystem::CopyFile(source, m_root / "two" / "copy", true));
+        EXPECT_FALSE(TSFileSystem::CopyFile(source, destination, true));
 
-    ExpectLog("CopyFile", kErrorPriority,
-              {"Could not copy file: error code: No such file or directory"});
+        ExpectLog("CopyFile", kErrorPriority,
+                  {"Could not copy file: error code: No such file or directory"});
+    }
 }
 
 TEST_F(FileChanges, CopyingLeavesNoDescriptorOpen)
