@@ -10,11 +10,14 @@
 #include <utility>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <kel/KELDebug.h>
 #include <kel/KELDirsManager.h>
 
 #include "Messages.h"
+#include "StandardOutput.h"
 #include "support/ChildProcess.h"
 #include "support/FakePlatform.h"
 #include "support/LogRecorder.h"
@@ -37,6 +40,10 @@ const fs::path kStick = "/tmp/stick";
 const std::string kStickPolicy = "/tmp/stick/vostek/vostek_kel_policy.xml";
 
 typedef std::vector<std::string> TTexts;
+
+// Before any test has set it.
+const std::string pathAtLoad = TCDirsManager::m_policyXmlPath;
+const int modesAtLoad[] = {TCDirsManager::PolicyMode, TCDirsManager::KELMode};
 
 void MakeFile(const fs::path& path)
 {
@@ -79,6 +86,8 @@ private:
 
 TEST_F(DirsManager, StartsWithTheDefaultPolicyInNormalMode)
 {
+    EXPECT_EQ(pathAtLoad, kDefault);
+    EXPECT_THAT(modesAtLoad, testing::Each(0));
     EXPECT_EQ(TCDirsManager::GetPolicyMode(), 0);
     EXPECT_EQ(TCDirsManager::GetKELMode(), 0);
     EXPECT_EQ(TakeMessages(), TTexts()) << "a getter of a mode resolves nothing";
@@ -177,6 +186,30 @@ TEST_P(DirsManagerPolicy, GetPolicyXmlPathRanksThemAlikeAndNamesTheVendorsWhenev
 
 INSTANTIATE_TEST_SUITE_P(Files, DirsManagerPolicy, testing::ValuesIn(kPolicyRows),
                          [](const auto& row) { return NameOf(row.param); });
+
+TEST_F(DirsManager, EveryLineNamesItsPlaceInBothCopies)
+{
+    kel::TCDebug::m_instance.EnableStdoutLog(true);
+    const std::string output = StandardOutputOf([] {
+        TCDirsManager::Initialize();
+        TCDirsManager::GetPolicyXmlPath();
+    });
+    kel::TCDebug::m_instance.EnableStdoutLog(false);
+
+    std::string copies;
+    TTexts functions;
+    for (const kel::test::TSLogLine& line : m_log.Lines()) {
+        EXPECT_EQ(line.m_buffer, 2);
+        EXPECT_EQ(line.m_tag, "KEL");
+        EXPECT_EQ(line.m_source, "KELDirsManager");
+        functions.push_back(line.m_function);
+        copies += "KEL >kel::TCDirsManager:" + line.m_function + ":" + std::to_string(line.m_line)
+                  + "< " + line.m_message + "\n";
+    }
+    EXPECT_EQ(functions, (TTexts{"Initialize", "Initialize", "Initialize", "Initialize",
+                                 "getPolicyPath", "getPolicyPath"}));
+    EXPECT_EQ(output, copies);
+}
 
 TEST_F(DirsManager, ADirectoryNamedLikeAPolicyFileCounts)
 {

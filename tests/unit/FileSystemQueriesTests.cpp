@@ -7,7 +7,10 @@
 #include <cstring>
 #include <stdexcept>
 
+#include <kel/KELDebug.h>
+
 #include "FileSystemTests.h"
+#include "StandardOutput.h"
 
 namespace kel::test {
 
@@ -86,6 +89,18 @@ TEST_F(FileQueries, AMissingFolderAndOneThatIsAFileAreToldApartInTheLog)
     ExpectLog("FolderExists", kErrorPriority,
               {"File /tmp/tree/missing does not exist",
                "Path /tmp/tree/file exists but it is not a directory"});
+}
+
+TEST_F(FileQueries, ALineIsCopiedUnderTheNameOfItsClass)
+{
+    TCDebug::m_instance.EnableStdoutLog(true);
+    const std::string output
+        = StandardOutputOf([&] { TSFileSystem::FolderExists(m_root / "missing"); });
+    TCDebug::m_instance.EnableStdoutLog(false);
+
+    EXPECT_EQ(output,
+              "KEL >kel::TSFileSystem:FolderExists:" + std::to_string(m_log.Lines().at(0).m_line)
+                  + "< File /tmp/tree/missing does not exist\n");
 }
 
 TEST_F(FileQueries, FilesAreNamesWithAnExtensionUpperLevelsFirst)

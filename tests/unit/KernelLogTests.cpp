@@ -57,6 +57,8 @@ using namespace std::string_literals;
 
 typedef std::vector<std::string> TLines;
 
+const std::string lastSharedAtLoad = lastShared; // before any test has set it
+
 const fs::path kSnapshot = "/tmp/Device_Tracker.log";
 const fs::path kTools = "/tmp/tools";
 const fs::path kKernel = "/tmp/kernel-log"; // what the tests' own dmesg shows
@@ -240,6 +242,7 @@ TEST_F(KernelLog, LongLinesAndOddBytesComeAsTheyAre)
 // A space is what is remembered before the first call.
 TEST_F(KernelLog, ALineOfOneSpaceHidesWhatIsBeforeItAtFirst)
 {
+    EXPECT_EQ(lastSharedAtLoad, " ");
     SetKernelLog(TLines{"one", " ", "two"});
 
     EXPECT_EQ(Dump(), TLines{"two"});

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <kel/KELCallbacksProxy.h>
 #include <kel/KELControlProxy.h>
 #include <kel/KELDbusClient.h>
 #include <kel/KELDbusServer.h>
@@ -20,6 +21,7 @@
 
 namespace {
 
+using kel::ICallbacks;
 using kel::IControl;
 using kel::IDbus;
 using kel::IDbusClient;
@@ -94,6 +96,14 @@ struct TSDeactivatorMembers
 struct TSControlProxyMembers
 {
     void* m_pTable;
+    boost::shared_ptr<IDbusClient> m_pClient;
+};
+
+struct TSCallbacksProxyMembers
+{
+    void* m_pTable;
+    boost::function<void()> m_policyUpdateCb;
+    boost::function<bool()> m_requestProcessInfoCb;
     boost::shared_ptr<IDbusClient> m_pClient;
 };
 
@@ -223,6 +233,18 @@ TEST(Layout, ControlProxyHoldsTheClient)
     EXPECT_EQ(sizeof(kel::TCControlProxy), sizeof(TSControlProxyMembers));
 }
 
+TEST(Layout, CallbacksProxyHoldsTheFunctionsAndTheClient)
+{
+    const kel::TCCallbacksProxy proxy;
+
+    EXPECT_AT(proxy, TSCallbacksProxyMembers, m_policyUpdateCb);
+    EXPECT_AT(proxy, TSCallbacksProxyMembers, m_requestProcessInfoCb);
+    EXPECT_AT(proxy, TSCallbacksProxyMembers, m_pClient);
+    EXPECT_EQ(sizeof(kel::TCCallbacksProxy), sizeof(TSCallbacksProxyMembers));
+    EXPECT_TRUE(proxy.m_policyUpdateCb.empty());
+    EXPECT_TRUE(proxy.m_requestProcessInfoCb.empty());
+}
+
 TEST(Layout, AnEndHoldsOneIDbus)
 {
     TCDbusClient client(true);
@@ -262,6 +284,10 @@ TEST(Slots, OfTheChannelsEnds)
 TEST(Slots, OfTheApplicationsInterfaces)
 {
     EXPECT_EQ(SlotOf(&IControl::SetPolicy), 2u);
+    EXPECT_EQ(SlotOf(&ICallbacks::SetPolicyUpdateCb), 2u);
+    EXPECT_EQ(SlotOf(&ICallbacks::ResetPolicyUpdateCb), 3u);
+    EXPECT_EQ(SlotOf(&ICallbacks::SetRequestProcessInfoCb), 4u);
+    EXPECT_EQ(SlotOf(&ICallbacks::ResetRequestProcessInfoCb), 5u);
     EXPECT_EQ(SlotOf(&TIDestroyCallback::OnDestroy), 2u);
 }
 
