@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <functional>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,6 +17,29 @@
 #include "support/FakePlatform.h"
 #include "support/LogRecorder.h"
 #include "support/WaitUntil.h"
+
+namespace {
+
+// How many allocations of this thread it takes until one fails; 0: none does.
+thread_local size_t untilFailure = 0;
+
+} // namespace
+
+// In place of the standard library's, in this whole program. All other forms are made of these.
+
+void* operator new(size_t size)
+{
+    void* const block
+        = untilFailure != 0 && --untilFailure == 0 ? nullptr : std::malloc(size != 0 ? size : 1);
+    if (block == nullptr) {
+        throw std::bad_alloc();
+    }
+    return block;
+}
+
+void operator delete(void* block) noexcept { std::free(block); }
+
+void operator delete(void* block, size_t) noexcept { std::free(block); }
 
 namespace {
 
@@ -237,6 +262,32 @@ TEST_F(CachingUtils, AFailureIsCopiedUnderTheNameOfItsClass)
     EXPECT_EQ(output, "KEL >kel::TCHtCachingUtils:GetSystemInfoKeyCached:"
                           + std::to_string(m_log.Lines().at(0).m_line)
                           + "< Fail getting systeminfo value\n");
+}
+
+TEST_F(CachingUtils, WithoutMemoryForAnEntryTheLocksAreFreeAndTheKeyIsTriedAgain)
+{
+    const std::string text(100, 't');
+    m_platform.SetText(kKey, text);
+    size_t failures = 0;
+
+    for (bool known = false; !known;) {
+        std::string value;
+        untilFailure = failures + 1;
+        try {
+            known = TCHtCachingUtils::GetSystemInfoKeyCached(kKey, value);
+            untilFailure = 0;
+            EXPECT_EQ(value, text);
+        } catch (const std::bad_alloc&) {
+            ++failures;
+            ASSERT_TRUE(TCHtCachingUtils::m_CacheMapMutex.try_lock());
+            TCHtCachingUtils::m_CacheMapMutex.unlock();
+            EXPECT_TRUE(TCHtCachingUtils::m_systemInfoStrCache.empty());
+        }
+    }
+
+    EXPECT_GE(failures, 3u) << "the output, the entry and its text";
+    EXPECT_EQ(TCHtCachingUtils::m_systemInfoStrCache.size(), 1u);
+    EXPECT_EQ(TakeMessages(), TTexts());
 }
 
 TEST_F(CachingUtils, EightThreadsThatMissOneKeyAskThePlatformOnce)
