@@ -1,3 +1,6 @@
+#include <memory>
+#include <string>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -77,6 +80,31 @@ TEST_F(CallbacksProxyEvents, AreLoggedWithTheirPlaceInBothCopies)
     EXPECT_EQ(line.m_function, "m_OnCallback");
     EXPECT_EQ(output, "KEL >kel::TCCallbacksProxy:m_OnCallback:" + std::to_string(line.m_line)
                           + "< Callback called with id 2\n");
+}
+
+// Under AddressSanitizer a function that was freed as it ran is seen.
+TEST(CallbacksProxyEnd, AFunctionMayDropTheLastPointerToTheObject)
+{
+    TBytes response;
+    std::string said;
+    const std::string word(64, 'w'); // longer than fits into a small string
+
+    auto proxy = std::make_unique<kel::TCCallbacksProxy>();
+    proxy->m_policyUpdateCb = [&proxy, &said, word] {
+        proxy.reset();
+        said += word;
+    };
+    EXPECT_TRUE(proxy->m_Callback(2, {}, response));
+
+    proxy = std::make_unique<kel::TCCallbacksProxy>();
+    proxy->m_requestProcessInfoCb = [&proxy, &said, word] {
+        proxy.reset();
+        said += word;
+        return true;
+    };
+    EXPECT_TRUE(proxy->m_Callback(4, {}, response));
+
+    EXPECT_EQ(said, word + word);
 }
 
 } // namespace

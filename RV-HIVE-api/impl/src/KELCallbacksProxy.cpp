@@ -120,19 +120,22 @@ bool TCCallbacksProxy::m_OnCallback(int type, const std::vector<unsigned char>&,
 {
     KEL_DEBUG("Callback called with id %d", type);
 
+    // Copies are called: a function may drop the last pointer to this object, and itself with it.
+    const boost::function<void()> policyUpdate = m_policyUpdateCb;
+    const boost::function<bool()> requestProcessInfo = m_requestProcessInfoCb;
     switch (type) {
     case POLICY_UPDATE:
-        if (m_policyUpdateCb.empty()) {
+        if (policyUpdate.empty()) {
             return false;
         }
-        m_policyUpdateCb();
+        policyUpdate();
         return true;
     case REQUEST_PROCESS_INFO:
-        if (m_requestProcessInfoCb.empty()) {
+        if (requestProcessInfo.empty()) {
             KEL_ERROR("m_requestProcessInfoCb is NULL");
             return false;
         }
-        m_requestProcessInfoCb(); // the result stays here, on purpose: the agent has been served
+        requestProcessInfo(); // the result stays here, on purpose: the agent has been served
         return true;
     default:
         KEL_ERROR("Not implemented message type %d", type);
