@@ -14,6 +14,8 @@
 #include <memory>
 #include <optional>
 
+#include <boost/version.hpp>
+
 #include "KELLog.h"
 
 KEL_LOG_SOURCE("KELFileSystem", "kel::TSFileSystem")
@@ -252,7 +254,8 @@ bool Stream(int from, int to)
     }
 }
 
-// Gives a file the mode of another. FAT, which most USB sticks have, has no mode bits to give.
+// Gives a file the mode of another. FAT, which most USB sticks have, has no mode bits to give, and
+// a file that is overwritten may belong to somebody else: the copy is good without them.
 bool CopyMode(int from, int to)
 {
     struct stat wanted;
@@ -419,7 +422,7 @@ double TSFileSystem::GetFreeSpaceSize(fs::path path)
 bool TSFileSystem::GetFileContents(const std::string& fileName,
                                    std::vector<unsigned char>& contents)
 {
-    // Not to wait for the other end of a FIFO; without effect on files.
+    // Not to wait for the other end of a FIFO.
     const int descriptor = open(fileName.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     const std::unique_ptr<FILE, TSClose> file(descriptor < 0 ? nullptr : fdopen(descriptor, "rb"));
     if (file == nullptr) {
@@ -551,15 +554,16 @@ bool TSFileSystem::MakeDir(const fs::path& directory, bool setPermissions)
 bool TSFileSystem::GenerateUniqueName(const fs::path& directory, const fs::path& fileName,
                                       fs::path& result)
 {
-    const std::string& name = fileName.string();
+    const fs::path parent = directory; // copies: the result may be one of the arguments
+    const std::string name = fileName.string();
     const size_t dot = name.rfind('.');
 
     boost::system::error_code code;
-    result = directory / fileName;
+    result = parent / name;
     for (unsigned int counter = 1; fs::exists(fs::status(result, code)); ++counter) {
         // Throws for a name without a dot, on purpose: there is no place for a number.
         const std::string ending = name.substr(dot);
-        result = directory / (name.substr(0, dot) + "_" + std::to_string(counter) + ending);
+        result = parent / (name.substr(0, dot) + "_" + std::to_string(counter) + ending);
     }
     if (code != boost::system::errc::no_such_file_or_directory) {
         KEL_DEBUG("Not expected boost error %d", code.value());

@@ -33,7 +33,7 @@ public:
     /// @param files      the names are appended; they may repeat.
     /// @param directory  where to start.
     /// @param extension  with its dot; empty for names without one.
-    /// @return whether the last status query of the walk succeeded.
+    /// @return whether the last status query, or opening of a directory, of the walk succeeded.
     /// @throws filesystem_error when an entry's status cannot be had, or a directory read on.
     static bool GetFiles(std::vector<boost::filesystem::path>& files,
                          boost::filesystem::path directory, std::string extension);
@@ -59,8 +59,8 @@ public:
     /// 4 GiB. Links to directories are walked.
     ///
     /// @return the size; 20 MiB (and an error line) when a directory could not be read on, so that
-    ///         it does not pass for empty; 0 (and an error line) when the last status query of the
-    ///         walk failed.
+    ///         it does not pass for empty; 0 (and an error line) when the last status query, or
+    ///         opening of a directory, of the walk failed.
     /// @throws filesystem_error when an entry has no size: it vanished, is a dangling link, or is
     ///         neither file nor directory.
     static int GetDirSize(const boost::filesystem::path& directory);
@@ -77,7 +77,9 @@ public:
     /// @param contents  replaced on success, untouched otherwise.
     /// @return true on success; false when the file cannot be opened (a debug line), has no
     ///         measurable size or cannot be read (an error line).
-    /// @throws std::length_error when the size does not fit the platform's long.
+    /// @throws std::length_error when the size does not fit the platform's long, or there is none:
+    /// a
+    ///         FIFO has no positions.
     static bool GetFileContents(const std::string& fileName, std::vector<unsigned char>& contents);
 
     /// Copies a regular file, its mode bits included, also from one file system to another.
@@ -118,7 +120,9 @@ public:
     ///
     /// @param setPermissions  give the directory, not its parents, the mode 0777. Failure of that
     ///                        does not count where the path contains "opt/media/USB".
-    /// @return true on success, otherwise false, with an error line that tells the space left.
+    /// @return true on success; false when it could not be made (an error line tells the space
+    /// left),
+    ///         or, later, when the mode could not be set.
     static bool MakeDir(const boost::filesystem::path& directory, bool setPermissions);
 
     /// Finds a name that is free in a directory: "log.txt", else "log_1.txt", "log_2.txt" and so
