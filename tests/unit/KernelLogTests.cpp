@@ -592,7 +592,7 @@ TEST_F(RunShell, LeavesNeitherProcessesNorDescriptorsBehind)
     for (int i = 0; i < 1000; ++i) {
         failures += runShell(":") != 0;
     }
-    for (int i = 0; i < 20; ++i) {
+    for (int i = 0; i < 1000; ++i) {
         Dump();
     }
 
