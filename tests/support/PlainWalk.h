@@ -9,7 +9,7 @@
 
 namespace kel::test {
 
-// The recursive walks by their description, without a thought for the time: Boost is asked for the
+// The recursive walks in their plainest form, without a thought for the time: Boost is asked for the
 // status of every entry. The library's are compared with these, in what they report and in time.
 
 inline bool PlainGetFiles(std::vector<boost::filesystem::path>& files,
