@@ -188,8 +188,9 @@ TEST_F(KelctlKlog, ASignalEndsItAlsoWhenItsReaderHasStopped)
     ASSERT_EQ(mkfifo("/tmp/pipe", 0600), 0);
     const int reader = open("/tmp/pipe", O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     ASSERT_GE(reader, 0);
-    ChildProcess klog({"sh", "-c", "exec " KEL_NOT_IDLE " " KEL_CTL " klog --follow >/tmp/pipe"},
-                      Environment());
+    ChildProcess klog(
+        {"sh", "-c", "exec '" KEL_NOT_IDLE "' '" KEL_CTL "' klog --follow >/tmp/pipe"},
+        Environment());
     int waiting = 0;
     ASSERT_TRUE(WaitUntil([&] {
         return ioctl(reader, FIONREAD, &waiting) == 0 && waiting > 60000;
@@ -207,9 +208,10 @@ TEST_F(KelctlKlog, AReaderThatIsSlowGetsEveryLine)
     const std::string line(400, 'x');
     SetKernelLog(Numbered(line, 0, 512));
 
-    const TSFinished read = RunProgram(
-        {"sh", "-c", KEL_NOT_IDLE " " KEL_CTL " klog --follow | { sleep 0.3; exec head -n 512; }"},
-        Environment());
+    const TSFinished read = RunProgram({"sh", "-c",
+                                        "'" KEL_NOT_IDLE "' '" KEL_CTL
+                                        "' klog --follow | { sleep 0.3; exec head -n 512; }"},
+                                       Environment());
 
     EXPECT_EQ(read.m_output, Numbered(line, 0, 512)) << read.m_errorOutput;
     EXPECT_EQ(read.m_errorOutput, "kelctl: nobody reads the output\n");
@@ -219,10 +221,10 @@ TEST_F(KelctlKlog, EndsWhenNobodyReadsItsOutput)
 {
     SetKernelLog("line\n");
 
-    const TSFinished ended
-        = RunProgram({"bash", "-c",
-                      KEL_NOT_IDLE " " KEL_CTL " klog --follow | head -n 1; exit ${PIPESTATUS[0]}"},
-                     Environment());
+    const TSFinished ended = RunProgram({"bash", "-c",
+                                         "'" KEL_NOT_IDLE "' '" KEL_CTL
+                                         "' klog --follow | head -n 1; exit ${PIPESTATUS[0]}"},
+                                        Environment());
 
     EXPECT_EQ(ended.m_exit, 5) << Text(ended);
     EXPECT_EQ(ended.m_output, "line\n");
@@ -234,7 +236,8 @@ TEST_F(KelctlKlog, EndsWhenItsOutputIsFull)
     SetKernelLog("line\n");
     for (const char* const command : {" klog --follow", " klog"}) {
         const TSFinished ended = RunProgram(
-            {"sh", "-c", std::string("exec " KEL_NOT_IDLE " " KEL_CTL) + command + " >/dev/full"},
+            {"sh", "-c",
+             std::string("exec '" KEL_NOT_IDLE "' '" KEL_CTL "'") + command + " >/dev/full"},
             Environment());
 
         EXPECT_EQ(ended.m_exit, 5) << Text(ended);

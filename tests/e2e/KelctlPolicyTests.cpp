@@ -251,7 +251,7 @@ TEST_F(KelctlPolicy, WrongUsageAndAFullOutputAreToldInOneLine)
         EXPECT_EQ(ended.m_exit, 2) << Text(ended);
         EXPECT_TRUE(IsOneLine(ended.m_errorOutput, "kelctl: ")) << Text(ended);
     }
-    const TSFinished full = RunProgram({"sh", "-c", "exec " KEL_CTL " policy >/dev/full"});
+    const TSFinished full = RunProgram({"sh", "-c", "exec '" KEL_CTL "' policy >/dev/full"});
 
     EXPECT_EQ(full.m_exit, 5) << Text(full);
     EXPECT_TRUE(IsOneLine(full.m_errorOutput, "kelctl: the output cannot be written: "))

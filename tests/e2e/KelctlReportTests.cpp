@@ -134,8 +134,8 @@ TEST_F(KelctlReport, ARelativePathNeedsACurrentDirectory)
 {
     const TSFinished ended
         = RunProgram({"sh", "-c",
-                      "mkdir /tmp/gone && cd /tmp/gone && rmdir /tmp/gone && exec " KEL_CTL
-                      " report --process a --path log"});
+                      "mkdir /tmp/gone && cd /tmp/gone && rmdir /tmp/gone && exec '" KEL_CTL
+                      "' report --process a --path log"});
 
     ExpectRefused(ended, "the current directory");
     EXPECT_EQ(NamesIn(kDrop), TWords());
@@ -246,7 +246,7 @@ TEST_F(KelctlReport, WrongUsageLeavesNothing)
 TEST_F(KelctlReport, OutputThatCannotBeWrittenIsToldOf)
 {
     const TSFinished ended
-        = RunProgram({"sh", "-c", "exec " KEL_CTL " report --process a >/dev/full"});
+        = RunProgram({"sh", "-c", "exec '" KEL_CTL "' report --process a >/dev/full"});
 
     EXPECT_EQ(ended.m_exit, 5) << Text(ended);
     EXPECT_THAT(ended.m_errorOutput, StartsWith("kelctl: the output cannot be written: "));

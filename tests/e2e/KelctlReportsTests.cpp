@@ -404,7 +404,7 @@ TEST_F(KelctlReports, OutputThatCannotBeWrittenIsToldOf)
     Write("0000000001", Whole(1));
 
     const TSFinished ended = RunProgram(
-        {"sh", "-c", "exec " KEL_CTL " reports --state-dir '/tmp/the state' >/dev/full"});
+        {"sh", "-c", "exec '" KEL_CTL "' reports --state-dir '/tmp/the state' >/dev/full"});
 
     EXPECT_EQ(ended.m_exit, 5) << Text(ended);
     EXPECT_TRUE(IsOneLine(ended.m_errorOutput, "kelctl: the output cannot be written: "))
