@@ -55,6 +55,13 @@ TNames Fields(const TSReport& report)
 
 class Report : public ReportRoad
 {
+protected:
+    // An application that asked for requests of process information.
+    static void Introduce(RawPeer& application)
+    {
+        ASSERT_TRUE(application.Hello({kProcessInfo}).IsOk());
+        application.Settle(); // the agent answers first, and registers then
+    }
 };
 
 TEST_F(Report, HasEveryFieldOfTheRequestFile)
@@ -175,7 +182,7 @@ TEST_F(Report, HasACopyOfTheArtefactThatNobodyCanRun)
 {
     std::string bytes;
     for (int i = 0; i < 300000; ++i) {
-        bytes += static_cast<char>(i * i % 251);
+        bytes += static_cast<char>(i % 251 + i / 251);
     }
     WriteFile("/tmp/artefact", bytes);
     fs::permissions("/tmp/artefact", fs::perms::all | fs::perms::set_uid | fs::perms::set_gid);
@@ -307,7 +314,7 @@ TEST_F(Report, ComesAfterTheApplicationsWereAskedAndCountsThem)
         return RawPeer::TSAnswer::Bytes({1});
     });
     for (RawPeer* const application : {&m_peer, &declines}) {
-        ASSERT_TRUE(application->Hello({kProcessInfo}).IsOk());
+        Introduce(*application);
     }
 
     Request(ALWAYS, "proc", "main");
@@ -328,7 +335,7 @@ TEST_F(Report, ComesAlsoWhenAnApplicationNeverAnswers)
     mute.SetAnswer("Send", RawPeer::TSAnswer::Nothing());
     const auto agent = StartCollector();
     for (RawPeer* const application : {&m_peer, &mute}) {
-        ASSERT_TRUE(application->Hello({kProcessInfo}).IsOk());
+        Introduce(*application);
     }
 
     Request(ALWAYS, "proc", "main");
@@ -344,7 +351,7 @@ TEST_F(Report, RequestsThatWaitShareOneQuestionToTheApplications)
 {
     m_peer.SetAnswer("Send", RawPeer::TSAnswer::Nothing());
     const auto agent = StartCollector();
-    ASSERT_TRUE(m_peer.Hello({kProcessInfo}).IsOk());
+    Introduce(m_peer);
     Request(ALWAYS, "proc", "first");
     ASSERT_TRUE(m_peer.WaitForCalls("Send", 1));
 
