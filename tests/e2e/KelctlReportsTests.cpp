@@ -213,6 +213,24 @@ TEST_F(KelctlReports, TheAgentsUnfinishedAndDroppedOnesAreNotListed)
     EXPECT_EQ(Directories(Json()), TWords{kReports / "0000000004"});
 }
 
+TEST_F(KelctlReports, AFileWithAReportsNameIsNoReport)
+{
+    Write("0000000001", Whole(1));
+    std::ofstream(kReports / "0000000002") << Whole(2).dump();
+    fs::create_symlink("nowhere", kReports / "0000000003");
+    fs::create_directory(kReports / "0000000004");
+
+    const TSFinished list = Reports({"--json"});
+    const TSFinished one = Reports({"2"});
+
+    EXPECT_EQ(list.m_exit, 1) << Text(list); // for the directory that has no report
+    EXPECT_EQ(list.m_errorOutput, "kelctl: " + (kReports / "0000000004").string()
+                                      + ": it has no report that can be read\n");
+    EXPECT_EQ(Directories(json::parse(list.m_output)), TWords{kReports / "0000000001"});
+    EXPECT_EQ(one.m_exit, 1) << Text(one);
+    EXPECT_EQ(one.m_errorOutput, "kelctl: there is no report 2\n");
+}
+
 TEST_F(KelctlReports, MembersThatAreMissingOrOfAnotherKindAreNoFault)
 {
     WriteText("0000000001", "{}");

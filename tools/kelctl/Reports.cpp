@@ -57,7 +57,8 @@ bool ListReports(const std::string& stateDirectory, std::vector<fs::path>& direc
     }
     for (fs::directory_iterator entry(place, failure), end; !failure && entry != end;
          entry.increment(failure)) {
-        if (IsReport(entry->path().filename())) {
+        std::error_code gone; // an entry that the agent drops at this moment is none
+        if (IsReport(entry->path().filename()) && entry->is_directory(gone)) {
             directories.push_back(entry->path());
         }
     }
