@@ -94,8 +94,13 @@ bool ReadSlotValue(const std::string& value, TSRequest& request)
 
 std::string Stamp(const struct stat& status)
 {
+    // The time of its last change is that at which it was taken: a number that is used once more,
+    // by a file of the same moment, does not make another request of the same stamp.
+    const auto time = [](const timespec& when) {
+        return std::to_string(when.tv_sec) + "." + std::to_string(when.tv_nsec);
+    };
     return std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) + ":"
-           + std::to_string(status.st_mtim.tv_sec) + "." + std::to_string(status.st_mtim.tv_nsec);
+           + time(status.st_mtim) + ":" + time(status.st_ctim);
 }
 
 } // namespace agent
