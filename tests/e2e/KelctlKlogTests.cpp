@@ -18,7 +18,6 @@
 namespace kel::test {
 
 using testing::HasSubstr;
-using testing::StartsWith;
 
 namespace fs = std::filesystem;
 
@@ -69,9 +68,9 @@ protected:
         fs::rename("/tmp/kernel-log.new", kKernelLog);
     }
 
-    static ChildProcess::TEnvironment Environment(const std::string& path = "/usr/bin:/bin")
+    static ChildProcess::TEnvironment Environment()
     {
-        return {{"PATH", kTools.string() + ":" + path}};
+        return {{"PATH", kTools.string() + ":/usr/bin:/bin"}};
     }
     // Out of the idle class, in which nothing runs on a machine that is busy with tests.
     static TSFinished Klog() { return RunProgram({KEL_NOT_IDLE, KEL_CTL, "klog"}, Environment()); }
@@ -115,6 +114,25 @@ TEST_F(KelctlKlog, WhatDmesgComplainsOfIsSeenToo)
     EXPECT_EQ(refused.m_output, "");
     EXPECT_EQ(refused.m_errorOutput,
               "dmesg: not for you\nkelctl: no line of the kernel log can be had\n");
+}
+
+TEST_F(KelctlKlog, WithoutADmesgItTellsSo)
+{
+    fs::remove(kTools / "dmesg");
+    SetKernelLog("line\n");
+    for (const char* const directory : {"/usr/bin", "/bin"}) {
+        if (fs::exists(fs::path(directory) / "tail") && !fs::exists(kTools / "tail")) {
+            fs::create_symlink(fs::path(directory) / "tail", kTools / "tail");
+        }
+    }
+
+    const TSFinished ended = RunProgram({KEL_NOT_IDLE, KEL_CTL, "klog"}, {{"PATH", kTools}});
+
+    EXPECT_EQ(ended.m_exit, 1) << Text(ended);
+    EXPECT_EQ(ended.m_output, "");
+    EXPECT_THAT(ended.m_errorOutput, testing::AllOf(HasSubstr("dmesg"), HasSubstr("not found")));
+    EXPECT_THAT(ended.m_errorOutput,
+                testing::EndsWith("\nkelctl: no line of the kernel log can be had\n"));
 }
 
 TEST_F(KelctlKlog, FollowsWithWhatIsNew)

@@ -117,10 +117,31 @@ protected:
         EXPECT_EQ(policy.at("usb"), false);
         EXPECT_EQ(Existing(policy), existing);
 
-        const std::string text = Output();
-        EXPECT_THAT(text, StartsWith("policy: " + path));
-        EXPECT_THAT(text, HasSubstr("policy mode: " + std::to_string(policyMode)));
-        EXPECT_THAT(text, HasSubstr(path + " (in use)\n"));
+        ExpectTheTextAgrees(policy);
+    }
+
+    // The text, whole, from what the JSON object says.
+    static void ExpectTheTextAgrees(const json& policy)
+    {
+        std::string candidates;
+        bool usedExists = false;
+        for (const json& one : policy.at("candidates")) {
+            candidates += one.at("exists") ? "  exists   " : "  missing  ";
+            candidates += one.at("path").get<std::string>();
+            candidates += one.at("used") ? " (in use)\n" : "\n";
+            usedExists = usedExists || (one.at("used") && one.at("exists"));
+        }
+        const int policyMode = policy.at("policy-mode");
+        const int deviceMode = policy.at("device-mode");
+
+        EXPECT_EQ(Output(),
+                  "policy: " + policy.at("policy").get<std::string>()
+                      + (usedExists ? "\n" : " (missing)\n")
+                      + "why: " + policy.at("why").get<std::string>() + "\npolicy mode: "
+                      + (policyMode == 0 ? "0 (default)\n" : "2 (vendor's or variant's)\n")
+                      + "device mode: " + (deviceMode == 0 ? "0 (normal)\n" : "3 (USB test)\n")
+                      + "debug image: " + (policy.at("debug-image") ? "yes\n" : "no\n")
+                      + "candidates:\n" + candidates);
     }
 
 private:
@@ -181,6 +202,27 @@ TEST_F(KelctlPolicy, AHighVariantAloneApplies)
     ExpectInUse(kHigh, 2, {false, true, false, false, false});
 }
 
+TEST_F(KelctlPolicy, OneAppliesWhicheverOthersThereAre)
+{
+    const std::string files[] = {kHigh, kVendor, kVariant, kDefault}; // by precedence
+    for (unsigned int set = 0; set < 16; ++set) {
+        SCOPED_TRACE(set);
+        fs::remove_all("/opt/usr");
+        std::vector<bool> existing{false}; // no USB device
+        std::string first;
+        for (const std::string& file : files) {
+            existing.push_back((set >> (existing.size() - 1) & 1U) != 0);
+            if (existing.back()) {
+                Make(file);
+                first = first.empty() ? file : first;
+            }
+        }
+
+        ExpectInUse(first.empty() ? kDefault : first, first.empty() || first == kDefault ? 0 : 2,
+                    existing);
+    }
+}
+
 TEST_F(KelctlPolicy, WhatIsThereCountsWhateverItIs)
 {
     fs::create_directories(kVendor);
@@ -204,11 +246,27 @@ TEST_F(KelctlPolicy, OnADebugImageTheUsbDevicesComesFirst)
     EXPECT_EQ(policy.at("debug-image"), true);
     EXPECT_EQ(Existing(policy), (std::vector<bool>{true, true, false, false, false}));
 
+    ExpectTheTextAgrees(policy);
     const std::string text = Output();
     EXPECT_THAT(text, StartsWith("policy: " + kStickPolicy));
     EXPECT_THAT(text, HasSubstr("why: this is a debug image, and the USB device has the file\n"));
     EXPECT_THAT(text, HasSubstr("device mode: 3 (USB test)\n"));
     EXPECT_THAT(text, HasSubstr("debug image: yes\n"));
+}
+
+TEST_F(KelctlPolicy, TheUsbDevicesAppliesWithoutAnyOther)
+{
+    Make(kDebug);
+    PlugIn();
+    Make(kStick / kStickPolicy);
+
+    const json policy = json::parse(Output({"--json"}));
+    EXPECT_EQ(Used(policy), policy.at("policy"));
+    EXPECT_EQ(policy.at("usb"), true);
+    EXPECT_EQ(policy.at("device-mode"), 3);
+    EXPECT_EQ(policy.at("policy-mode"), 0);
+    EXPECT_EQ(Existing(policy), (std::vector<bool>{true, false, false, false, false}));
+    ExpectTheTextAgrees(policy);
 }
 
 TEST_F(KelctlPolicy, AUsbDeviceWithoutThePolicyChangesNothing)

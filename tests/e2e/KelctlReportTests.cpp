@@ -1,5 +1,6 @@
 // kelctl report: what it leaves for the agent, and what it says of it.
 
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -14,7 +15,6 @@ namespace kel::test {
 
 using testing::EndsWith;
 using testing::HasSubstr;
-using testing::StartsWith;
 
 namespace fs = std::filesystem;
 
@@ -117,6 +117,31 @@ TEST_F(KelctlReport, ARestartIsAskedForInADirectoryOfItsOwn)
     EXPECT_EQ(NamesIn(kDrop), TWords());
 }
 
+TEST_F(KelctlReport, EveryModeGoesWithAPathAndWithARestart)
+{
+    const std::pair<const char*, const char*> words[] = {{"oqc-always", "OQC_ALWAYS"},
+                                                         {"always", "ALWAYS"},
+                                                         {"once-only", "ONCE_ONLY"},
+                                                         {"policy", "POLICY"}};
+    for (const auto& [word, mode] : words) {
+        const TWords names{"--process", "a", "--thread", "b", "--mode", word};
+        for (const bool hasPath : {false, true}) {
+            for (const bool reboot : {false, true}) {
+                TWords options = names;
+                if (hasPath) {
+                    options.insert(options.end(), {"--path", "/var/log/x"});
+                }
+                if (reboot) {
+                    options.push_back("--reboot");
+                }
+                ExpectFiled(Report(options),
+                            (reboot ? kRebootDrop : kDrop) / (std::string("a-b-") + mode + ".log"),
+                            hasPath ? "/var/log/x" : "NO_PATH");
+            }
+        }
+    }
+}
+
 TEST_F(KelctlReport, ThePathIsHandedOnAndOfARelativeOneTheWhole)
 {
     ExpectFiled(Report({"--process", "a", "--path", "/tmp/a log"}), kDrop / "a-a-POLICY.log",
@@ -167,6 +192,27 @@ TEST_F(KelctlReport, AFileThatCannotBeWrittenIsToldOf)
     ExpectRefused(Report({"--process", "a"}), "its file cannot be written");
 }
 
+TEST_F(KelctlReport, ADropDirectoryThatMayNotBeWrittenToIsToldOf)
+{
+    fs::permissions(kDrop, fs::perms::owner_read | fs::perms::owner_exec);
+    // Without what lets the superuser write everywhere.
+    const TSFinished ended = RunProgram({"setpriv", "--bounding-set=-all", "--inh-caps=-all", "--",
+                                         KEL_CTL, "report", "--process", "a"});
+
+    ExpectRefused(ended, "its file cannot be written");
+    EXPECT_THAT(ended.m_output, EndsWith("[kel_courier] FILE OPEN FAILED \n"));
+    EXPECT_EQ(NamesIn(kDrop), TWords());
+}
+
+TEST_F(KelctlReport, ADropDirectoryThatIsReadOnlyIsToldOf)
+{
+    ASSERT_EQ(mount("tmpfs", kRebootDrop.c_str(), "tmpfs", MS_RDONLY, ""), 0);
+    const TSFinished ended = Report({"--process", "a", "--reboot"});
+    EXPECT_EQ(umount(kRebootDrop.c_str()), 0);
+
+    ExpectRefused(ended, "its file cannot be written");
+}
+
 TEST_F(KelctlReport, LongNamesAreCutWithAWarning)
 {
     const std::string longest(126 - std::string("/tmp/kel_NDF/-b-POLICY.log").size(), 'a');
@@ -196,6 +242,11 @@ TEST_F(KelctlReport, TheSlotHoldsBothNamesAndTheRestart)
     EXPECT_EQ(reboot.m_exit, 0) << Text(reboot);
     EXPECT_EQ(ReadFile(kSlot), "decoder|decoder|1");
     EXPECT_EQ(NamesIn(kRebootDrop), TWords());
+
+    const TSFinished latest = Report({"--slot", "--process", "player"});
+
+    EXPECT_EQ(latest.m_exit, 0) << Text(latest);
+    EXPECT_EQ(ReadFile(kSlot), "player|player|0");
 }
 
 TEST_F(KelctlReport, AStoreThatTakesNothingIsToldOf)
@@ -245,12 +296,19 @@ TEST_F(KelctlReport, WrongUsageLeavesNothing)
 
 TEST_F(KelctlReport, OutputThatCannotBeWrittenIsToldOf)
 {
-    const TSFinished ended
+    const TSFinished file
         = RunProgram({"sh", "-c", "exec '" KEL_CTL "' report --process a >/dev/full"});
+    const TSFinished slot
+        = RunProgram({"sh", "-c", "exec '" KEL_CTL "' report --process a --slot >/dev/full"},
+                     {{"KEL_HOST_VCONF_DIR", kStore}});
 
-    EXPECT_EQ(ended.m_exit, 5) << Text(ended);
-    EXPECT_THAT(ended.m_errorOutput, StartsWith("kelctl: the output cannot be written: "));
-    EXPECT_EQ(NamesIn(kDrop), TWords{"a-a-POLICY.log"}); // it was left all the same
+    for (const TSFinished& ended : {file, slot}) {
+        EXPECT_EQ(ended.m_exit, 5) << Text(ended);
+        EXPECT_TRUE(IsOneLine(ended.m_errorOutput, "kelctl: the output cannot be written: "))
+            << Text(ended);
+    }
+    EXPECT_EQ(NamesIn(kDrop), TWords{"a-a-POLICY.log"}); // they were left all the same
+    EXPECT_EQ(ReadFile(kSlot), "a|a|0");
 }
 
 } // namespace kel::test

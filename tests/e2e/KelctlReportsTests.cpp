@@ -115,6 +115,15 @@ protected:
         return RunProgram(Command(arguments));
     }
 
+    // Without what lets the superuser read everything.
+    static TSFinished ReportsOfAPlainUser()
+    {
+        TWords command{"setpriv", "--bounding-set=-all", "--inh-caps=-all", "--"};
+        const TWords reports = Command({});
+        command.insert(command.end(), reports.begin(), reports.end());
+        return RunProgram(command);
+    }
+
     // The output of one that succeeds.
     static std::string Output(const TWords& arguments = {})
     {
@@ -159,6 +168,21 @@ TEST_F(KelctlReports, ListsALineAReportTheOldestFirst)
     EXPECT_THAT(lines[3], Not(HasSubstr("artefact")));
 }
 
+TEST_F(KelctlReports, EveryColumnHasAHeadAndBeginsBelowIt)
+{
+    Write("0000000007", Whole(7));
+    Write("0000000123", {{"id", 123}});
+
+    EXPECT_EQ(Output(),
+              "ID   COLLECTED                 PROCESS  THREAD   MODE       REBOOT  ARTEFACT    "
+              "DIRECTORY\n"
+              "7    2026-11-21T09:30:00.250Z  player   decoder  ONCE_ONLY  yes     1234 bytes  "
+              "/tmp/the state/reports/0000000007\n"
+              "123                                                         "
+              "        -           "
+              "/tmp/the state/reports/0000000123\n");
+}
+
 TEST_F(KelctlReports, TheLinesAreAlignedHoweverManyBytesACharacterHas)
 {
     Write("0000000001", Whole(1, "p"));
@@ -200,6 +224,24 @@ TEST_F(KelctlReports, AsJsonTheyAreAnArrayOfWhatTheAgentWrote)
     expected[1]["directory"] = kReports / "0000000002";
 
     EXPECT_EQ(Json(), expected);
+}
+
+TEST_F(KelctlReports, AsJsonEveryMemberIsKeptAtItsPlace)
+{
+    WriteText("0000000001", R"({"z": 18446744073709551615, "id": 1, "a": [1.5, null, {}],
+                                "name": "\u001b\u009b\n\u20ac"})");
+
+    EXPECT_EQ(Output({"--json", "1"}), "{\n"
+                                       "  \"z\": 18446744073709551615,\n"
+                                       "  \"id\": 1,\n"
+                                       "  \"a\": [\n"
+                                       "    1.5,\n"
+                                       "    null,\n"
+                                       "    {}\n"
+                                       "  ],\n"
+                                       "  \"name\": \"\\u001b\xc2\x9b\\n\xe2\x82\xac\",\n"
+                                       "  \"directory\": \"/tmp/the state/reports/0000000001\"\n"
+                                       "}\n");
 }
 
 TEST_F(KelctlReports, TheAgentsUnfinishedAndDroppedOnesAreNotListed)
@@ -374,19 +416,32 @@ TEST_F(KelctlReports, ADirectoryOfStateThatCannotBeReadIsToldOf)
 TEST_F(KelctlReports, ADirectoryThatMayNotBeReadIsToldOf)
 {
     Write("0000000001", Whole(1));
-    fs::permissions(kState, fs::perms::owner_all);
-    // Without what lets the superuser read everything.
-    TWords command{"setpriv", "--bounding-set=-all", "--inh-caps=-all", "--"};
-    const TWords reports = Command({});
-    command.insert(command.end(), reports.begin(), reports.end());
     fs::permissions(kState, fs::perms::none);
 
-    const TSFinished ended = RunProgram(command);
+    const TSFinished ended = ReportsOfAPlainUser();
     fs::permissions(kState, fs::perms::owner_all);
 
     EXPECT_EQ(ended.m_exit, 1) << Text(ended);
     EXPECT_EQ(ended.m_output, "");
     EXPECT_EQ(ended.m_errorOutput, "kelctl: " + kReports.string() + ": Permission denied\n");
+}
+
+TEST_F(KelctlReports, AReportThatMayNotBeReadIsToldOfAndTheOthersAreListed)
+{
+    for (int id = 1; id <= 3; ++id) {
+        Write("000000000" + std::to_string(id), Whole(id));
+    }
+    fs::permissions(kReports / "0000000001" / "report.json", fs::perms::none);
+    fs::permissions(kReports / "0000000002", fs::perms::none);
+
+    const TSFinished ended = ReportsOfAPlainUser();
+
+    EXPECT_EQ(ended.m_exit, 1) << Text(ended);
+    EXPECT_EQ(Lines(ended.m_errorOutput).size(), 2U) << Text(ended);
+    EXPECT_THAT(ended.m_errorOutput, HasSubstr("/0000000001: "));
+    EXPECT_THAT(ended.m_errorOutput, HasSubstr("/0000000002: "));
+    EXPECT_EQ(Lines(ended.m_output).size(), 2U) << Text(ended);
+    EXPECT_THAT(ended.m_output, HasSubstr("/0000000003\n"));
 }
 
 TEST_F(KelctlReports, WithoutTheOptionItReadsTheAgentsOwnDirectory)
