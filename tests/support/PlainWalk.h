@@ -9,8 +9,9 @@
 
 namespace kel::test {
 
-// The recursive walks in their plainest form, without a thought for the time: Boost is asked for the
-// status of every entry. The library's are compared with these, in what they report and in time.
+// The recursive walks in their plainest form, without a thought for the time: Boost is asked for
+// the status of every entry. The library's are compared with these, in what they report and in
+// time.
 
 inline bool PlainGetFiles(std::vector<boost::filesystem::path>& files,
                           const boost::filesystem::path& directory, const std::string& extension)

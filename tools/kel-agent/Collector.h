@@ -20,8 +20,8 @@ namespace kel {
 namespace agent {
 
 /// Collects what applications have asked for: watches the places where they leave requests, and
-/// makes a report of each, once. It works on a thread of its own; the kernel log is read by another,
-/// in the idle scheduling class.
+/// makes a report of each, once. It works on a thread of its own; the kernel log is read by
+/// another, in the idle scheduling class.
 ///
 /// A request stays where it is until its report has reached the disk. While there can be none, as
 /// long as the disk is full, say, it waits, and a line in the log tells why.
