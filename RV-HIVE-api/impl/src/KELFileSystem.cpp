@@ -554,8 +554,11 @@ bool TSFileSystem::MakeDir(const fs::path& directory, bool setPermissions)
 bool TSFileSystem::GenerateUniqueName(const fs::path& directory, const fs::path& fileName,
                                       fs::path& result)
 {
-    const fs::path parent = directory; // copies: the result may be one of the arguments
+    // Copies: the result may be one of the arguments.
+    // NOLINTBEGIN(performance-unnecessary-copy-initialization)
+    const fs::path parent = directory;
     const std::string name = fileName.string();
+    // NOLINTEND(performance-unnecessary-copy-initialization)
     const size_t dot = name.rfind('.');
 
     boost::system::error_code code;
