@@ -2,7 +2,6 @@
 
 #include <dlfcn.h>
 
-#include <cstdlib>
 #include <memory>
 #include <new>
 
@@ -12,33 +11,13 @@
 #include <kel/KELControlProxy.h>
 
 #include "channel/ChannelTest.h"
+#include "support/MemoryShortage.h"
 
 namespace {
-
-// How many allocations of this thread it takes until one fails; 0: none does.
-thread_local size_t untilFailure = 0;
 
 bool noClient = false;
 
 } // namespace
-
-// In place of the standard library's. All other forms are made of these.
-
-void* operator new(size_t size)
-{
-    if (untilFailure != 0 && --untilFailure == 0) {
-        throw std::bad_alloc();
-    }
-    void* const block = std::malloc(size != 0 ? size : 1);
-    if (block == nullptr) {
-        throw std::bad_alloc();
-    }
-    return block;
-}
-
-void operator delete(void* block) noexcept { std::free(block); }
-
-void operator delete(void* block, size_t) noexcept { std::free(block); }
 
 namespace kel {
 
@@ -59,11 +38,11 @@ namespace {
 template <typename Make> auto MakeInShortage(Make make)
 {
     for (size_t failures = 0;; ++failures) {
-        untilFailure = failures + 1;
+        FailAllocation(failures + 1);
         try {
             auto made = make();
-            if (untilFailure != 0) {
-                untilFailure = 0;
+            if (IsFailureToCome()) {
+                FailAllocation(0);
                 return std::make_pair(std::move(made), failures);
             }
         } catch (const std::bad_alloc&) {
@@ -148,11 +127,11 @@ TEST_F(ProxyShortage, AFunctionThatCannotBeRegisteredIsNotKept)
         size_t failures = 0;
         bool more = true;
         while (more) {
-            untilFailure = failures + 1;
+            FailAllocation(failures + 1);
             try {
                 EXPECT_TRUE(set());
-                more = untilFailure == 0;
-                untilFailure = 0;
+                more = !IsFailureToCome();
+                FailAllocation(0);
                 EXPECT_TRUE(kept());
             } catch (const std::bad_alloc&) {
                 ++failures;

@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
 #include <functional>
 #include <new>
 #include <string>
@@ -16,30 +15,8 @@
 #include "StandardOutput.h"
 #include "support/FakePlatform.h"
 #include "support/LogRecorder.h"
+#include "support/MemoryShortage.h"
 #include "support/WaitUntil.h"
-
-namespace {
-
-// How many allocations of this thread it takes until one fails; 0: none does.
-thread_local size_t untilFailure = 0;
-
-} // namespace
-
-// In place of the standard library's, in this whole program. All other forms are made of these.
-
-void* operator new(size_t size)
-{
-    void* const block
-        = untilFailure != 0 && --untilFailure == 0 ? nullptr : std::malloc(size != 0 ? size : 1);
-    if (block == nullptr) {
-        throw std::bad_alloc();
-    }
-    return block;
-}
-
-void operator delete(void* block) noexcept { std::free(block); }
-
-void operator delete(void* block, size_t) noexcept { std::free(block); }
 
 namespace {
 
@@ -272,10 +249,10 @@ TEST_F(CachingUtils, WithoutMemoryForAnEntryTheLocksAreFreeAndTheKeyIsTriedAgain
 
     for (bool known = false; !known;) {
         std::string value;
-        untilFailure = failures + 1;
+        kel::test::FailAllocation(failures + 1);
         try {
             known = TCHtCachingUtils::GetSystemInfoKeyCached(kKey, value);
-            untilFailure = 0;
+            kel::test::FailAllocation(0);
             EXPECT_EQ(value, text);
         } catch (const std::bad_alloc&) {
             ++failures;

@@ -4,7 +4,11 @@ target_include_directories(kel-fake-platform PUBLIC
     ${PROJECT_SOURCE_DIR}/tests ${PROJECT_SOURCE_DIR}/platform/include)
 target_link_libraries(kel-fake-platform PRIVATE kel-warnings)
 
-kel_add_tests(Device CachingUtilsTests.cpp DirsManagerTests.cpp IssueReportTests.cpp
+kel_add_tests(Device
+    CachingUtilsTests.cpp
+    DirsManagerTests.cpp
+    IssueReportTests.cpp
+    ${PROJECT_SOURCE_DIR}/tests/support/MemoryShortage.cpp
     LABELS unit threads
     LIBRARIES kel-fake-platform)
 
