@@ -135,6 +135,43 @@ TEST_F(KelctlKlog, WithoutADmesgItTellsSo)
                 testing::EndsWith("\nkelctl: no line of the kernel log can be had\n"));
 }
 
+TEST_F(KelctlKlog, WhateverIsInTheSnapshotsPlaceItNeitherWaitsNorShowsIt)
+{
+    SetKernelLog("line\n");
+    ASSERT_EQ(mkfifo("/tmp/Device_Tracker.log", 0666), 0);
+    const TSFinished fifo = Klog();
+    std::ofstream("/tmp/Device_Tracker.log") << "other\n";
+    const TSFinished file = Klog();
+    fs::create_directory("/tmp/Device_Tracker.log");
+    const TSFinished directory = Klog();
+
+    EXPECT_EQ(fifo.m_exit, 0) << Text(fifo);
+    EXPECT_EQ(fifo.m_output, "line\n");
+    EXPECT_EQ(file.m_exit, 0) << Text(file);
+    EXPECT_EQ(file.m_output, "line\n");
+    EXPECT_EQ(directory.m_exit, 1) << Text(directory);
+    EXPECT_EQ(directory.m_output, "");
+    EXPECT_EQ(directory.m_errorOutput, "kelctl: no line of the kernel log can be had: "
+                                       "/tmp/Device_Tracker.log: File exists\n");
+}
+
+TEST_F(KelctlKlog, FollowsAsSoonAsTheSnapshotHasItsPlace)
+{
+    SetKernelLog("line\n");
+    fs::create_directory("/tmp/Device_Tracker.log");
+    const std::unique_ptr<ChildProcess> klog = Follow();
+    const std::string complaint
+        = "kelctl: the kernel log is not read: /tmp/Device_Tracker.log: File exists\n";
+    ASSERT_TRUE(WaitUntil([&] { return klog->ErrorOutput() == complaint; }));
+
+    fs::remove("/tmp/Device_Tracker.log");
+
+    EXPECT_TRUE(klog->WaitForOutput("line\n"));
+    klog->Signal(SIGTERM);
+    EXPECT_EQ(klog->Wait(), 0);
+    EXPECT_EQ(klog->ErrorOutput(), complaint);
+}
+
 TEST_F(KelctlKlog, FollowsWithWhatIsNew)
 {
     SetKernelLog(Numbered("line ", 0, 3));

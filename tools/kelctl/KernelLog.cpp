@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include <kel/KELKernelLog.h>
+#include "common/KernelLog.h"
 
 namespace kel {
 namespace ctl {
@@ -61,8 +61,10 @@ std::string Text(const std::vector<std::string>& lines)
 EStatus PrintOnce()
 {
     std::vector<std::string> lines;
-    if (!DumpKernelLog(lines, DUMP_CONDITION_NONE)) {
-        std::fprintf(stderr, "kelctl: no line of the kernel log can be had\n");
+    std::string reason;
+    if (!tools::ReadKernelLog(lines, reason)) {
+        std::fprintf(stderr, "kelctl: no line of the kernel log can be had%s%s\n",
+                     reason.empty() ? "" : ": ", reason.c_str());
         return EStatus::Negative;
     }
     const std::string text = Text(lines);
@@ -88,11 +90,16 @@ private:
 
 EStatus TCFollower::Run()
 {
+    std::string known; // the reason that was told
     while (!m_status) {
         std::vector<std::string> lines;
-        if (DumpKernelLog(lines, DUMP_CONDITION_NONE)) {
+        std::string reason;
+        if (tools::ReadKernelLog(lines, reason)) {
             m_Print(Text(lines));
+        } else if (!reason.empty() && reason != known) {
+            std::fprintf(stderr, "kelctl: the kernel log is not read: %s\n", reason.c_str());
         }
+        known = reason;
         m_Wait(0, kPeriod);
     }
     return *m_status;
