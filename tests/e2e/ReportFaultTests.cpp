@@ -308,7 +308,7 @@ TEST_F(ArtefactFaults, WhatIsLargerThanTheFreeSpaceIsNotCopied)
     MountState("size=8m");
     MakeSparse(m_scratch / "large", 8 << 20);
     MakeSparse(m_scratch / "huge", 5ULL << 30U);
-    const auto agent = StartCollector({"--max-bytes", "10000000000"});
+    const auto agent = StartCollector({"--max-bytes", "4294967295"});
 
     EXPECT_GT(ReasonOf(*agent, m_scratch / "large").size(), 10U);
     EXPECT_GT(ReasonOf(*agent, m_scratch / "huge").size(), 10U);

@@ -20,6 +20,7 @@ constexpr int kWrongUsage = 2;
 
 constexpr size_t kMaxReports = 4096;
 constexpr uint64_t kMaxBytes = 256U << 20;
+constexpr uint64_t kMostBytes = UINT32_MAX; // the library tells sizes modulo 4 GiB
 constexpr uint64_t kLeastBytes = 64U << 10; // a report needs some room besides its artefact
 
 int Serve(bool test, const std::string& stateDirectory,
@@ -57,7 +58,7 @@ int main(int argc, char** argv)
         ->capture_default_str();
     app.add_option("--max-bytes", limits.m_bytes, "Drop the oldest reports beyond so many bytes")
         ->type_name("N")
-        ->check(CLI::Range(kLeastBytes, uint64_t(1) << 62).description(""))
+        ->check(CLI::Range(kLeastBytes, kMostBytes).description(""))
         ->capture_default_str();
     app.add_flag("--test", test, "Serve the test channel");
     app.failure_message([](const CLI::App*, const CLI::Error& error) {
