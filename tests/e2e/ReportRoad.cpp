@@ -241,12 +241,7 @@ void ReportRoad::MountState(const std::string& options) const
     ASSERT_EQ(mount("tmpfs", m_stateDir.c_str(), "tmpfs", 0, options.c_str()), 0);
 }
 
-void ReportRoad::RemountState(unsigned long flags) const
-{
-    ASSERT_TRUE(WaitUntil([&] { // which the system refuses while a file is being written
-        return mount(nullptr, m_stateDir.c_str(), nullptr, MS_REMOUNT | flags, nullptr) == 0;
-    }));
-}
+void ReportRoad::RemountState(unsigned long flags) const { Remount(m_stateDir, flags); }
 
 ReportRoad::Silence::Silence() : m_before(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0))
 {
@@ -300,6 +295,13 @@ mode_t ModeOf(const fs::path& path)
 void WriteFile(const fs::path& path, const std::string& content)
 {
     std::ofstream(path, std::ios::binary) << content;
+}
+
+void Remount(const fs::path& path, unsigned long flags)
+{
+    ASSERT_TRUE(WaitUntil([&] { // which the system refuses while a file is being written
+        return mount(nullptr, path.c_str(), nullptr, MS_REMOUNT | flags, nullptr) == 0;
+    }));
 }
 
 } // namespace kel::test

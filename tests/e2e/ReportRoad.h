@@ -125,4 +125,7 @@ mode_t ModeOf(const std::filesystem::path& path);
 
 void WriteFile(const std::filesystem::path& path, const std::string& content);
 
+/// Mounts anew what is there, as soon as no file on it is being written.
+void Remount(const std::filesystem::path& path, unsigned long flags);
+
 } // namespace kel::test

@@ -2,6 +2,7 @@
 
 #include <sched.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -9,6 +10,8 @@
 #include <chrono>
 #include <ctime>
 #include <filesystem>
+#include <functional>
+#include <iterator>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -275,6 +278,51 @@ TEST_F(Report, HasNoKernelLogWhereThereIsNoDmesg)
     ASSERT_TRUE(WaitForReports(1)) << agent->ErrorOutput();
     EXPECT_EQ(Reports().at(0)["/kernel-log/file"], "null");
     EXPECT_EQ(Reports().at(0)["/kernel-log/lines"], "0");
+}
+
+TEST_F(Report, HasTheKernelsOwnLinesWhateverIsInTheSnapshotsPlace)
+{
+    const fs::path snapshot = "/tmp/Device_Tracker.log";
+    const fs::path other = m_bus.Directory() + "/other";
+    WriteFile(other, "other\n");
+    const auto agent = StartCollector();
+    const std::function<void()> inThePlace[] = {
+        [&] { EXPECT_EQ(mkfifo(snapshot.c_str(), 0666), 0); },
+        [&] { fs::create_symlink(other, snapshot); },
+        [&] { fs::create_symlink("/tmp/nothing", snapshot); },
+        [&] { WriteFile(snapshot, "other\n"); },
+    };
+
+    for (size_t i = 0; i < std::size(inThePlace); ++i) {
+        inThePlace[i]();
+        const std::string line = "line " + std::to_string(i) + "\n";
+        SetKernelLog(line);
+        Request(ALWAYS, "proc", "main");
+
+        ASSERT_TRUE(WaitForReports(i + 1)) << agent->ErrorOutput();
+        EXPECT_EQ(ReadFile(Reports().at(i).m_directory / "kernel.log"), line);
+        EXPECT_FALSE(fs::exists(fs::symlink_status(snapshot)));
+    }
+    EXPECT_EQ(ReadFile(other), "other\n");
+    EXPECT_FALSE(fs::exists("/tmp/nothing"));
+}
+
+TEST_F(Report, HasNoKernelLogWhereItsSnapshotHasNoPlace)
+{
+    const fs::path snapshot = "/tmp/Device_Tracker.log";
+    fs::create_directory(snapshot);
+    const auto agent = StartCollector();
+    SetKernelLog("line\n");
+
+    Request(ALWAYS, "proc", "main");
+
+    ASSERT_TRUE(WaitForReports(1)) << agent->ErrorOutput();
+    EXPECT_EQ(Reports().at(0)["/kernel-log/lines"], "0");
+    EXPECT_EQ(CountSaid(*agent, "kel-agent: the kernel log is not read: "
+                                "/tmp/Device_Tracker.log: File exists\n"),
+              1U)
+        << agent->ErrorOutput();
+    fs::remove(snapshot);
 }
 
 TEST_F(Report, TellsThePolicyInForceAndTheSystem)

@@ -19,9 +19,12 @@ bool IsControl(unsigned char byte, unsigned char before)
 
 std::string IsoTime(const timespec& time)
 {
-    tm parts;
+    tm parts = {};
+    if (gmtime_r(&time.tv_sec, &parts) == nullptr) {
+        return "-"; // of a file: its owner may have set any time, also of no year that can be told
+    }
     char seconds[sizeof("-2147483648-01-01T00:00:00")];
-    std::strftime(seconds, sizeof(seconds), "%Y-%m-%dT%H:%M:%S", gmtime_r(&time.tv_sec, &parts));
+    std::strftime(seconds, sizeof(seconds), "%Y-%m-%dT%H:%M:%S", &parts);
     char text[sizeof(seconds) + sizeof(".000Z")];
     std::snprintf(text, sizeof(text), "%s.%03dZ", seconds,
                   static_cast<int>(time.tv_nsec / 1'000'000));

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <ctime>
 #include <exception>
+#include <future>
 #include <iterator>
 #include <tuple>
 #include <utility>
@@ -19,9 +20,9 @@
 #include <kel/ICallbacks.h>
 #include <kel/KELDirsManager.h>
 #include <kel/KELFileSystem.h>
-#include <kel/KELKernelLog.h>
 
 #include "Artefact.h"
+#include "common/KernelLog.h"
 #include "common/Text.h"
 
 namespace kel {
@@ -160,14 +161,22 @@ bool TCCollector::m_Collect()
         if (m_IsStopped()) {
             return false;
         }
-        open = open && m_Serve(one, reason);
+        std::string why = reason;
+        bool served = false;
+        try {
+            served = open && m_Serve(one, open, why);
+        } catch (const std::exception& failure) { // of this one: the others do not wait for it
+            why = failure.what();
+        }
+        if (!served) {
+            m_LetWait(one, why);
+        }
         if (!open) {
-            m_LetWait(one, reason);
+            reason = why; // of all that follow
         }
     }
-    if (open) {
-        m_waiting.clear();
-    }
+    m_waiting.swap(m_stillWaiting);
+    m_stillWaiting.clear();
     return unfinished;
 }
 
@@ -202,8 +211,15 @@ void TCCollector::m_ReadKernelLog()
 {
     // It leaves its thread in the idle scheduling class. Requests are not to wait until a busy
     // device has nothing else to do.
-    std::vector<std::string> lines;
-    std::thread([&lines] { DumpKernelLog(lines, DUMP_CONDITION_NONE); }).join();
+    std::string reason;
+    std::vector<std::string> lines = std::async(std::launch::async, [&reason] {
+                                         std::vector<std::string> text;
+                                         tools::ReadKernelLog(text, reason);
+                                         return text;
+                                     }).get();
+    if (!reason.empty()) {
+        std::fprintf(stderr, "kel-agent: the kernel log is not read: %s\n", reason.c_str());
+    }
     m_kernelLines.insert(m_kernelLines.end(), std::make_move_iterator(lines.begin()),
                          std::make_move_iterator(lines.end()));
     if (m_kernelLines.size() > kMostKernelLines) {
@@ -211,31 +227,27 @@ void TCCollector::m_ReadKernelLog()
     }
 }
 
-// False when it has to wait; otherwise its report is made, or it is none.
-bool TCCollector::m_Serve(const TSFound& found, std::string& reason)
+// False, with the reason, when it has to wait: alone, or, with the store closed, like all others.
+// Otherwise its report is made, or it is none.
+bool TCCollector::m_Serve(const TSFound& found, bool& open, std::string& reason)
 {
     TSRequest request;
-    std::string why;
-    const bool taken = found.m_pDrop != nullptr ? found.m_pDrop->Take(found.m_name, request)
-                                                : m_slot.Take(request, why);
-    if (!why.empty()) {
-        reason = why;
-        return false;
-    }
-    if (!taken) {
-        return true;
+    if (!(found.m_pDrop != nullptr ? found.m_pDrop->Take(found.m_name, request, reason)
+                                   : m_slot.Take(request, reason))) {
+        return reason.empty();
     }
     const bool isReported
         = request.m_stamp == m_newestStamp || m_unremoved.count(request.m_stamp) != 0;
     if (!isReported && !m_Report(request, reason)) {
+        open = false;
         return false;
     }
     const bool removed
-        = found.m_pDrop != nullptr ? found.m_pDrop->Remove(request) : m_slot.Remove();
+        = found.m_pDrop != nullptr ? found.m_pDrop->Remove(request, reason) : m_slot.Remove(reason);
     if (!removed) {
         m_unremoved.insert(request.m_stamp);
     }
-    return true;
+    return removed;
 }
 
 bool TCCollector::m_Report(const TSRequest& request, std::string& reason)
@@ -287,7 +299,8 @@ void TCCollector::m_AddArtefact(const TCReportDraft& draft, uint64_t room, TSRep
 
 void TCCollector::m_LetWait(const TSFound& found, const std::string& reason)
 {
-    if (m_waiting.insert(found).second) {
+    m_stillWaiting.insert(found);
+    if (m_waiting.count(found) == 0) {
         std::fprintf(stderr, "kel-agent: %s in %s waits: %s\n", Printable(found.m_name).c_str(),
                      found.Source().c_str(), reason.c_str());
     }

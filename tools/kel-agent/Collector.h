@@ -60,7 +60,7 @@ private:
     std::vector<TSFound> m_Find(bool& unfinished);
     void m_AskApplications();
     void m_ReadKernelLog();
-    bool m_Serve(const TSFound& found, std::string& reason);
+    bool m_Serve(const TSFound& found, bool& open, std::string& reason);
     bool m_Report(const TSRequest& request, std::string& reason);
     void m_AddArtefact(const TCReportDraft& draft, uint64_t room, TSReport& report);
     void m_LetWait(const TSFound& found, const std::string& reason);
@@ -75,6 +75,7 @@ private:
     std::pair<size_t, size_t> m_applications;
     std::vector<std::string> m_kernelLines; // not in any report yet
     std::set<TSFound> m_waiting;            // whose reason to wait was told
+    std::set<TSFound> m_stillWaiting;       // of those that were found last
     // Stamps of requests that have a report, and may still be there.
     std::string m_newestStamp;         // of the report that was the newest when we began to collect
     std::set<std::string> m_unremoved; // of what could not be removed

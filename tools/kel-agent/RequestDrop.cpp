@@ -12,8 +12,6 @@
 #include <thread>
 #include <utility>
 
-#include <kel/KELFileSystem.h>
-
 #include "common/Text.h"
 
 namespace kel {
@@ -34,14 +32,18 @@ constexpr std::chrono::seconds kWriterPatience(5);
 // How long a file has to stay as it is where the system does not tell whether it has a writer.
 constexpr std::chrono::milliseconds kQuietTime(200);
 constexpr std::chrono::milliseconds kTick(10);
+constexpr std::chrono::seconds kLongAgo(3600);
 
 std::chrono::nanoseconds Age(const timespec& time)
 {
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
-    const auto age = std::chrono::seconds(now.tv_sec - time.tv_sec)
-                     + std::chrono::nanoseconds(now.tv_nsec - time.tv_nsec);
-    return age < age.zero() ? std::chrono::nanoseconds::max() : age; // the clock was set back
+    // The file's owner may have set any time, and the clock may have been set back.
+    if (time.tv_sec > now.tv_sec || time.tv_sec < now.tv_sec - kLongAgo.count()) {
+        return std::chrono::nanoseconds::max();
+    }
+    return std::chrono::seconds(now.tv_sec - time.tv_sec)
+           + std::chrono::nanoseconds(now.tv_nsec - time.tv_nsec);
 }
 
 // A read lease is granted when nobody has the file open for writing.
@@ -73,7 +75,7 @@ std::string ReadContent(int file)
 } // namespace
 
 TCRequestDrop::TCRequestDrop(const std::string& path, bool reboot, size_t cutSize)
-    : m_path(path), m_reboot(reboot), m_cutSize(cutSize - path.size() - 1),
+    : m_path(path), m_reboot(reboot), m_cutSize(cutSize - path.size() - 1), m_patience(0),
       m_drop(path, kDropMode, TCOwnDirectory::EMode::Given),
       m_taken(path + "/" + kTaken, kTakenMode, TCOwnDirectory::EMode::Given)
 {}
@@ -91,15 +93,19 @@ bool TCRequestDrop::Open()
 
 std::vector<std::string> TCRequestDrop::List(bool& unfinished)
 {
+    m_patience = kWriterPatience;
     std::vector<std::string> taken;
     ListNames(m_taken.Get(), taken);
+    taken.erase(std::remove_if(taken.begin(), taken.end(),
+                               [this](const std::string& name) { return !m_IsTaken(name); }),
+                taken.end());
 
     std::vector<std::string> names;
     ListNames(m_drop.Get(), names);
     std::vector<std::pair<timespec, std::string>> requests;
     for (const std::string& name : names) {
         timespec filed;
-        if (requests.size() < kMostAtOnce && m_IsRequest(name, unfinished, filed)) {
+        if (m_IsRequest(name, unfinished, filed)) {
             requests.emplace_back(filed, name);
         }
     }
@@ -110,28 +116,30 @@ std::vector<std::string> TCRequestDrop::List(bool& unfinished)
         return std::make_pair(a.first.tv_sec, a.first.tv_nsec)
                < std::make_pair(b.first.tv_sec, b.first.tv_nsec);
     });
+    if (requests.size() > kMostAtOnce) {
+        requests.resize(kMostAtOnce);
+    }
     for (auto& request : requests) {
         taken.push_back(std::move(request.second));
     }
     return taken;
 }
 
-bool TCRequestDrop::Take(const std::string& name, TSRequest& request)
+bool TCRequestDrop::Take(const std::string& name, TSRequest& request, std::string& reason)
 {
     // One that was taken before is there already, and another of its name waits for the next list.
     if (renameat2(m_drop.Get(), name.c_str(), m_taken.Get(), name.c_str(), RENAME_NOREPLACE) != 0
         && errno != EEXIST && errno != ENOENT) {
-        m_Ignore(name, std::strerror(errno));
+        reason = std::strerror(errno);
         return false;
     }
-    return m_Read(name, request);
+    return m_Read(name, request, reason);
 }
 
-bool TCRequestDrop::Remove(const TSRequest& request)
+bool TCRequestDrop::Remove(const TSRequest& request, std::string& reason)
 {
     if (unlinkat(m_taken.Get(), request.m_name.c_str(), 0) != 0 && errno != ENOENT) {
-        std::fprintf(stderr, "kel-agent: %s in %s cannot be removed: %s\n",
-                     Printable(request.m_name).c_str(), m_path.c_str(), std::strerror(errno));
+        reason = std::string("it cannot be removed: ") + std::strerror(errno);
         return false;
     }
     return true;
@@ -171,32 +179,52 @@ bool TCRequestDrop::m_IsRequest(const std::string& name, bool& unfinished, times
         unfinished = true;
         return false;
     }
-    filed = status.st_mtim;
+    filed = status.st_ctim; // which nobody can set to come before others
     return true;
 }
 
-bool TCRequestDrop::m_Read(const std::string& name, TSRequest& request)
+// What has been taken, and is no request, was put in a request's place just before. It goes; but a
+// directory that is not empty stays: whose it is may change it under a removal's hands, and lead it
+// anywhere.
+bool TCRequestDrop::m_IsTaken(const std::string& name)
 {
+    TSRequest request;
+    struct stat status;
+    if (fstatat(m_taken.Get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        m_Ignore(name, errno == ENOENT ? "it has gone" : std::strerror(errno));
+        return false;
+    }
+    if (S_ISREG(status.st_mode) && status.st_nlink == 1 && ReadFileName(name, m_cutSize, request)) {
+        return true;
+    }
+    unlinkat(m_taken.Get(), name.c_str(), S_ISDIR(status.st_mode) ? AT_REMOVEDIR : 0);
+    m_Ignore(name, "it was replaced by something else");
+    return false;
+}
+
+bool TCRequestDrop::m_Read(const std::string& name, TSRequest& request, std::string& reason)
+{
+    if (!m_IsTaken(name)) {
+        return false;
+    }
     const TCDescriptor file(
         openat(m_taken.Get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status;
-    if (!file.IsOpen() && errno == ENOENT) {
-        return false; // it has gone before it was taken
-    }
-    TSRequest read;
-    if (!file.IsOpen() || fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode)
-        || status.st_nlink > 1 || !ReadFileName(name, m_cutSize, read)) {
-        m_Ignore(name, "it was replaced by something else");
-        TSFileSystem::RemoveFolder(m_taken.Path() + "/" + name);
+    if (!file.IsOpen() || fstat(file.Get(), &status) != 0) {
+        reason = std::strerror(errno);
         return false;
     }
     // Who has opened it just before it was taken may be writing. Nobody else can open it now.
-    const auto deadline = std::chrono::steady_clock::now() + kWriterPatience;
-    while (IsBeingWritten(file.Get(), status) && std::chrono::steady_clock::now() < deadline) {
+    // The patience is for all of a list: many such must not keep the others waiting.
+    while (m_patience > m_patience.zero() && IsBeingWritten(file.Get(), status)) {
+        const auto start = std::chrono::steady_clock::now();
         std::this_thread::sleep_for(kTick);
         fstat(file.Get(), &status);
+        m_patience -= std::chrono::steady_clock::now() - start;
     }
 
+    TSRequest read;
+    ReadFileName(name, m_cutSize, read);
     read.m_source = m_path;
     read.m_name = name;
     read.m_reboot = m_reboot;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <map>
 #include <string>
 #include <vector>
@@ -38,25 +39,28 @@ public:
 
     /// Takes and reads a request of the list.
     ///
-    /// @return true on success; false when it is gone, or was replaced by what is none (with a
-    ///         line in the log).
-    bool Take(const std::string& name, TSRequest& request);
+    /// @param reason  replaced by one line when it could not be read for now; untouched otherwise.
+    /// @return true on success; false then, and when it is gone or was replaced by what is none
+    ///         (with a line in the log).
+    bool Take(const std::string& name, TSRequest& request, std::string& reason);
 
     /// Removes one that was taken.
     ///
-    /// @return true on success, otherwise false with a line in the log.
-    bool Remove(const TSRequest& request);
+    /// @param reason  replaced by one line on failure; untouched otherwise.
+    bool Remove(const TSRequest& request, std::string& reason);
 
     const std::string& Path() const { return m_path; }
 
 private:
     bool m_IsRequest(const std::string& name, bool& unfinished, timespec& filed);
-    bool m_Read(const std::string& name, TSRequest& request);
+    bool m_IsTaken(const std::string& name);
+    bool m_Read(const std::string& name, TSRequest& request, std::string& reason);
     void m_Ignore(const std::string& name, const std::string& reason);
 
     const std::string m_path;
     const bool m_reboot;
-    const size_t m_cutSize; // of the name
+    const size_t m_cutSize;              // of the name
+    std::chrono::nanoseconds m_patience; // left for the writers of the list under way
     TCOwnDirectory m_drop;
     TCOwnDirectory m_taken;
     std::string m_unusable; // why, when it is

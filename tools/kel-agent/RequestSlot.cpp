@@ -85,7 +85,7 @@ bool TCRequestSlot::Take(TSRequest& request, std::string& reason)
     if (!ReadSlotValue(value, read)) {
         std::fprintf(stderr, "kel-agent: %s in %s ignored: it is not of the form of a request\n",
                      Printable(value).c_str(), kKey);
-        Remove();
+        Remove(reason);
         return false;
     }
     read.m_source = kKey;
@@ -96,12 +96,11 @@ bool TCRequestSlot::Take(TSRequest& request, std::string& reason)
     return true;
 }
 
-bool TCRequestSlot::Remove()
+bool TCRequestSlot::Remove(std::string& reason)
 {
     const std::string path = m_stateDirectory + "/" + kTakenFile;
     if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-        std::fprintf(stderr, "kel-agent: %s cannot be removed: %s\n", path.c_str(),
-                     std::strerror(errno));
+        reason = path + " cannot be removed: " + std::strerror(errno);
         return false;
     }
     return true;

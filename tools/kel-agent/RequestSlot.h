@@ -31,8 +31,8 @@ public:
 
     /// Removes the one that was taken.
     ///
-    /// @return true on success, otherwise false with a line in the log.
-    bool Remove();
+    /// @param reason  replaced by one line on failure; untouched otherwise.
+    bool Remove(std::string& reason);
 
     static constexpr char kKey[] = "memory/kel/ndf_one";
 
