@@ -166,6 +166,26 @@ TEST_F(Dispatch, AnEmptyHandlerThrowsTheFunctionLibrarysException)
     EXPECT_THROW(Call("Some"), boost::bad_function_call);
 }
 
+TEST_F(Dispatch, ACallThatNoHandlerHasTakenIsDropped)
+{
+    m_end.t_SetDbusCallback("Some", TCDbus::TMethodHandler());
+    for (const char* const path : {"/com/norvale/kel/CommunicationChannel", "/"}) {
+        GObject* const call = static_cast<GObject*>(g_object_new(G_TYPE_OBJECT, nullptr));
+        bool dropped = false;
+        g_object_weak_ref(
+            call, [](gpointer flag, GObject*) { *static_cast<bool*>(flag) = true; }, &dropped);
+
+        try {
+            TCDbus::m_HandleMethodCall(AnyConnection(), ":1.7", path, "any.interface", "Some",
+                                       AnyParameters(),
+                                       reinterpret_cast<GDBusMethodInvocation*>(call), &m_end);
+        } catch (const boost::bad_function_call&) {
+        }
+
+        EXPECT_TRUE(dropped) << path;
+    }
+}
+
 TEST_F(Dispatch, AnotherPathIsNotHandled)
 {
     m_end.t_SetDbusCallback("Some", Recorder());

@@ -1,7 +1,5 @@
 #include <kel/KELDbus.h>
 
-#include <cxxabi.h>
-
 #include <cstring>
 #include <exception>
 #include <utility>
@@ -69,9 +67,10 @@ bool RunCallback(const TCDbus::TMessageCallback& callback, int type,
         return callback(request, response);
     } catch (const std::exception& error) {
         KEL_ERROR("Callback for type %d has thrown: %s", type, error.what());
-    } catch (const abi::__forced_unwind&) {
-        throw; // the thread is being cancelled, which must go on
     } catch (...) {
+        if (std::current_exception() == nullptr) {
+            throw; // not C++'s: the thread is being cancelled, which must go on
+        }
         KEL_ERROR("Callback for type %d has thrown", type);
     }
     response.clear();
@@ -280,7 +279,7 @@ void TCDbus::m_HandleMethodCall(GDBusConnection* connection, const char* sender,
     KEL_DEBUG("->Invoke message handler %s", methodName);
 
     const TMethodHandler run = handler->second; // a copy: the handler may drop this end
-    run(sender, parameters, call.release());
+    run(sender, parameters, run.empty() ? call.get() : call.release()); // an empty one throws
 }
 
 void TCDbus::TSGlibEntry::MethodCall(GDBusConnection* connection, const char* sender,
