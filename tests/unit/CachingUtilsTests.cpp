@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <atomic>
 #include <functional>
-#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,7 +14,6 @@
 #include "StandardOutput.h"
 #include "support/FakePlatform.h"
 #include "support/LogRecorder.h"
-#include "support/MemoryShortage.h"
 #include "support/WaitUntil.h"
 
 namespace {
@@ -239,32 +237,6 @@ TEST_F(CachingUtils, AFailureIsCopiedUnderTheNameOfItsClass)
     EXPECT_EQ(output, "KEL >kel::TCHtCachingUtils:GetSystemInfoKeyCached:"
                           + std::to_string(m_log.Lines().at(0).m_line)
                           + "< Fail getting systeminfo value\n");
-}
-
-TEST_F(CachingUtils, WithoutMemoryForAnEntryTheLocksAreFreeAndTheKeyIsTriedAgain)
-{
-    const std::string text(100, 't');
-    m_platform.SetText(kKey, text);
-    size_t failures = 0;
-
-    for (bool known = false; !known;) {
-        std::string value;
-        kel::test::FailAllocation(failures + 1);
-        try {
-            known = TCHtCachingUtils::GetSystemInfoKeyCached(kKey, value);
-            kel::test::FailAllocation(0);
-            EXPECT_EQ(value, text);
-        } catch (const std::bad_alloc&) {
-            ++failures;
-            ASSERT_TRUE(TCHtCachingUtils::m_CacheMapMutex.try_lock());
-            TCHtCachingUtils::m_CacheMapMutex.unlock();
-            EXPECT_TRUE(TCHtCachingUtils::m_systemInfoStrCache.empty());
-        }
-    }
-
-    EXPECT_GE(failures, 3u) << "the output, the entry and its text";
-    EXPECT_EQ(TCHtCachingUtils::m_systemInfoStrCache.size(), 1u);
-    EXPECT_EQ(TakeMessages(), TTexts());
 }
 
 TEST_F(CachingUtils, EightThreadsThatMissOneKeyAskThePlatformOnce)

@@ -4,13 +4,17 @@ target_include_directories(kel-fake-platform PUBLIC
     ${PROJECT_SOURCE_DIR}/tests ${PROJECT_SOURCE_DIR}/platform/include)
 target_link_libraries(kel-fake-platform PRIVATE kel-warnings)
 
-kel_add_tests(Device
-    CachingUtilsTests.cpp
-    DirsManagerTests.cpp
-    IssueReportTests.cpp
-    ${PROJECT_SOURCE_DIR}/tests/support/MemoryShortage.cpp
+kel_add_tests(Device CachingUtilsTests.cpp DirsManagerTests.cpp IssueReportTests.cpp
     LABELS unit threads
     LIBRARIES kel-fake-platform)
+
+if(NOT KEL_SANITIZE STREQUAL "thread") # which has an operator new of its own
+    kel_add_tests(CachingShortage
+        CachingShortageTests.cpp
+        ${PROJECT_SOURCE_DIR}/tests/support/MemoryShortage.cpp
+        LABELS unit
+        LIBRARIES kel-fake-platform)
+endif()
 
 # The same library where the device has no USB service: other functions under the platform's name.
 add_library(kel-no-usb-platform SHARED NoUsbPlatform.cpp)
