@@ -247,9 +247,9 @@ TYPED_TEST(Teardown, AHandlerMayDropAnEndOfTheOtherChannel)
 
     EXPECT_EQ(this->m_peer.Send(SendBytes(1, 0)).m_bytes, TBytes{1});
 
+    this->m_loop.Settle();
     EXPECT_EQ(other, nullptr);
     EXPECT_TRUE(end.UnSetCallback(1)) << "the end that stays has let go of its callbacks";
-    this->m_loop.Settle();
 }
 
 TYPED_TEST(Teardown, AHandlerMaySendThroughAnEndOfTheOtherChannel)
@@ -294,9 +294,9 @@ TEST_F(ChannelTest, AClientInThePlaceOfTheOneThatItsHandlerDroppedHasItsOwnLocks
 
     EXPECT_TRUE(peer.Send(SendBytes(1, 0)).IsOk());
 
+    m_loop.Settle();
     EXPECT_TRUE(waited);
     EXPECT_TRUE(client->SetCallback(1, TCDbus::TMessageCallback()));
-    m_loop.Settle();
 }
 
 TEST_F(ChannelTest, AServerThatLosesItsNameWhileItEndsDoesNotReportIt)
