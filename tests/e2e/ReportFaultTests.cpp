@@ -302,16 +302,16 @@ protected:
                   "#!/bin/sh\nwhile [ ! -e " + m_go.string() + " ]; do sleep 0.01; done\n");
     }
 
-    // Files requests, and returns when the agent has seen them.
-    void FileAll(const ChildProcess& agent, const TNames& names) const
+    // Starts an agent that finds these requests, and returns when it has seen them.
+    std::unique_ptr<ChildProcess> StartWith(const TNames& names) const
     {
+        StartCollector(); // makes the directories
         for (const std::string& name : names) {
-            WriteFile(m_scratch / name, "/nowhere");
+            WriteFile(kDrop / name, "/nowhere");
         }
-        for (const std::string& name : names) {
-            fs::rename(m_scratch / name, kDrop / name);
-        }
-        EXPECT_TRUE(Says(agent, "kel-agent: process information: ")) << agent.ErrorOutput();
+        auto agent = StartCollector();
+        EXPECT_TRUE(Says(*agent, "kel-agent: process information: ")) << agent->ErrorOutput();
+        return agent;
     }
     void LetItTake() const { WriteFile(m_go, ""); }
 
@@ -321,8 +321,7 @@ private:
 
 TEST_F(TakingFaults, OneThatHasGoneLeavesALine)
 {
-    const auto agent = StartCollector();
-    FileAll(*agent, {kGood});
+    const auto agent = StartWith({kGood});
 
     fs::remove(kDrop / kGood);
     LetItTake();
@@ -334,8 +333,7 @@ TEST_F(TakingFaults, OneThatHasGoneLeavesALine)
 
 TEST_F(TakingFaults, OneThatWasReplacedLeavesALine)
 {
-    const auto agent = StartCollector();
-    FileAll(*agent, {kGood});
+    const auto agent = StartWith({kGood});
 
     fs::remove(kDrop / kGood);
     fs::create_symlink("/etc/passwd", kDrop / kGood);
@@ -351,8 +349,7 @@ TEST_F(TakingFaults, OneThatWasReplacedLeavesALine)
 TEST_F(TakingFaults, ManyThatAreWrittenToWithoutEndHaveNoMorePatienceThanOne)
 {
     const TNames names = {"a-1-ALWAYS.log", "a-2-ALWAYS.log", "a-3-ALWAYS.log", "a-4-ALWAYS.log"};
-    const auto agent = StartCollector();
-    FileAll(*agent, names);
+    const auto agent = StartWith(names);
     std::vector<int> writers;
     for (const std::string& name : names) {
         writers.push_back(open((kDrop / name).c_str(), O_WRONLY | O_CLOEXEC));
