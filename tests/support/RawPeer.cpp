@@ -21,13 +21,6 @@ std::string Text(const char* text) { return text != nullptr ? text : ""; }
 
 TBody CopyBody(GDBusMessage* message) { return Own(g_dbus_message_get_body(message)); }
 
-void AppendInt(TBytes& bytes, int value)
-{
-    unsigned char image[sizeof(value)];
-    std::memcpy(image, &value, sizeof(value));
-    bytes.insert(bytes.end(), image, image + sizeof(image));
-}
-
 } // namespace
 
 TBody Body(const TBytes& bytes)
@@ -62,9 +55,8 @@ std::optional<TBytes> BytesOf(const TBody& body)
 
 TBytes SendBytes(int type, unsigned char flag, const TBytes& data)
 {
-    TBytes bytes;
-    bytes.reserve(sizeof(type) + 1 + data.size());
-    AppendInt(bytes, type);
+    TBytes bytes(sizeof(type));
+    std::memcpy(bytes.data(), &type, sizeof(type));
     bytes.push_back(flag);
     bytes.insert(bytes.end(), data.begin(), data.end());
     return bytes;
@@ -72,10 +64,9 @@ TBytes SendBytes(int type, unsigned char flag, const TBytes& data)
 
 TBytes HelloBytes(const std::vector<int>& types)
 {
-    TBytes bytes;
-    bytes.reserve(types.size() * sizeof(int));
-    for (const int type : types) {
-        AppendInt(bytes, type);
+    TBytes bytes(types.size() * sizeof(int));
+    if (!types.empty()) { // memcpy takes no null pointer, not even for nothing
+        std::memcpy(bytes.data(), types.data(), bytes.size());
     }
     return bytes;
 }
