@@ -71,7 +71,9 @@ TEST_F(LogCost, TheCounterSeesBothKindsOfAllocation)
         none = counted.Count();
         void* volatile block = malloc(100);
         free(block);
-        const volatile std::unique_ptr<int[]> array(new int[1000]);
+        const std::unique_ptr<int[]> array(new int[1000]);
+        const int* volatile seen = array.get(); // or the optimiser does without the array
+        static_cast<void>(seen);
         two = counted.Count();
         largest = counted.Largest();
     }
