@@ -77,9 +77,8 @@ public:
     /// @param contents  replaced on success, untouched otherwise.
     /// @return true on success; false when the file cannot be opened (a debug line), has no
     ///         measurable size or cannot be read (an error line).
-    /// @throws std::length_error when the size does not fit the platform's long, or there is none:
-    /// a
-    ///         FIFO has no positions.
+    /// @throws std::length_error when the size does not fit the platform's long, or there is none,
+    ///         as of a FIFO, which has no positions.
     static bool GetFileContents(const std::string& fileName, std::vector<unsigned char>& contents);
 
     /// Copies a regular file, its mode bits included, also from one file system to another.
@@ -121,8 +120,7 @@ public:
     /// @param setPermissions  give the directory, not its parents, the mode 0777. Failure of that
     ///                        does not count where the path contains "opt/media/USB".
     /// @return true on success; false when it could not be made (an error line tells the space
-    /// left),
-    ///         or, later, when the mode could not be set.
+    ///         left), or, later, when the mode could not be set.
     static bool MakeDir(const boost::filesystem::path& directory, bool setPermissions);
 
     /// Finds a name that is free in a directory: "log.txt", else "log_1.txt", "log_2.txt" and so
