@@ -1,16 +1,17 @@
 // kelctl policy: what the library resolves on this device, and why.
 
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 #include <filesystem>
 #include <fstream>
+#include <optional>
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
 #include "e2e/AgentRoad.h"
+#include "support/Mount.h"
 #include "support/Sandbox.h"
 
 namespace kel::test {
@@ -51,10 +52,8 @@ protected:
     }
     void TearDown() override
     {
-        if (m_hasStick) {
-            EXPECT_EQ(umount("/sys/dev/block"), 0);
-            EXPECT_EQ(umount(kStick.c_str()), 0);
-        }
+        m_stick.reset();
+        m_devices.reset();
         fs::remove_all("/opt/usr");
         fs::remove(kDebug);
     }
@@ -62,10 +61,8 @@ protected:
     // A mounted file system whose device seems to hang on the USB bus.
     void PlugIn()
     {
-        fs::create_directory(kStick);
-        ASSERT_EQ(mount("tmpfs", kStick.c_str(), "tmpfs", 0, ""), 0);
-        ASSERT_EQ(mount("tmpfs", "/sys/dev/block", "tmpfs", 0, "mode=755"), 0);
-        m_hasStick = true;
+        m_stick.emplace(kStick);
+        m_devices.emplace("/sys/dev/block", "mode=755");
         struct stat status;
         ASSERT_EQ(stat(kStick.c_str(), &status), 0);
         fs::create_directories("/tmp/devices/usb1/block/sda");
@@ -145,7 +142,8 @@ protected:
     }
 
 private:
-    bool m_hasStick = false;
+    std::optional<Mount> m_stick;
+    std::optional<Mount> m_devices;
 };
 
 TEST_F(KelctlPolicy, WithoutAnyFileTheDefaultOneIsMissing)

@@ -1,6 +1,5 @@
 // kelctl report: what it leaves for the agent, and what it says of it.
 
-#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -9,6 +8,7 @@
 #include <gmock/gmock.h>
 
 #include "e2e/AgentRoad.h"
+#include "support/Mount.h"
 #include "support/Sandbox.h"
 
 namespace kel::test {
@@ -206,9 +206,9 @@ TEST_F(KelctlReport, ADropDirectoryThatMayNotBeWrittenToIsToldOf)
 
 TEST_F(KelctlReport, ADropDirectoryThatIsReadOnlyIsToldOf)
 {
-    ASSERT_EQ(mount("tmpfs", kRebootDrop.c_str(), "tmpfs", MS_RDONLY, ""), 0);
+    const Mount readOnly(kRebootDrop, "ro");
+
     const TSFinished ended = Report({"--process", "a", "--reboot"});
-    EXPECT_EQ(umount(kRebootDrop.c_str()), 0);
 
     ExpectRefused(ended, "its file cannot be written");
 }

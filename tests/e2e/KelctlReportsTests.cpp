@@ -1,7 +1,6 @@
 // kelctl reports: what a person or a program reads of the agent's directory of state.
 
 #include <fcntl.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,6 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include "e2e/AgentRoad.h"
+#include "support/Mount.h"
 #include "support/Sandbox.h"
 
 namespace kel::test {
@@ -447,11 +447,10 @@ TEST_F(KelctlReports, AReportThatMayNotBeReadIsToldOfAndTheOthersAreListed)
 TEST_F(KelctlReports, WithoutTheOptionItReadsTheAgentsOwnDirectory)
 {
     Write("0000000001", Whole(1));
-    ASSERT_EQ(mount("tmpfs", "/var/lib", "tmpfs", 0, ""), 0);
+    const Mount machines("/var/lib");
     fs::copy(kState, "/var/lib/kel-agent", fs::copy_options::recursive);
 
     const TSFinished ended = RunProgram({KEL_CTL, "reports", "--json"});
-    EXPECT_EQ(umount("/var/lib"), 0);
 
     EXPECT_EQ(ended.m_exit, 0) << Text(ended);
     EXPECT_EQ(Directories(json::parse(ended.m_output)),

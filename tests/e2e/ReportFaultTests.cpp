@@ -19,6 +19,7 @@
 #include <gmock/gmock.h>
 
 #include "e2e/ReportRoad.h"
+#include "support/Mount.h"
 #include "support/Threads.h"
 
 namespace kel::test {
@@ -52,23 +53,6 @@ public:
 
 private:
     const fs::path m_path = "/tmp/scratch";
-};
-
-// A mount of the test's own, gone with it.
-class Mount
-{
-public:
-    Mount(const std::string& source, const fs::path& target, const char* type, unsigned long flags)
-        : m_target(target)
-    {
-        EXPECT_EQ(mount(source.c_str(), target.c_str(), type, flags, nullptr), 0);
-    }
-    ~Mount() { umount2(m_target.c_str(), MNT_DETACH); }
-    Mount(const Mount&) = delete;
-    Mount& operator=(const Mount&) = delete;
-
-private:
-    const fs::path m_target;
 };
 
 } // namespace
@@ -256,17 +240,16 @@ TEST_F(RequestFaults, OneOfATimeThatCannotBeToldIsCollected)
 
 TEST_F(RequestFaults, OneThatCannotBeTakenYetWaits)
 {
-    ASSERT_TRUE(fs::create_directory(kDrop));
-    const Mount drop("tmpfs", kDrop, "tmpfs", 0);
+    const Mount drop(kDrop);
     StartCollector(); // makes the directories
     WriteFile(kDrop / kGood, "NO_PATH");
-    Remount(kDrop, MS_RDONLY);
+    drop.Remount(MS_RDONLY);
     const auto agent = StartCollector();
 
     EXPECT_TRUE(
         Says(*agent, "kel-agent: "s + kGood + " in /tmp/kel_NDF waits: Read-only file system\n"))
         << agent->ErrorOutput();
-    Remount(kDrop, 0);
+    drop.Remount(0);
 
     EXPECT_TRUE(WaitForReports(1)) << agent->ErrorOutput();
     EXPECT_EQ(CountSaid(*agent, " waits: "), 1U) << agent->ErrorOutput();
@@ -278,17 +261,19 @@ TEST_F(RequestFaults, OneThatCannotBeRemovedHasOneReport)
     const fs::path request = kDrop / ".taken" / kGood;
     WriteFile(request, "NO_PATH");
     WriteFile(m_scratch / "mounted", "NO_PATH");
-    std::optional<Mount> mounted(std::in_place, m_scratch / "mounted", request, "", MS_BIND);
-    const auto agent = StartCollector();
+    std::unique_ptr<ChildProcess> agent;
+    {
+        const Mount mounted = Mount::Bind(m_scratch / "mounted", request);
+        agent = StartCollector();
 
-    EXPECT_TRUE(
-        Says(*agent, "kel-agent: "s + kGood + " in /tmp/kel_NDF waits: it cannot be removed: "))
-        << agent->ErrorOutput();
-    LetItLook();
-    EXPECT_EQ(Names(), (TNames{"look-once-ALWAYS.log", "look-twice-ALWAYS.log", kGood}));
-    EXPECT_EQ(CountSaid(*agent, " waits: "), 1U) << agent->ErrorOutput();
+        EXPECT_TRUE(
+            Says(*agent, "kel-agent: "s + kGood + " in /tmp/kel_NDF waits: it cannot be removed: "))
+            << agent->ErrorOutput();
+        LetItLook();
+        EXPECT_EQ(Names(), (TNames{"look-once-ALWAYS.log", "look-twice-ALWAYS.log", kGood}));
+        EXPECT_EQ(CountSaid(*agent, " waits: "), 1U) << agent->ErrorOutput();
+    }
 
-    mounted.reset();
     EXPECT_TRUE(WaitUntil([&] { return !fs::exists(request); }));
 }
 
@@ -458,7 +443,7 @@ TEST_F(ArtefactFaults, WhatIsLargerThanTheLimitIsNotCopied)
 
 TEST_F(ArtefactFaults, WhatIsLargerThanTheFreeSpaceIsNotCopied)
 {
-    MountState("size=8m");
+    const Mount state(m_stateDir, "size=8m");
     MakeSparse(m_scratch / "large", 8 << 20);
     MakeSparse(m_scratch / "huge", 5ULL << 30U);
     const auto agent = StartCollector({"--max-bytes", "4294967295"});
@@ -475,7 +460,7 @@ TEST_F(ArtefactFaults, WhatIsLargerThanTheFreeSpaceIsNotCopied)
 // A file of the system's that tells of no size, and has hundreds of gigabytes.
 TEST_F(ArtefactFaults, WhatHasNoEndIsCopiedNoFurtherThanTheLimit)
 {
-    MountState("size=64m");
+    const Mount state(m_stateDir, "size=64m");
     const auto agent = StartCollector({"--max-bytes", "1000000"});
     uintmax_t leastSpace = fs::space(m_stateDir).free;
     {
@@ -520,7 +505,7 @@ protected:
 
 TEST_F(StateFaults, WhileItIsFullRequestsWait)
 {
-    MountState("size=1m");
+    const Mount state(m_stateDir, "size=1m");
     const auto agent = StartCollector();
     std::ofstream filler(m_stateDir + "/filler", std::ios::binary);
     filler << std::string(2 << 20, 'x') << std::flush;
@@ -535,14 +520,14 @@ TEST_F(StateFaults, WhileItIsFullRequestsWait)
 
 TEST_F(StateFaults, WhileItIsReadOnlyRequestsWait)
 {
-    MountState("size=1m");
+    const Mount state(m_stateDir, "size=1m");
     const auto agent = StartCollector();
     File(kGood);
     ASSERT_TRUE(WaitForReports(1)) << agent->ErrorOutput();
-    RemountState(MS_RDONLY);
+    state.Remount(MS_RDONLY);
 
     ExpectAllWait(*agent);
-    RemountState(0);
+    state.Remount(0);
 
     ExpectAllCollected(*agent, 1);
 }
@@ -563,7 +548,7 @@ TEST_F(StateFaults, WhileItIsGoneRequestsWait)
 
 TEST_F(StateFaults, RequestsThatWaitOutliveTheAgent)
 {
-    MountState("size=1m,ro");
+    const Mount state(m_stateDir, "size=1m,ro");
     {
         const auto agent = StartCollector();
         File(kGood, "/nowhere");
@@ -572,7 +557,7 @@ TEST_F(StateFaults, RequestsThatWaitOutliveTheAgent)
         agent->Signal(SIGTERM);
         ASSERT_EQ(agent->Wait(), 0) << agent->ErrorOutput();
     }
-    RemountState(0);
+    state.Remount(0);
 
     const auto agent = StartCollector();
     const auto hasLatest = [&] {

@@ -1,7 +1,6 @@
 #include "e2e/ReportRoad.h"
 
 #include <fcntl.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -111,7 +110,6 @@ ReportRoad::ReportRoad() : m_reports(fs::path(m_stateDir) / "reports")
 
 ReportRoad::~ReportRoad()
 {
-    umount2(m_stateDir.c_str(), MNT_DETACH);
     for (const fs::path& path : {kDrop, kRebootDrop, kStore}) {
         std::error_code ignored;
         fs::remove_all(path, ignored);
@@ -236,13 +234,6 @@ void ReportRoad::LetItLook()
     }
 }
 
-void ReportRoad::MountState(const std::string& options) const
-{
-    ASSERT_EQ(mount("tmpfs", m_stateDir.c_str(), "tmpfs", 0, options.c_str()), 0);
-}
-
-void ReportRoad::RemountState(unsigned long flags) const { Remount(m_stateDir, flags); }
-
 ReportRoad::Silence::Silence() : m_before(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0))
 {
     fflush(stdout);
@@ -295,13 +286,6 @@ mode_t ModeOf(const fs::path& path)
 void WriteFile(const fs::path& path, const std::string& content)
 {
     std::ofstream(path, std::ios::binary) << content;
-}
-
-void Remount(const fs::path& path, unsigned long flags)
-{
-    ASSERT_TRUE(WaitUntil([&] { // which the system refuses while a file is being written
-        return mount(nullptr, path.c_str(), nullptr, MS_REMOUNT | flags, nullptr) == 0;
-    }));
 }
 
 } // namespace kel::test

@@ -86,11 +86,6 @@ protected:
     /// reports.
     static void LetItLook();
 
-    // The directory of state on a file system of its own.
-
-    void MountState(const std::string& options) const;
-    void RemountState(unsigned long flags) const;
-
     const std::filesystem::path m_reports;
 
 private:
@@ -124,8 +119,5 @@ TNames NamesIn(const std::filesystem::path& directory);
 mode_t ModeOf(const std::filesystem::path& path);
 
 void WriteFile(const std::filesystem::path& path, const std::string& content);
-
-/// Mounts anew what is there, as soon as no file on it is being written.
-void Remount(const std::filesystem::path& path, unsigned long flags);
 
 } // namespace kel::test

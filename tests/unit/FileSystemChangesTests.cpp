@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
@@ -26,7 +27,9 @@ protected:
         fs::path m_destination; // directories
     };
 
-    FileChanges() : m_one(m_root / "one", "size=2m"), m_two(m_root / "two", "size=1m") {}
+    FileChanges()
+        : m_one((m_root / "one").string(), "size=2m"), m_two((m_root / "two").string(), "size=1m")
+    {}
     ~FileChanges() override { m_LeaveDisk(); }
 
     // Within one file system, from one to another of the same type, and, when the machine has a
@@ -56,7 +59,7 @@ protected:
     }
 
     const Mount m_one;
-    Mount m_two;
+    const Mount m_two;
     std::string m_reason; // of a failure to come
 
 private:
@@ -181,7 +184,7 @@ TEST_F(FileChanges, NothingIsWrittenToAReadOnlyFileSystem)
 {
     const fs::path source = Write(m_root / "one" / "source", kText);
     Write(m_root / "two" / "there" / "file", "old");
-    m_two.MakeReadOnly();
+    m_two.Remount(MS_RDONLY);
     const fs::path there = m_root / "two" / "there";
 
     EXPECT_FALSE(TSFileSystem::CopyFile(source, m_root / "two" / "copy", true));
@@ -613,7 +616,7 @@ TEST_F(FileChanges, ADirectoryThatCannotBeMadeTellsTheSpaceLeft)
 
 TEST_F(FileChanges, ADirectoryOnAFullFileSystemFails)
 {
-    const Mount full(m_root / "full", "size=1m,nr_inodes=1");
+    const Mount full((m_root / "full").string(), "size=1m,nr_inodes=1");
 
     EXPECT_FALSE(TSFileSystem::MakeDir(m_root / "full" / "new", true));
 

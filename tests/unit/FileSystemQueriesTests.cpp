@@ -481,7 +481,7 @@ TEST_F(FileQueries, TheTimeOfModificationOfAMissingFileIsZero)
 
 TEST_F(FileQueries, FreeSpaceIsInWholeMebibytes)
 {
-    const Mount mount(m_root / "mount", "size=3m");
+    const Mount mount((m_root / "mount").string(), "size=3m");
     EXPECT_EQ(TSFileSystem::GetFreeSpaceSize(m_root / "mount"), 3.0);
 
     Write(m_root / "mount" / "file", "x");

@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/capability.h>
-#include <sys/mount.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -75,29 +74,6 @@ Unprivileged::~Unprivileged()
     if (syscall(SYS_capset, &header, data) != 0) {
         ADD_FAILURE() << "still unprivileged: " << strerror(errno);
     }
-}
-
-Mount::Mount(const fs::path& directory, const std::string& options) : m_directory(directory)
-{
-    if (!Sandbox::IsEntered()) {
-        throw std::runtime_error("outside the sandbox");
-    }
-    fs::create_directories(directory);
-    Check(mount("tmpfs", directory.c_str(), "tmpfs", 0, options.c_str()) == 0,
-          "mounting on " + directory.string());
-}
-
-Mount::~Mount()
-{
-    if (umount2(m_directory.c_str(), MNT_DETACH) != 0) {
-        ADD_FAILURE() << "unmounting " << m_directory << ": " << strerror(errno);
-    }
-}
-
-void Mount::MakeReadOnly()
-{
-    Check(mount(nullptr, m_directory.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0,
-          "remounting " + m_directory.string());
 }
 
 FileSystemTest::FileSystemTest() : m_root("/tmp/tree")

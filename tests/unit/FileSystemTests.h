@@ -15,6 +15,7 @@
 #include <kel/KELFileSystem.h>
 
 #include "support/LogRecorder.h"
+#include "support/Mount.h"
 
 namespace kel::test {
 
@@ -64,22 +65,6 @@ public:
 
 private:
     unsigned int m_effective[2];
-};
-
-/// An empty file system of its own, in the sandbox, while this object lives.
-class Mount
-{
-public:
-    /// @param options  of a tmpfs: "size=1m"
-    Mount(const fs::path& directory, const std::string& options);
-    ~Mount();
-    Mount(const Mount&) = delete;
-    Mount& operator=(const Mount&) = delete;
-
-    void MakeReadOnly();
-
-private:
-    fs::path m_directory;
 };
 
 /// An empty directory, in the sandbox's "/tmp", and a record of the log.

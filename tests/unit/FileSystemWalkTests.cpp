@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -483,7 +482,7 @@ TEST_F(FileWalk, FileSystemsThatDoNotTellTypes)
 TEST_F(FileWalk, MountedDirectories)
 {
     Write(m_root / "mount" / "hidden.log");
-    const Mount mount(m_root / "mount", "mode=0");
+    const Mount mount((m_root / "mount").string(), "mode=0");
     Write(m_root / "mount" / "a.log");
     Write(m_root / "z" / "b.log");
     Both(m_root);
