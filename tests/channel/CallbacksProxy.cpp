@@ -62,6 +62,22 @@ TEST_F(CallbacksProxy, AProcessInfoRequestIsAnsweredWithTrueWhateverTheFunctionS
     EXPECT_TRUE(m_log.Has(kDebug, "Callback called with id 4"));
 }
 
+TEST_F(CallbacksProxy, AFunctionKeepsItsStateFromEventToEvent)
+{
+    std::vector<int> counts;
+    m_proxy->SetPolicyUpdateCb([&counts, count = 0]() mutable { counts.push_back(++count); });
+    m_proxy->SetRequestProcessInfoCb([&counts, count = 10]() mutable {
+        counts.push_back(++count);
+        return true;
+    });
+
+    for (const int type : {2, 4, 2, 4}) {
+        m_agent.Send(SendBytes(type, 0));
+    }
+
+    EXPECT_EQ(counts, (std::vector<int>{1, 11, 2, 12}));
+}
+
 TEST_F(CallbacksProxy, ASecondSetIsRefusedAndTheFirstFunctionStays)
 {
     std::atomic<int> second(0);

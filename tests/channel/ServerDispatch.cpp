@@ -71,6 +71,25 @@ TEST_F(ServerDispatch, SendRunsTheCallbackOfItsTypeAndReturnsResultAndResponse)
     EXPECT_TRUE(m_log.Has(kDebug, "->Invoke message handler Send"));
 }
 
+TEST_F(ServerDispatch, ACallbackKeepsItsStateFromMessageToMessage)
+{
+    const auto shared = std::make_shared<int>();
+    std::vector<int> counts;
+    m_server.SetCallback(5, [&counts, shared, count = 0](const TBytes&, TBytes&) mutable {
+        counts.push_back(++count);
+        return true;
+    });
+
+    for (int i = 0; i < 3; ++i) {
+        Send(SendBytes(5, 0));
+    }
+
+    EXPECT_EQ(counts, (std::vector<int>{1, 2, 3}));
+    EXPECT_EQ(shared.use_count(), 2) << "there is one of it";
+    m_server.UnSetCallback(5);
+    EXPECT_EQ(shared.use_count(), 1);
+}
+
 TEST_F(ServerDispatch, ACallbackThatRefusesGivesResultZeroWithItsResponse)
 {
     m_server.SetCallback(4, [](const TBytes&, TBytes& response) {

@@ -7,6 +7,7 @@
 #include <kel/KELDbusClient.h>
 
 #include "KELLog.h"
+#include "KELSharedFunction.h"
 #include "KELSingletonLife.h"
 
 KEL_LOG_SOURCE("KELCallbacksProxy", "kel::TCCallbacksProxy")
@@ -76,7 +77,7 @@ bool TCCallbacksProxy::m_Set(int type, Function TCCallbacksProxy::*pMember, cons
         if (!(this->*pMember).empty()) {
             return false;
         }
-        this->*pMember = cb;
+        this->*pMember = ShareState(cb);
     }
     try {
         if (m_pClient->SetCallback(
@@ -120,7 +121,8 @@ bool TCCallbacksProxy::m_OnCallback(int type, const std::vector<unsigned char>&,
 {
     KEL_DEBUG("Callback called with id %d", type);
 
-    // Copies are called: a function may drop the last pointer to this object, and itself with it.
+    // Copies are called, which share the functions' state: a function may drop the last pointer to
+    // this object, and itself with it.
     const boost::function<void()> policyUpdate = m_policyUpdateCb;
     const boost::function<bool()> requestProcessInfo = m_requestProcessInfoCb;
     switch (type) {

@@ -10,6 +10,7 @@
 #include "KELHandlerGate.h"
 #include "KELLog.h"
 #include "KELPayload.h"
+#include "KELSharedFunction.h"
 
 KEL_LOG_SOURCE("KELDbus", "kel::TCDbus")
 
@@ -165,7 +166,7 @@ void TCDbus::t_EndHandlers() { CloseGate(*this); }
 
 void TCDbus::t_SetDbusCallback(const char* method, const TMethodHandler& handler)
 {
-    m_methodHandlers[method] = handler;
+    m_methodHandlers[method] = ShareState(handler);
 }
 
 void TCDbus::t_ConvertBytes(const std::vector<unsigned char>& bytes, GVariant*& out) const
@@ -245,6 +246,9 @@ void TCDbus::m_HandleMessage(const char* sender, GVariant* parameters,
             KEL_DEBUG("Callback for type %d is not registered", type);
         }
         ended = callbacks.HasEnded();
+        if (!ended) {
+            callback.clear(); // while it is in the table: whoever removes it there destroys it
+        }
     }
     g_dbus_method_invocation_return_value(invocation, PackReply(result, response));
 

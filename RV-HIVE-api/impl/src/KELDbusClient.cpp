@@ -4,6 +4,7 @@
 #include "KELHandlerGate.h"
 #include "KELLog.h"
 #include "KELPayload.h"
+#include "KELSharedFunction.h"
 
 KEL_LOG_SOURCE("KELDbusClient", "kel::TCDbusClient")
 
@@ -57,7 +58,7 @@ bool TCDbusClient::SetCallback(int type, const TMessageCallback& handler)
 {
     const TCReadLock state(m_stateMutex);
     const TCWriteLock callbacks(m_callbacksMutex);
-    const bool inserted = m_callbacks.emplace(type, handler).second;
+    const bool inserted = m_callbacks.emplace(type, ShareState(handler)).second;
     KEL_DEBUG("Type %d, result %d", type, inserted);
     if (inserted && m_ready) {
         m_SendHello();

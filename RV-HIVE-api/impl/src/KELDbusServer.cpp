@@ -11,6 +11,7 @@
 #include "KELHandlerGate.h"
 #include "KELLog.h"
 #include "KELPayload.h"
+#include "KELSharedFunction.h"
 
 KEL_LOG_SOURCE("KELDbusServer", "kel::TCDbusServer")
 
@@ -260,7 +261,7 @@ TCDbusServer::~TCDbusServer() { t_Stop(); }
 bool TCDbusServer::SetCallback(int type, const TMessageCallback& callback)
 {
     const TCWriteLock callbacks(m_callbacksMutex);
-    const bool inserted = m_callbacks.emplace(type, callback).second;
+    const bool inserted = m_callbacks.emplace(type, ShareState(callback)).second;
     KEL_DEBUG("Type %d, result %d", type, inserted);
     return inserted;
 }
