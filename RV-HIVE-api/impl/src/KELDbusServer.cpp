@@ -1,8 +1,10 @@
 #include <kel/KELDbusServer.h>
 
 #include <algorithm>
+#include <cstring>
 #include <deque>
 #include <future>
+#include <iterator>
 #include <memory>
 
 #include <boost/bind/bind.hpp>
@@ -49,6 +51,28 @@ void Post(GMainContext* context, GSourceFunc function, gpointer data)
 {
     const TGlibPtr<GSource> source(g_idle_source_new());
     Attach(source.get(), context, function, data);
+}
+
+// Whether the bus has refused a call because too many wait for their replies. It has one error for
+// all its limits, and an application may answer that, too: only the text tells.
+bool IsForPendingReplies(const TCGlibError& error)
+{
+    return error.Is(G_DBUS_ERROR_LIMITS_EXCEEDED)
+           && std::strstr(error.Message(), "maximum number of pending replies") != nullptr;
+}
+
+// False when the bus says that it knows no such name.
+bool IsOnBus(GDBusConnection* connection, const char* name)
+{
+    const TGlibPtr<GVariant> reply(g_dbus_connection_call_sync(
+        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "NameHasOwner", g_variant_new("(s)", name), G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NONE,
+        -1, nullptr, nullptr));
+    gboolean isOwned = TRUE;
+    if (reply != nullptr) {
+        g_variant_get(reply.get(), "(b)", &isOwned);
+    }
+    return isOwned != FALSE;
 }
 
 } // namespace
@@ -439,12 +463,17 @@ void TCDbusServer::m_StartMainLoop()
 
 void TCDbusServer::m_Forget(const std::vector<GDBusProxy*>& gone)
 {
-    if (gone.empty()) {
+    // An application may answer such an error itself, of a call of its own: the bus knows.
+    std::vector<GDBusProxy*> unknown;
+    std::copy_if(gone.begin(), gone.end(), std::back_inserter(unknown), [](GDBusProxy* proxy) {
+        return !IsOnBus(g_dbus_proxy_get_connection(proxy), g_dbus_proxy_get_name(proxy));
+    });
+    if (unknown.empty()) {
         return;
     }
     const TCWriteLock state(m_stateMutex);
     for (auto client = m_clients.begin(); client != m_clients.end();) {
-        if (std::find(gone.begin(), gone.end(), client->second.m_pProxy) != gone.end()) {
+        if (std::find(unknown.begin(), unknown.end(), client->second.m_pProxy) != unknown.end()) {
             m_DestroyClient(client->second);
             client = m_clients.erase(client);
         } else {
@@ -462,7 +491,7 @@ void TCDbusServer::m_AsyncReadyCallback(GObject* source, GAsyncResult* result,
 
     TCGlibError error;
     const TGlibPtr<GVariant> reply(g_dbus_proxy_call_finish(proxy, result, error.Out()));
-    if (error.Is(G_DBUS_ERROR_LIMITS_EXCEEDED) && fanOut.HasTime()) {
+    if (IsForPendingReplies(error) && fanOut.HasTime()) {
         fanOut.Refused(*message);
         return;
     }

@@ -44,6 +44,7 @@ public:
     GError** Out() { return &m_pError; }
     bool IsSet() const { return m_pError != nullptr; }
     int Code() const { return m_pError->code; }
+    const char* Message() const { return m_pError->message; }
 
     /// Whether the bus, or the peer, answered with this error (GDBusError).
     bool Is(GDBusError code) const
