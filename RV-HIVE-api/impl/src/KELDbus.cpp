@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <exception>
+#include <new>
 #include <utility>
 
 #include <boost/bind/bind.hpp>
@@ -42,7 +43,10 @@ GVariant* Pack(const unsigned char* header, size_t headerSize,
                const std::vector<unsigned char>& data)
 {
     const size_t size = headerSize + data.size();
-    unsigned char* const buffer = static_cast<unsigned char*>(g_malloc(size));
+    unsigned char* const buffer = static_cast<unsigned char*>(g_try_malloc(size));
+    if (buffer == nullptr && size != 0) {
+        throw std::bad_alloc(); // g_malloc would end the process, for a payload of any size
+    }
     if (headerSize != 0) {
         std::memcpy(buffer, header, headerSize);
     }
