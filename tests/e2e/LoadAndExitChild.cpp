@@ -184,7 +184,7 @@ int ExitDuringCallback()
         Trace("in the callback");
         inCallback.Raise();
         deactivating.Wait();
-        kel::api::GetControl();
+        Trace(kel::api::GetControl() == nullptr ? "no control object" : "a control object");
         Trace("leaving the callback");
         return true;
     });

@@ -157,8 +157,10 @@ TEST_F(LoadAndExitOnABus, ExitWaitsForARunningCallbackThatAsksForTheControlObjec
     CallBack();
 
     EXPECT_THAT(child.Wait(), Optional(7)) << child.Output() << child.ErrorOutput();
-    EXPECT_THAT(child.Output(),
-                HasSubstr("in the callback\nuser at deactivation\nleaving the callback\n"));
+    EXPECT_THAT(
+        child.Output(),
+        HasSubstr(
+            "in the callback\nuser at deactivation\nno control object\nleaving the callback\n"));
     EXPECT_THAT(child.ErrorOutput(), HasSubstr(kRefused));
 }
 

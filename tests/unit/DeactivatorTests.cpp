@@ -1,4 +1,7 @@
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <future>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -184,6 +187,59 @@ TEST_F(Deactivator, UnregisteringAfterwardsChangesNothing)
 
     EXPECT_EQ(m_deactivator.m_pUser, &m_a);
     EXPECT_THAT(TakeMessages(m_log), IsEmpty());
+}
+
+// A user that takes its time.
+class TCSlowUser : public kel::TIDestroyCallback
+{
+public:
+    void OnDestroy() override
+    {
+        m_entered.set_value();
+        m_leave.get_future().wait();
+        m_told = true;
+    }
+
+    std::promise<void> m_entered;
+    std::promise<void> m_leave;
+    std::atomic<bool> m_told{false};
+};
+
+TEST_F(Deactivator, UnregisteringWaitsForAUserThatIsBeingTold)
+{
+    TCSlowUser user;
+    TCDeactivator::RegisterUser(user);
+    const auto deactivation
+        = std::async(std::launch::async, [this] { m_deactivator.m_Deactivate(); });
+    user.m_entered.get_future().wait();
+
+    auto unregistering = std::async(std::launch::async, [&user] {
+        TCDeactivator::UnregisterUser(user);
+        return user.m_told.load();
+    });
+    EXPECT_EQ(unregistering.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    user.m_leave.set_value();
+
+    EXPECT_TRUE(unregistering.get());
+}
+
+// The function waits for a thread that registers: exit waits for the handlers of other threads.
+TEST_F(Deactivator, NobodyWaitsForTheFunctions)
+{
+    TCDeactivator::RegisterUser(m_a);
+    TCDeactivator::RegisterDBUS([] {
+        std::async(std::launch::async, [] {
+            TCDeactivator::RegisterDBUS(&Function<1>);
+            TCUser user("user");
+            TCDeactivator::RegisterUser(user);
+            TCDeactivator::UnregisterUser(user);
+            events.push_back(kel::api::GetControl() == nullptr ? "none" : "control");
+        }).wait();
+    });
+
+    m_deactivator.m_Deactivate();
+
+    EXPECT_THAT(events, ElementsAre("user a", "none"));
 }
 
 TEST_F(Deactivator, ManyThreadsRegisterOneEntry)

@@ -83,6 +83,9 @@ namespace api {
 boost::shared_ptr<IControl> GetControl()
 {
     TCDeactivator::RegisterDBUS(&TCControlProxy::Destroy);
+    if (TCDeactivator::HasBegun()) {
+        return nullptr; // an object made now would never be ended, and one still there is about to
+    }
     return TCControlProxy::Instance();
 }
 

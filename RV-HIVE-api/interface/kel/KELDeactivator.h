@@ -33,8 +33,12 @@ public:
     static bool RegisterUser(TIDestroyCallback& user);
 
     /// Clears the registered user, whoever that is, on purpose: there is one slot, and whoever
-    /// calls this wants it empty. Without effect after deactivation.
+    /// calls this wants it empty. Without effect after deactivation. The user may go when this
+    /// returns: one that is being told of the deactivation on another thread is waited for.
     static void UnregisterUser(TIDestroyCallback& user);
+
+    /// Whether deactivation has begun. For the library alone, which does not export it.
+    KEL_HIDDEN static bool HasBegun();
 
 private:
     TCDeactivator();
