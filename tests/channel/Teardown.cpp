@@ -268,6 +268,35 @@ TYPED_TEST(Teardown, AHandlerMaySendThroughAnEndOfTheOtherChannel)
     EXPECT_TRUE(other.SetCallback(1, TCDbus::TMessageCallback())) << "nothing stays locked";
 }
 
+/// What a program may make of the base of both ends.
+class BareEnd : public TCDbus
+{
+public:
+    using TCDbus::TCDbus;
+    bool SetCallback(int, const TMessageCallback&) override { return false; }
+    bool UnSetCallback(int) override { return false; }
+    using TCDbus::t_EndHandlers;
+    using TCDbus::t_Start;
+    using TCDbus::t_Stop;
+};
+
+TEST_F(ChannelTest, AnEndThatHasStoppedWithoutEndingItsHandlersIsNotTakenForTheNextInItsPlace)
+{
+    RawPeer peer(m_bus);
+    std::optional<BareEnd> end(std::in_place, false);
+    ASSERT_TRUE(end->t_Start());
+    end->t_Stop();
+
+    end.emplace(false); // at the same address
+    ASSERT_TRUE(end->t_Start());
+    peer.SetTarget(end->GetUniqueName());
+    EXPECT_EQ(peer.Send(SendBytes(1, 0)).m_bytes, TBytes{0});
+    end->t_EndHandlers();
+
+    EXPECT_FALSE(peer.Send(SendBytes(1, 0)).IsOk());
+    end->t_Stop();
+}
+
 TEST_F(ChannelTest, AClientInThePlaceOfTheOneThatItsHandlerDroppedHasItsOwnLocks)
 {
     RawPeer peer(m_bus);

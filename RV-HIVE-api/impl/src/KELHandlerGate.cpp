@@ -39,6 +39,8 @@ TTicket FindTicket(const TCDbus& end)
 TTicket OpenGate(TCDbus& end)
 {
     const std::lock_guard<std::mutex> gate(handlerGate->m_mutex);
+    // Of an end that was there before and has gone without closing its gate.
+    handlerGate->m_open.erase(FindTicket(end));
     const TTicket ticket = ++handlerGate->m_lastTicket;
     handlerGate->m_open[ticket] = &end;
     return ticket;
