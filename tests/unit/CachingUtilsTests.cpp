@@ -144,6 +144,12 @@ TEST_F(CachingUtils, ANumberThatCannotBeReadIsOneErrorLineEachTimeUntilItCan)
     EXPECT_TRUE(TCHtCachingUtils::GetSystemInfoKeyCached(kKey, value));
     EXPECT_EQ(value, 8);
     EXPECT_EQ(m_platform.NumberReads(kKey), 3u);
+
+    m_platform.SetNumber(kKey, 9);
+
+    EXPECT_TRUE(TCHtCachingUtils::GetSystemInfoKeyCached(kKey, value));
+    EXPECT_EQ(value, 8);
+    EXPECT_EQ(m_platform.NumberReads(kKey), 3u);
     EXPECT_EQ(TakeMessages(), TTexts());
 }
 
