@@ -75,6 +75,7 @@ TEST_F(CallbacksProxy, AFunctionKeepsItsStateFromEventToEvent)
         m_agent.Send(SendBytes(type, 0));
     }
 
+    m_loop.Settle();
     EXPECT_EQ(counts, (std::vector<int>{1, 11, 2, 12}));
 }
 
