@@ -64,8 +64,8 @@ TEST_F(Activation, AnAgentThatWentAwayIsStartedAgainAndGreetedAgain)
     const std::string vanished = std::string("Name vanished - name ") + kBusName;
     ASSERT_TRUE(m_log.WaitFor(vanished)); // there was none before the first
     ASSERT_TRUE(m_client.SendMessage(kDieAfter, {}, m_response, false)) << m_log.Text();
-    // Not ready is also what a client is that has not seen the agent yet, and that one would
-    // send to the agent that is no more.
+    // Readiness does not tell: a client that has not seen the agent yet is not ready either, and
+    // its next message would go to the agent that is no more.
     ASSERT_TRUE(m_log.WaitFor(vanished, 2)) << m_log.Text();
     m_loop.Settle();
     m_client.SetCallback(3, Accept);
