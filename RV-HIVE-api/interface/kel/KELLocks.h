@@ -21,10 +21,28 @@
 #define KEL_EXCLUDES(...) KEL_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
 #define KEL_ACQUIRE(...) KEL_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define KEL_ACQUIRE_SHARED(...) KEL_THREAD_ATTRIBUTE(acquire_shared_capability(__VA_ARGS__))
+#define KEL_TRY_ACQUIRE(...) KEL_THREAD_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
 #define KEL_RELEASE() KEL_THREAD_ATTRIBUTE(release_generic_capability())
 #define KEL_NO_THREAD_SAFETY_ANALYSIS KEL_THREAD_ATTRIBUTE(no_thread_safety_analysis)
 
 namespace kel {
+
+/// A plain mutex that needs no construction and no destruction: a static one may be used before,
+/// during and after the static life of the library. Not recursive.
+class KEL_CAPABILITY("mutex") TCMutex
+{
+public:
+    constexpr TCMutex() = default;
+    TCMutex(const TCMutex&) = delete;
+    TCMutex& operator=(const TCMutex&) = delete;
+
+    void lock() KEL_ACQUIRE() { pthread_mutex_lock(&m_lock); }
+    bool try_lock() KEL_TRY_ACQUIRE(true) { return pthread_mutex_trylock(&m_lock) == 0; }
+    void unlock() KEL_RELEASE() { pthread_mutex_unlock(&m_lock); }
+
+private:
+    pthread_mutex_t m_lock = PTHREAD_MUTEX_INITIALIZER;
+};
 
 /// A boost::shared_mutex that the compiler's lock checks know by name.
 ///
@@ -86,6 +104,7 @@ private:
     Mutex& m_mutex;
 };
 
+using TCLock = TCExclusiveScope<TCMutex>;
 using TCReadLock = TCSharedScope<TCSharedMutex>;
 using TCWriteLock = TCExclusiveScope<TCSharedMutex>;
 using TCStaticReadLock = TCSharedScope<TCStaticRwLock>;
