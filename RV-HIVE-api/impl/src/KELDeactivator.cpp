@@ -1,6 +1,7 @@
 #include <kel/KELDeactivator.h>
 
 #include <chrono>
+#include <mutex>
 #include <thread>
 
 #include "KELLog.h"
@@ -9,27 +10,17 @@ KEL_LOG_SOURCE("KELDeactivator", "kel::TCDeactivator")
 
 namespace kel {
 
-std::mutex TCDeactivator::m_mutex;
+TCMutex TCDeactivator::m_mutex;
 std::atomic<bool> TCDeactivator::m_destroyed(false);
 
 namespace {
 
-// Held while the user is told, which may call back. It has no destructor to run, either.
-std::recursive_mutex userMutex;
-
-// Takes the registrations' mutex unless deactivation has begun. That one keeps it while it waits
-// for the handlers that other threads run, and one of those may be here, asking for the control
-// object: it gets the refusal that it would get after the wait.
-bool LockUnless(const std::atomic<bool>& destroyed, std::unique_lock<std::mutex>& registrations)
+class KEL_CAPABILITY("mutex") TCRecursiveMutex : public std::recursive_mutex
 {
-    while (!destroyed) {
-        if (registrations.try_lock()) {
-            return !destroyed;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1)); // a registration takes no longer
-    }
-    return false;
-}
+};
+
+// Held while the user is told, which may call back. It has no destructor to run, either.
+TCRecursiveMutex userMutex;
 
 } // namespace
 
@@ -39,10 +30,14 @@ TCDeactivator::~TCDeactivator() { m_Deactivate(); }
 
 void TCDeactivator::RegisterDBUS(void (*fn)())
 {
-    std::unique_lock<std::mutex> registrations(m_mutex, std::defer_lock);
-    if (!LockUnless(m_destroyed, registrations)) {
+    std::set<void (*)()> fresh{fn};
+    if (!m_LockUnlessBegun()) {
         KEL_ERROR("Unable to register user callback - already destroyed");
-    } else if (m_instance.m_functions.insert(fn).second) {
+        return;
+    }
+    const TCLock registrations(m_mutex, std::adopt_lock);
+    m_instance.m_functions.merge(fresh);
+    if (fresh.empty()) {
         KEL_DEBUG("Register a new DBUS callback");
     } else {
         KEL_DEBUG("DBUS callback already registered");
@@ -51,9 +46,9 @@ void TCDeactivator::RegisterDBUS(void (*fn)())
 
 bool TCDeactivator::RegisterUser(TIDestroyCallback& user)
 {
-    {
-        std::unique_lock<std::mutex> registrations(m_mutex, std::defer_lock);
-        if (LockUnless(m_destroyed, registrations) && m_instance.m_pUser == nullptr) {
+    if (m_LockUnlessBegun()) {
+        const TCLock registrations(m_mutex, std::adopt_lock);
+        if (m_instance.m_pUser == nullptr) {
             m_instance.m_pUser = &user;
             return true;
         }
@@ -64,12 +59,12 @@ bool TCDeactivator::RegisterUser(TIDestroyCallback& user)
 
 void TCDeactivator::UnregisterUser(TIDestroyCallback&)
 {
-    std::unique_lock<std::mutex> registrations(m_mutex, std::defer_lock);
-    if (LockUnless(m_destroyed, registrations)) {
+    if (m_LockUnlessBegun()) {
+        const TCLock registrations(m_mutex, std::adopt_lock);
         m_instance.m_pUser = nullptr;
     } else {
         // Who has unregistered may go: not while it is being told.
-        const std::lock_guard<std::recursive_mutex> told(userMutex);
+        const TCExclusiveScope<TCRecursiveMutex> told(userMutex);
     }
 }
 
@@ -77,12 +72,12 @@ bool TCDeactivator::HasBegun() { return m_destroyed; }
 
 void TCDeactivator::m_Deactivate()
 {
-    const std::lock_guard<std::mutex> registrations(m_mutex);
+    const TCLock registrations(m_mutex);
     if (m_destroyed) {
         return;
     }
     {
-        const std::lock_guard<std::recursive_mutex> telling(userMutex);
+        const TCExclusiveScope<TCRecursiveMutex> telling(userMutex);
         m_destroyed = true;
         if (m_pUser != nullptr) {
             m_pUser->OnDestroy();
@@ -91,6 +86,24 @@ void TCDeactivator::m_Deactivate()
     for (void (*fn)() : m_functions) {
         fn();
     }
+}
+
+// Deactivation keeps the mutex while it waits for the handlers that other threads run, and one of
+// those may be here, asking for the control object. It does not wait for the mutex: it gets the
+// refusal that it would get after the wait.
+bool TCDeactivator::m_LockUnlessBegun()
+{
+    while (!m_destroyed) {
+        if (m_mutex.try_lock()) {
+            if (!m_destroyed) {
+                return true;
+            }
+            m_mutex.unlock();
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1)); // a registration takes no longer
+    }
+    return false;
 }
 
 } // namespace kel

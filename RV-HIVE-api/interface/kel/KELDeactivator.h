@@ -1,10 +1,10 @@
 #pragma once
 
 #include <atomic>
-#include <mutex>
 #include <set>
 
 #include <kel/KELExport.h>
+#include <kel/KELLocks.h>
 #include <kel/TIDestroyCallback.h>
 
 namespace kel {
@@ -47,14 +47,17 @@ private:
 
     void m_Deactivate();
 
-    TIDestroyCallback* m_pUser;       // not owned; guarded by m_mutex
-    std::set<void (*)()> m_functions; // guarded by m_mutex
+    // Locks m_mutex unless deactivation has begun.
+    KEL_HIDDEN static bool m_LockUnlessBegun() KEL_TRY_ACQUIRE(true, m_mutex);
+
+    TIDestroyCallback* m_pUser KEL_GUARDED_BY(m_mutex); // not owned
+    std::set<void (*)()> m_functions KEL_GUARDED_BY(m_mutex);
 
     static TCDeactivator m_instance;
 
     // Neither has a destructor to run, so both serve threads that are still at work when the
     // static objects are gone.
-    static std::mutex m_mutex;
+    static TCMutex m_mutex;
     static std::atomic<bool> m_destroyed; // written under m_mutex, never cleared
 };
 

@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 
+#include <mutex>
+
 #include <boost/thread/shared_mutex.hpp>
 
 // Locks that clang's -Wthread-safety understands. Other compilers see plain locks.
@@ -16,6 +18,7 @@
 #define KEL_CAPABILITY(name) KEL_THREAD_ATTRIBUTE(capability(name))
 #define KEL_SCOPED_CAPABILITY KEL_THREAD_ATTRIBUTE(scoped_lockable)
 #define KEL_GUARDED_BY(mutex) KEL_THREAD_ATTRIBUTE(guarded_by(mutex))
+#define KEL_PT_GUARDED_BY(mutex) KEL_THREAD_ATTRIBUTE(pt_guarded_by(mutex))
 #define KEL_REQUIRES(...) KEL_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define KEL_REQUIRES_SHARED(...) KEL_THREAD_ATTRIBUTE(requires_shared_capability(__VA_ARGS__))
 #define KEL_EXCLUDES(...) KEL_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
@@ -96,6 +99,8 @@ public:
     {
         m_mutex.lock();
     }
+    /// Takes over a mutex that is locked already.
+    TCExclusiveScope(Mutex& mutex, std::adopt_lock_t) KEL_REQUIRES(mutex) : m_mutex(mutex) {}
     ~TCExclusiveScope() KEL_RELEASE() KEL_NO_THREAD_SAFETY_ANALYSIS { m_mutex.unlock(); }
     TCExclusiveScope(const TCExclusiveScope&) = delete;
     TCExclusiveScope& operator=(const TCExclusiveScope&) = delete;
