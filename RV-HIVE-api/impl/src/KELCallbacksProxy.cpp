@@ -1,7 +1,5 @@
 #include <kel/KELCallbacksProxy.h>
 
-#include <mutex>
-
 #include <boost/bind/bind.hpp>
 
 #include <kel/KELDbusClient.h>
@@ -23,7 +21,19 @@ constexpr unsigned int kNoClient = 34;
 // Makes a set or a reset one step to the others. They cannot hold m_rwlock while the client changes
 // its table: that waits for the client's callbacks mutex, which a running event holds while it
 // waits for m_rwlock, and neither would ever go on. No event takes this one.
-std::mutex operationMutex;
+TCMutex operationMutex;
+
+// Stands in for an empty function that the application has set: the type is taken, and nobody is
+// called.
+struct TSNobody
+{
+    bool operator()() const { return false; }
+};
+
+template <typename Function> bool IsCallable(const Function& function)
+{
+    return !function.empty() && function.template target<TSNobody>() == nullptr;
+}
 
 } // namespace
 
@@ -69,15 +79,18 @@ void TCCallbacksProxy::Destroy() { TSSingletonLife<TCCallbacksProxy>::Destroy();
 template <typename Function>
 bool TCCallbacksProxy::m_Set(int type, Function TCCallbacksProxy::*pMember, const Function& cb)
 {
-    Function refused; // destroyed when no lock is held: what it holds is the application's
-    const std::lock_guard<std::mutex> operation(operationMutex);
+    // Copied and destroyed when no lock is held: what it holds is the application's.
+    const Function shared = cb.empty() ? Function(TSNobody()) : ShareState(cb);
+    Function refused;
+    const TCLock operation(operationMutex);
     {
-        // Before the client knows the type: its first event must find the function.
+        // Before the client knows the type: its first event must find the function. A set that the
+        // client is going to refuse comes no further than this.
         const TCStaticWriteLock lock(m_rwlock);
         if (!(this->*pMember).empty()) {
             return false;
         }
-        this->*pMember = ShareState(cb);
+        this->*pMember = shared;
     }
     try {
         if (m_pClient->SetCallback(
@@ -96,7 +109,7 @@ template <typename Function>
 bool TCCallbacksProxy::m_Reset(int type, Function TCCallbacksProxy::*pMember)
 {
     Function cleared; // destroyed when no lock is held: what it holds is the application's
-    const std::lock_guard<std::mutex> operation(operationMutex);
+    const TCLock operation(operationMutex);
     const bool removed = m_pClient->UnSetCallback(type);
     m_Clear(pMember, cleared);
     return removed;
@@ -127,13 +140,13 @@ bool TCCallbacksProxy::m_OnCallback(int type, const std::vector<unsigned char>&,
     const boost::function<bool()> requestProcessInfo = m_requestProcessInfoCb;
     switch (type) {
     case POLICY_UPDATE:
-        if (policyUpdate.empty()) {
+        if (!IsCallable(policyUpdate)) {
             return false;
         }
         policyUpdate();
         return true;
     case REQUEST_PROCESS_INFO:
-        if (requestProcessInfo.empty()) {
+        if (!IsCallable(requestProcessInfo)) {
             KEL_ERROR("m_requestProcessInfoCb is NULL");
             return false;
         }
