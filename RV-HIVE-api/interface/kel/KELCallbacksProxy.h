@@ -34,7 +34,9 @@ public:
     static boost::shared_ptr<ICallbacks> Instance();
 
     /// Ends the singleton for good. Who holds it keeps a working object. Nothing in the library
-    /// calls this: register it with TCDeactivator::RegisterDBUS() to have it called at exit.
+    /// calls this: register it with TCDeactivator::RegisterDBUS() to have it called at exit. A
+    /// program that loads the library itself (dlopen) ends it before it closes the library, or
+    /// events go on to reach the program's functions: the library stays loaded for them.
     static void Destroy();
 
 private:
@@ -58,7 +60,7 @@ private:
 
     boost::function<void()> m_policyUpdateCb KEL_GUARDED_BY(m_rwlock);
     boost::function<bool()> m_requestProcessInfoCb KEL_GUARDED_BY(m_rwlock);
-    boost::shared_ptr<IDbusClient> m_pClient;
+    boost::shared_ptr<IDbusClient> m_pClient; // set by the constructor, and constant from then on
 
     // The holder is never freed, like that of the control object.
     static boost::shared_ptr<ICallbacks>* m_pInstance KEL_GUARDED_BY(m_rwlock);

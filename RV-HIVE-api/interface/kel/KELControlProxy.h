@@ -31,7 +31,7 @@ private:
 
     TCControlProxy();
 
-    boost::shared_ptr<IDbusClient> m_pClient;
+    boost::shared_ptr<IDbusClient> m_pClient; // set by the constructor, and constant from then on
 
     // The holder is never freed: Destroy() runs at process exit and must find it.
     static boost::shared_ptr<IControl>* m_pInstance KEL_GUARDED_BY(m_rwlock);
