@@ -1,5 +1,6 @@
 #include <kel/KELDbus.h>
 
+#include <cstdio>
 #include <cstring>
 #include <exception>
 #include <new>
@@ -8,6 +9,7 @@
 #include <boost/bind/bind.hpp>
 
 #include "KELGlib.h"
+#include "KELGlibEntry.h"
 #include "KELHandlerGate.h"
 #include "KELLog.h"
 #include "KELPayload.h"
@@ -23,19 +25,6 @@ namespace {
 
 constexpr unsigned int kShortRequest = 283;
 constexpr unsigned int kEmptyReply = 304;
-
-// The value's bytes where they are; none when it is not a "(ay)".
-std::pair<const unsigned char*, size_t> BytesOf(GVariant* value)
-{
-    if (value == nullptr || !g_variant_is_of_type(value, G_VARIANT_TYPE("(ay)"))) {
-        return {nullptr, 0};
-    }
-    // The tuple keeps the array's memory alive.
-    const TGlibPtr<GVariant> array(g_variant_get_child_value(value, 0));
-    gsize size = 0;
-    const void* bytes = g_variant_get_fixed_array(array.get(), &size, 1);
-    return {static_cast<const unsigned char*>(bytes), size};
-}
 
 // A floating "(ay)" of a header and data, in one buffer that the value adopts. Adding the elements
 // one by one gives the same value, a hundred times slower.
@@ -68,21 +57,63 @@ GVariant* PackReply(bool result, const std::vector<unsigned char>& data)
 bool RunCallback(const TCDbus::TMessageCallback& callback, int type,
                  const std::vector<unsigned char>& request, std::vector<unsigned char>& response)
 {
-    try {
-        return callback(request, response);
-    } catch (const std::exception& error) {
-        KEL_ERROR("Callback for type %d has thrown: %s", type, error.what());
-    } catch (...) {
-        if (std::current_exception() == nullptr) {
-            throw; // not C++'s: the thread is being cancelled, which must go on
-        }
-        KEL_ERROR("Callback for type %d has thrown", type);
+    char what[sizeof("Callback for type -2147483648")];
+    snprintf(what, sizeof(what), "Callback for type %d", type);
+    bool result = false;
+    if (!RunGuarded(what, [&] { result = callback(request, response); })) {
+        response.clear();
     }
-    response.clear();
-    return false;
+    return result;
 }
 
 } // namespace
+
+void ReportException(const char* what)
+{
+    try {
+        throw;
+    } catch (const std::exception& error) {
+        KEL_ERROR("%s has thrown: %s", what, error.what());
+    } catch (...) {
+        if (std::current_exception() == nullptr) {
+            throw;
+        }
+        KEL_ERROR("%s has thrown", what);
+    }
+}
+
+// Notes for a scope whose message is being handled. A callback that iterates the main context
+// handles another peer's message inside; its own is the current one again after that.
+struct TCDbus::TSCurrentMessage
+{
+    TSCurrentMessage(TCDbus& end, const char* sender, bool async)
+        : m_end(end), m_sender(sender != nullptr ? sender : "")
+    {
+        const TCLock message(m_messageMutex);
+        m_end.m_currentSender.swap(m_sender); // and keeps the outer one
+        m_outerAsync = std::exchange(m_end.m_currentAsync, async);
+    }
+    ~TSCurrentMessage()
+    {
+        if (m_ended) {
+            return;
+        }
+        const TCLock message(m_messageMutex);
+        m_end.m_currentSender.swap(m_sender);
+        if (!m_end.m_currentSender.empty()) {
+            m_end.m_currentAsync = m_outerAsync;
+        }
+    }
+    TSCurrentMessage(const TSCurrentMessage&) = delete;
+    TSCurrentMessage& operator=(const TSCurrentMessage&) = delete;
+
+    bool m_ended = false; // the end is gone, and its fields with it
+
+private:
+    TCDbus& m_end;
+    std::string m_sender;
+    bool m_outerAsync;
+};
 
 // GLib's way in: resolves the ticket that GLib was given in place of the object.
 struct TCDbus::TSGlibEntry
@@ -91,6 +122,8 @@ struct TCDbus::TSGlibEntry
                            const char* interfaceName, const char* methodName, GVariant* parameters,
                            GDBusMethodInvocation* invocation, void* ticket);
 };
+
+TCMutex TCDbus::m_messageMutex;
 
 const char* const TCDbus::t_interfaceName = "com.norvale.kel.IControl";
 const char* const TCDbus::t_dbusSendMethod = "Send";
@@ -159,14 +192,24 @@ bool TCDbus::t_Start()
 
 void TCDbus::t_Stop()
 {
-    if (m_registrationId != 0) {
-        g_dbus_connection_unregister_object(m_pConnection, m_registrationId);
-    }
+    m_LeavePath();
     ReleaseMember(m_pNodeInfo);
     ReleaseMember(m_pConnection);
 }
 
-void TCDbus::t_EndHandlers() { CloseGate(*this); }
+void TCDbus::t_EndHandlers()
+{
+    m_LeavePath(); // before the wait, so that nobody who makes the next end waits for it
+    CloseGate(*this);
+}
+
+void TCDbus::m_LeavePath()
+{
+    const unsigned int registrationId = std::exchange(m_registrationId, 0);
+    if (registrationId != 0) {
+        g_dbus_connection_unregister_object(m_pConnection, registrationId);
+    }
+}
 
 void TCDbus::t_SetDbusCallback(const char* method, const TMethodHandler& handler)
 {
@@ -226,20 +269,16 @@ void TCDbus::t_ConvertBytes(GVariant* in, bool& result, std::vector<unsigned cha
 void TCDbus::m_HandleMessage(const char* sender, GVariant* parameters,
                              GDBusMethodInvocation* invocation)
 {
+    TCPendingCall call(invocation);
     int type = 0;
     bool flag = false;
     std::vector<unsigned char> request;
     t_ConvertBytes(parameters, type, flag, request);
-    {
-        const TCWriteLock state(m_stateMutex);
-        m_currentAsync = Truth(flag);
-        m_currentSender = sender != nullptr ? sender : "";
-    }
 
     TMessageCallback callback; // a copy, which outlives the table when it drops this end
     std::vector<unsigned char> response;
     bool result = false;
-    bool ended = false;
+    TSCurrentMessage current(*this, sender, Truth(flag));
     {
         const TCCallbackHold callbacks(*this, m_callbacksMutex);
         const auto found = m_callbacks.find(type);
@@ -249,17 +288,20 @@ void TCDbus::m_HandleMessage(const char* sender, GVariant* parameters,
         } else {
             KEL_DEBUG("Callback for type %d is not registered", type);
         }
-        ended = callbacks.HasEnded();
-        if (!ended) {
+        current.m_ended = callbacks.HasEnded();
+        if (!current.m_ended) {
             callback.clear(); // while it is in the table: whoever removes it there destroys it
         }
     }
-    g_dbus_method_invocation_return_value(invocation, PackReply(result, response));
 
-    if (!ended) {
-        const TCWriteLock state(m_stateMutex);
-        m_currentSender.clear();
+    const size_t size
+        = MessageSize({sender != nullptr ? sender : ""}, true, kReplyHeaderSize + response.size());
+    if (size > kBusMessageLimit) {
+        KEL_ERROR("Unable to answer with %zu bytes, the bus takes %zu", size, kBusMessageLimit);
+        call.Fail(G_DBUS_ERROR_LIMITS_EXCEEDED, "The answer is larger than the bus takes");
+        return;
     }
+    call.Return(PackReply(result, response));
 }
 
 void TCDbus::m_HandleMethodCall(GDBusConnection* connection, const char* sender,
@@ -267,7 +309,7 @@ void TCDbus::m_HandleMethodCall(GDBusConnection* connection, const char* sender,
                                 GVariant* parameters, GDBusMethodInvocation* invocation,
                                 void* userData)
 {
-    TGlibPtr<GDBusMethodInvocation> call(invocation); // dropped unanswered unless passed on
+    TCPendingCall call(invocation); // dropped unanswered unless passed on
     TCDbus* const pEnd = static_cast<TCDbus*>(userData);
 
     if (connection == nullptr || pEnd == nullptr) {
@@ -281,13 +323,16 @@ void TCDbus::m_HandleMethodCall(GDBusConnection* connection, const char* sender,
     const auto handler = pEnd->m_methodHandlers.find(methodName);
     if (handler == pEnd->m_methodHandlers.end()) {
         KEL_DEBUG("No message handler for %s", methodName);
-        g_dbus_method_invocation_return_value(call.release(), nullptr);
+        call.Return(nullptr);
         return;
     }
     KEL_DEBUG("->Invoke message handler %s", methodName);
 
     const TMethodHandler run = handler->second; // a copy: the handler may drop this end
-    run(sender, parameters, run.empty() ? call.get() : call.release()); // an empty one throws
+    if (run.empty()) {
+        call.Drop(); // calling it throws, and nobody takes the call
+    }
+    run(sender, parameters, call.Release());
 }
 
 void TCDbus::TSGlibEntry::MethodCall(GDBusConnection* connection, const char* sender,
@@ -302,8 +347,10 @@ void TCDbus::TSGlibEntry::MethodCall(GDBusConnection* connection, const char* se
                                               "No such object %s", objectPath);
         return;
     }
-    m_interfaceVtable.method_call(connection, sender, objectPath, interfaceName, methodName,
-                                  parameters, invocation, stay.End());
+    RunGuarded("A call's handler", [&] {
+        m_interfaceVtable.method_call(connection, sender, objectPath, interfaceName, methodName,
+                                      parameters, invocation, stay.End());
+    });
 }
 
 } // namespace kel

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <cstddef>
+#include <exception>
 #include <memory>
+#include <utility>
 
 #include <gio/gio.h>
 
@@ -55,5 +58,57 @@ public:
 private:
     GError* m_pError = nullptr;
 };
+
+/// Owns a method call that waits for its answer. One that goes unanswered is dropped; one that an
+/// exception carries away is answered with NoMemory, for nothing but a shortage throws where calls
+/// are handled.
+class TCPendingCall
+{
+public:
+    explicit TCPendingCall(GDBusMethodInvocation* invocation)
+        : m_call(invocation), m_exceptions(std::uncaught_exceptions())
+    {}
+    ~TCPendingCall()
+    {
+        if (m_call != nullptr && std::uncaught_exceptions() > m_exceptions) {
+            Fail(G_DBUS_ERROR_NO_MEMORY, "No memory to handle the call");
+        }
+    }
+    TCPendingCall(const TCPendingCall&) = delete;
+    TCPendingCall& operator=(const TCPendingCall&) = delete;
+
+    /// Hands the call over to whoever answers it.
+    GDBusMethodInvocation* Release() { return m_call.release(); }
+    /// Drops the call unanswered.
+    void Drop() { m_call.reset(); }
+    /// Answers with a floating value, or with none.
+    void Return(GVariant* floating)
+    {
+        g_dbus_method_invocation_return_value(m_call.release(), floating);
+    }
+    void Fail(GDBusError code, const char* message)
+    {
+        g_dbus_method_invocation_return_error_literal(m_call.release(), G_DBUS_ERROR, code,
+                                                      message);
+    }
+
+private:
+    TGlibPtr<GDBusMethodInvocation> m_call;
+    const int m_exceptions;
+};
+
+/// The bytes of a "(ay)" value where they are, as long as the value lives; none when it is of
+/// another type.
+inline std::pair<const unsigned char*, size_t> BytesOf(GVariant* value)
+{
+    if (value == nullptr || !g_variant_is_of_type(value, G_VARIANT_TYPE("(ay)"))) {
+        return {nullptr, 0};
+    }
+    // The tuple keeps the array's memory alive.
+    const TGlibPtr<GVariant> array(g_variant_get_child_value(value, 0));
+    gsize size = 0;
+    const void* bytes = g_variant_get_fixed_array(array.get(), &size, 1);
+    return {static_cast<const unsigned char*>(bytes), size};
+}
 
 } // namespace kel

@@ -2,19 +2,23 @@
 
 #include <condition_variable>
 #include <map>
-#include <mutex>
 
 namespace kel {
 
 struct TSHandlerGate
 {
-    std::mutex m_mutex;
-    std::condition_variable m_left; // signalled whenever a handler leaves
+    // One start of one end.
+    struct TSPlace
+    {
+        TCDbus* m_pEnd;        // null once the gate has closed
+        unsigned int m_inside; // how many handlers, on all threads
+    };
 
-    // All guarded by m_mutex.
-    TTicket m_lastTicket = 0;
-    std::map<TTicket, TCDbus*> m_open;
-    std::map<TTicket, unsigned int> m_inside; // how many handlers, on all threads
+    TCMutex m_mutex;
+    std::condition_variable_any m_left; // signalled whenever a handler leaves
+
+    TTicket m_lastTicket KEL_GUARDED_BY(m_mutex) = 0;
+    std::map<TTicket, TSPlace> m_places KEL_GUARDED_BY(m_mutex);
 };
 
 TSHandlerGate* MakeHandlerGate() { return new TSHandlerGate; }
@@ -24,31 +28,50 @@ namespace {
 thread_local TCHandlerStay* innermostStay = nullptr;
 thread_local TCCallbackHold* innermostHold = nullptr;
 
-TTicket FindTicket(const TCDbus& end)
+TTicket FindTicket(const TCDbus& end) KEL_REQUIRES(handlerGate->m_mutex)
 {
-    for (const auto& [ticket, pEnd] : handlerGate->m_open) {
-        if (pEnd == &end) {
+    for (const auto& [ticket, place] : handlerGate->m_places) {
+        if (place.m_pEnd == &end) {
             return ticket;
         }
     }
     return 0;
 }
 
+// Turns away whoever comes with the ticket. The place stays as long as somebody is inside.
+void Close(TTicket ticket) KEL_REQUIRES(handlerGate->m_mutex)
+{
+    const auto place = handlerGate->m_places.find(ticket);
+    if (place == handlerGate->m_places.end()) {
+        return;
+    }
+    if (place->second.m_inside == 0) {
+        handlerGate->m_places.erase(place);
+    } else {
+        place->second.m_pEnd = nullptr;
+    }
+}
+
+unsigned int CountInside(TTicket ticket) KEL_REQUIRES(handlerGate->m_mutex)
+{
+    const auto place = handlerGate->m_places.find(ticket);
+    return place == handlerGate->m_places.end() ? 0 : place->second.m_inside;
+}
+
 } // namespace
 
 TTicket OpenGate(TCDbus& end)
 {
-    const std::lock_guard<std::mutex> gate(handlerGate->m_mutex);
-    // Of an end that was there before and has gone without closing its gate.
-    handlerGate->m_open.erase(FindTicket(end));
+    const TCLock gate(handlerGate->m_mutex);
+    Close(FindTicket(end)); // of an end that was there before and has gone without closing its gate
     const TTicket ticket = ++handlerGate->m_lastTicket;
-    handlerGate->m_open[ticket] = &end;
+    handlerGate->m_places[ticket] = {&end, 0};
     return ticket;
 }
 
 TTicket TicketOf(const TCDbus& end)
 {
-    const std::lock_guard<std::mutex> gate(handlerGate->m_mutex);
+    const TCLock gate(handlerGate->m_mutex);
     return FindTicket(end);
 }
 
@@ -60,28 +83,27 @@ void CloseGate(const TCDbus& end)
         }
     }
 
-    std::unique_lock<std::mutex> gate(handlerGate->m_mutex);
+    const TCLock gate(handlerGate->m_mutex);
     const TTicket ticket = FindTicket(end);
-    handlerGate->m_open.erase(ticket);
+    Close(ticket);
 
     unsigned int own = 0;
     for (const TCHandlerStay* stay = innermostStay; stay != nullptr; stay = stay->m_pOuter) {
         own += stay->m_ticket == ticket ? 1 : 0;
     }
-    handlerGate->m_left.wait(gate, [ticket, own] {
-        const auto inside = handlerGate->m_inside.find(ticket);
-        return inside == handlerGate->m_inside.end() || inside->second == own;
-    });
+    while (CountInside(ticket) != own) {
+        handlerGate->m_left.wait(handlerGate->m_mutex);
+    }
 }
 
 TCHandlerStay::TCHandlerStay(void* ticket)
     : m_ticket(reinterpret_cast<TTicket>(ticket)), m_pEnd(nullptr), m_pOuter(innermostStay)
 {
-    const std::lock_guard<std::mutex> gate(handlerGate->m_mutex);
-    const auto open = handlerGate->m_open.find(m_ticket);
-    if (open != handlerGate->m_open.end()) {
-        m_pEnd = open->second;
-        ++handlerGate->m_inside[m_ticket];
+    const TCLock gate(handlerGate->m_mutex);
+    const auto place = handlerGate->m_places.find(m_ticket);
+    if (place != handlerGate->m_places.end() && place->second.m_pEnd != nullptr) {
+        m_pEnd = place->second.m_pEnd;
+        ++place->second.m_inside;
         innermostStay = this;
     }
 }
@@ -93,10 +115,10 @@ TCHandlerStay::~TCHandlerStay()
     }
     innermostStay = m_pOuter;
 
-    const std::lock_guard<std::mutex> gate(handlerGate->m_mutex);
-    const auto inside = handlerGate->m_inside.find(m_ticket);
-    if (--inside->second == 0) {
-        handlerGate->m_inside.erase(inside);
+    const TCLock gate(handlerGate->m_mutex);
+    const auto place = handlerGate->m_places.find(m_ticket);
+    if (--place->second.m_inside == 0 && place->second.m_pEnd == nullptr) {
+        handlerGate->m_places.erase(place);
     }
     handlerGate->m_left.notify_all();
 }

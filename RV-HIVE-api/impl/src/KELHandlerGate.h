@@ -55,7 +55,8 @@ private:
 inline void* AsUserData(TTicket ticket) { return reinterpret_cast<void*>(ticket); }
 
 /// Holds an end's callbacks mutex shared while a message callback of the application runs, which
-/// may destroy the end, the mutex with it.
+/// may destroy the end, the mutex with it. Inside such a callback, which may send or iterate its
+/// main context, the same thread may hold it once more.
 class KEL_SCOPED_CAPABILITY TCCallbackHold
 {
 public:

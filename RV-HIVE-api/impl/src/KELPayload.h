@@ -13,7 +13,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <set>
+#include <string_view>
 #include <vector>
 
 namespace kel {
@@ -44,6 +46,34 @@ inline std::set<int> ReadTypes(const std::vector<unsigned char>& bytes)
         types.insert(types.end(), type); // a hint: our own clients send them in ascending order
     }
     return types;
+}
+
+/// The largest message, header included, that a stock system bus takes: max_message_size in
+/// dbus-daemon(1) and in the defaults of a bus of type "system". It disconnects who sends a larger
+/// one, and the process ends with its connection. What to do on a bus with another limit:
+/// docs/porting.md.
+constexpr size_t kBusMessageLimit = 32 * 1024 * 1024;
+
+/// The size of a message on the bus, by the D-Bus Specification's "Marshaling" and "Message
+/// Format": 16 bytes, the header's fields, each padded to 8 bytes, and the body, which is one
+/// array of bytes.
+///
+/// @param names   the object path and names in the header, the destination among them.
+/// @param serial  whether there is the number of the call that a reply is for.
+/// @param bytes   how many bytes the array holds.
+inline size_t MessageSize(std::initializer_list<std::string_view> names, bool serial, size_t bytes)
+{
+    constexpr size_t kFixed = 16;
+    constexpr size_t kNumberField = 8;    // code, signature "u", the number
+    constexpr size_t kSignatureField = 8; // code, signature "g", the signature "ay"
+    constexpr size_t kNameOverhead = 9;   // code, signature "s", length, NUL
+    constexpr size_t kArrayLength = 4;
+
+    size_t size = kFixed + kSignatureField + (serial ? kNumberField : 0);
+    for (const std::string_view name : names) {
+        size += (kNameOverhead + name.size() + 7) / 8 * 8;
+    }
+    return size + kArrayLength + bytes;
 }
 
 } // namespace kel

@@ -60,8 +60,9 @@ protected:
     /// Undoes t_Start(). Runs once per start, after t_EndHandlers().
     void t_Stop() KEL_REQUIRES(m_stateMutex);
 
-    /// Turns away the handlers still queued and waits for the ones that other threads run. The
-    /// first step of every stop, without any lock: the handlers it waits for take them.
+    /// Gives up the object path, turns away the handlers still queued, and waits for the ones that
+    /// other threads run. The first step of every stop, without any lock: the handlers it waits
+    /// for take them.
     void t_EndHandlers() KEL_EXCLUDES(m_stateMutex, m_callbacksMutex);
 
     /// Sets the handler of a D-Bus method, in place of the one it had. Takes no lock: call it
@@ -112,19 +113,24 @@ protected:
     std::string m_uniqueName KEL_GUARDED_BY(m_stateMutex);
     bool m_ready KEL_GUARDED_BY(m_stateMutex);
 
+    typedef std::map<int, TMessageCallback> TCallbacks;
     TCSharedMutex m_callbacksMutex;
-    std::map<int, TMessageCallback> m_callbacks KEL_GUARDED_BY(m_callbacksMutex);
+    TCallbacks m_callbacks KEL_GUARDED_BY(m_callbacksMutex);
 
     TCSharedMutex m_stateMutex;
     TCSharedMutex m_startStopMutex; // for the client's start and stop
 
     // The peer whose "Send" is being handled, empty otherwise, and that message's async flag.
-    std::string m_currentSender KEL_GUARDED_BY(m_stateMutex);
-    bool m_currentAsync KEL_GUARDED_BY(m_stateMutex);
+    std::string m_currentSender KEL_GUARDED_BY(m_messageMutex);
+    bool m_currentAsync KEL_GUARDED_BY(m_messageMutex);
+
+    // One for all ends, held for a swap or a copy. It is not the state mutex: a synchronous send
+    // holds that one for as long as it waits, and an event would wait behind it.
+    KEL_HIDDEN static TCMutex m_messageMutex;
 
     // Taken by t_Start, released by t_Stop.
     GDBusNodeInfo* m_pNodeInfo;
-    unsigned int m_registrationId;
+    unsigned int m_registrationId; // 0 when the object path has been given up
 
     // Filled before the object is exported, constant from then on.
     std::map<std::string, TMethodHandler> m_methodHandlers;
@@ -133,7 +139,13 @@ private:
     TCDbus(const TCDbus&) = delete;
     TCDbus& operator=(const TCDbus&) = delete;
 
-    struct KEL_HIDDEN TSGlibEntry; // defined in the source file
+    friend class TCDbusClientProvider;
+
+    struct KEL_HIDDEN TSGlibEntry;      // defined in the source file
+    struct KEL_HIDDEN TSCurrentMessage; // the same
+
+    // Takes the object from the bus, once; calls that are queued find it gone.
+    KEL_HIDDEN void m_LeavePath();
 
     void m_HandleMessage(const char* sender, GVariant* parameters,
                          GDBusMethodInvocation* invocation);
