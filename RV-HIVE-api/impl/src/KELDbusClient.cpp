@@ -1,6 +1,9 @@
 #include <kel/KELDbusClient.h>
 
+#include <boost/make_shared.hpp>
+
 #include "KELGlib.h"
+#include "KELGlibEntry.h"
 #include "KELHandlerGate.h"
 #include "KELLog.h"
 #include "KELPayload.h"
@@ -16,32 +19,6 @@ constexpr int kAnswerTimeout = 10000; // milliseconds
 
 } // namespace
 
-// GLib's way in: resolves the ticket that GLib was given in place of the client.
-struct TCDbusClient::TSGlibEntry
-{
-    static TCDbusClient* ClientOf(const TCHandlerStay& stay)
-    {
-        return static_cast<TCDbusClient*>(stay.End());
-    }
-
-    static void NameAppeared(GDBusConnection* connection, const char* name, const char* owner,
-                             void* ticket)
-    {
-        const TCHandlerStay stay(ticket);
-        if (stay.End() != nullptr) {
-            m_NameAppeared(connection, name, owner, ClientOf(stay));
-        }
-    }
-
-    static void NameVanished(GDBusConnection* connection, const char* name, void* ticket)
-    {
-        const TCHandlerStay stay(ticket);
-        if (stay.End() != nullptr) {
-            m_NameVanished(connection, name, ClientOf(stay));
-        }
-    }
-};
-
 TCDbusClient::TCDbusClient(bool test) : TCDbus(test), m_watcherId(0), m_pProxy(nullptr)
 {
     try {
@@ -56,9 +33,12 @@ TCDbusClient::~TCDbusClient() { t_Stop(); }
 
 bool TCDbusClient::SetCallback(int type, const TMessageCallback& handler)
 {
+    // What the application's function holds is its own business: it is copied and destroyed when
+    // no lock is held.
+    const TMessageCallback shared = ShareState(handler);
     const TCReadLock state(m_stateMutex);
     const TCWriteLock callbacks(m_callbacksMutex);
-    const bool inserted = m_callbacks.emplace(type, ShareState(handler)).second;
+    const bool inserted = m_callbacks.emplace(type, shared).second;
     KEL_DEBUG("Type %d, result %d", type, inserted);
     if (inserted && m_ready) {
         m_SendHello();
@@ -68,18 +48,22 @@ bool TCDbusClient::SetCallback(int type, const TMessageCallback& handler)
 
 bool TCDbusClient::UnSetCallback(int type)
 {
+    TCallbacks::node_type removed; // destroyed when no lock is held, like a refused one
     const TCReadLock state(m_stateMutex);
     const TCWriteLock callbacks(m_callbacksMutex);
-    const bool erased = m_callbacks.erase(type) != 0;
-    if (erased && m_ready) {
+    removed = m_callbacks.extract(type);
+    if (!removed.empty() && m_ready) {
         m_SendHello();
     }
-    return erased;
+    return !removed.empty();
 }
 
 bool TCDbusClient::SendMessage(int type, const std::vector<unsigned char>& data,
                                std::vector<unsigned char>& response, bool async)
 {
+    if (!m_IsSendable(t_dbusSendMethod, kRequestHeaderSize + data.size())) {
+        return false;
+    }
     const TCReadLock state(m_stateMutex);
     if (!m_ready) {
         KEL_DEBUG("Connection is not ready");
@@ -147,8 +131,12 @@ bool TCDbusClient::t_Start()
     }
     const TCWriteLock startStop(m_startStopMutex);
     m_watcherId = g_bus_watch_name_on_connection(
-        m_pConnection, m_busName, G_BUS_NAME_WATCHER_FLAGS_NONE, &TSGlibEntry::NameAppeared,
-        &TSGlibEntry::NameVanished, AsUserData(TicketOf(*this)), nullptr);
+        m_pConnection, m_busName, G_BUS_NAME_WATCHER_FLAGS_NONE,
+        &TSGlibEvent<TCDbusClient, GDBusConnection*, const char*,
+                     const char*>::Enter<&TCDbusClient::m_NameAppeared>,
+        &TSGlibEvent<TCDbusClient, GDBusConnection*,
+                     const char*>::Enter<&TCDbusClient::m_NameVanished>,
+        AsUserData(TicketOf(*this)), nullptr);
     return true;
 }
 
@@ -183,6 +171,9 @@ bool TCDbusClient::m_SendHello()
 {
     KEL_DEBUG("Send hello %s", m_uniqueName.c_str());
 
+    if (!m_IsSendable(t_dbusHelloMethod, m_callbacks.size() * kTypeSize)) {
+        return false;
+    }
     std::vector<unsigned char> types(m_callbacks.size() * kTypeSize);
     size_t offset = 0;
     for (const auto& [type, callback] : m_callbacks) {
@@ -200,15 +191,22 @@ bool TCDbusClient::m_SendHello()
     return true;
 }
 
-bool TCDbusClient::m_WakeServer() KEL_NO_THREAD_SAFETY_ANALYSIS
+bool TCDbusClient::m_WakeServer()
 {
-    // Inside a message callback this thread holds the mutex already, and taking it once more
-    // would wait for ever behind a thread that wants to register a callback.
-    if (TCCallbackHold::IsHeldHere(*this)) {
-        return m_SendHello();
-    }
-    const TCReadLock callbacks(m_callbacksMutex);
+    // A message callback that sends holds the mutex already, on this thread.
+    const TCCallbackHold callbacks(*this, m_callbacksMutex);
     return m_SendHello();
+}
+
+bool TCDbusClient::m_IsSendable(const char* method, size_t size) const
+{
+    const size_t whole
+        = MessageSize({m_busName, m_objectPath, t_interfaceName, method}, false, size);
+    if (whole > kBusMessageLimit) {
+        KEL_ERROR("Unable to send %zu bytes, the bus takes %zu", whole, kBusMessageLimit);
+        return false;
+    }
+    return true;
 }
 
 void TCDbusClient::m_NameAppeared(GDBusConnection* connection, const char* name, const char* owner,
@@ -228,12 +226,55 @@ void TCDbusClient::m_NameVanished(GDBusConnection* connection, const char* name,
     }
 }
 
+namespace {
+
+// The provider's client that has the object path.
+TCMutex pathMutex;
+TCDbusClient* pPathHolder KEL_GUARDED_BY(pathMutex) = nullptr;
+
+} // namespace
+
+// The weak pointer expires before the client's destructor has begun, which may then wait for a
+// running callback; a client that starts meanwhile would find its object path taken, and be dead.
+// So whoever comes first, the end of the last client or the start of the next, takes the path away
+// from the last. Nobody waits for it: a callback of the last client may be who asks for the next.
+struct TCDbusClientProvider::TSClientLife
+{
+    explicit TSClientLife(bool test) : m_client(test)
+    {
+        const TCLock path(pathMutex);
+        pPathHolder = &m_client;
+    }
+    ~TSClientLife()
+    {
+        const TCLock path(pathMutex);
+        if (pPathHolder == &m_client) {
+            LeavePath();
+        }
+    }
+
+    static void LeavePath() KEL_REQUIRES(pathMutex)
+    {
+        if (pPathHolder != nullptr) {
+            pPathHolder->m_LeavePath();
+            pPathHolder = nullptr;
+        }
+    }
+
+    TCDbusClient m_client;
+};
+
 boost::shared_ptr<IDbusClient> TCDbusClientProvider::Get(bool test)
 {
-    const boost::lock_guard<boost::mutex> creation(*m_pMutex);
+    const TCLock creation(*m_pMutex);
     boost::shared_ptr<IDbusClient> client = m_pDbusClient->lock();
     if (!client) {
-        client.reset(new TCDbusClient(test));
+        {
+            const TCLock path(pathMutex);
+            TSClientLife::LeavePath();
+        }
+        const auto life = boost::make_shared<TSClientLife>(test);
+        client = boost::shared_ptr<IDbusClient>(life, &life->m_client);
         *m_pDbusClient = client;
     }
     return client;

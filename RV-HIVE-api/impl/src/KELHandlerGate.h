@@ -68,11 +68,10 @@ public:
     /// Whether the callback has destroyed the end: then nothing of it is left to touch.
     bool HasEnded() const { return m_ended; }
 
-    /// Whether this thread is inside a callback of the end, and so holds its callbacks mutex.
-    static bool IsHeldHere(const TCDbus& end);
-
 private:
     friend void CloseGate(const TCDbus& end);
+
+    static bool IsHeldHere(const TCDbus& end);
 
     const TCDbus& m_end;
     TCSharedMutex& m_mutex;

@@ -25,7 +25,7 @@ TCDeactivator TCDeactivator::m_instance;
 
 TSHandlerGate* const handlerGate = MakeHandlerGate();
 
-boost::mutex* TCDbusClientProvider::m_pMutex = new boost::mutex;
+TCMutex* TCDbusClientProvider::m_pMutex = new TCMutex;
 boost::weak_ptr<IDbusClient>* TCDbusClientProvider::m_pDbusClient
     = new boost::weak_ptr<IDbusClient>;
 

@@ -21,8 +21,9 @@ public:
     ///                  answered; untouched otherwise.
     /// @param async     false: wait up to 10 s for the answer;
     ///                  true: return once the message is queued.
-    /// @return the agent's result; false (and an error line) when there was no answer. An
-    ///         asynchronous send always returns true.
+    /// @return the agent's result; false (and an error line) when there was no answer, or when the
+    ///         message is larger than the bus takes (32 MiB, header included). Any other
+    ///         asynchronous send returns true.
     ///
     /// Works without a ready agent, on purpose: the bus may start it.
     virtual bool SendMessage(int type, const std::vector<unsigned char>& data,

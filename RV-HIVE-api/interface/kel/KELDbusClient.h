@@ -3,7 +3,6 @@
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
-#include <boost/thread/mutex.hpp>
 #include <boost/weak_ptr.hpp>
 
 #include <kel/IDbusClient.h>
@@ -42,36 +41,42 @@ protected:
     void t_Stop();
 
 private:
-    struct KEL_HIDDEN TSGlibEntry; // defined in the source file
-
     void m_NameAppeared(GDBusConnection* connection, const char* name, const char* owner);
     void m_NameVanished(GDBusConnection* connection, const char* name);
     bool m_SendHello() KEL_REQUIRES_SHARED(m_stateMutex, m_callbacksMutex);
-    bool m_WakeServer() KEL_REQUIRES_SHARED(m_stateMutex);
+    KEL_HIDDEN bool m_WakeServer() KEL_REQUIRES_SHARED(m_stateMutex);
 
     static void m_NameAppeared(GDBusConnection* connection, const char* name, const char* owner,
                                void* userData);
     static void m_NameVanished(GDBusConnection* connection, const char* name, void* userData);
 
-    unsigned int m_watcherId; // of the agent's name; 0 when none
-    GDBusProxy* m_pProxy;     // the agent; one reference, taken by t_Start, released by t_Stop
+    // Whether the bus takes a message with so many bytes of payload; an error line when not.
+    KEL_HIDDEN bool m_IsSendable(const char* method, size_t size) const;
+
+    // Of the agent's name; 0 when none.
+    unsigned int m_watcherId KEL_GUARDED_BY(m_startStopMutex);
+    // The agent; one reference, taken by t_Start, released by t_Stop.
+    GDBusProxy* m_pProxy KEL_GUARDED_BY(m_stateMutex);
 };
 
 /// Hands out the process's one client, which lives as long as somebody holds it.
 class KEL_EXPORT TCDbusClientProvider
 {
 public:
-    /// The process's client; creates it when there is none alive. Thread-safe.
+    /// The process's client; creates it when there is none alive. Thread-safe, and allowed inside
+    /// a callback of a client that is just ending: it does not wait for that end.
     ///
     /// @param test  the channel of a client that has to be created; without effect while there is
     ///              one alive.
     static boost::shared_ptr<IDbusClient> Get(bool test);
 
 private:
+    struct KEL_HIDDEN TSClientLife; // defined in the source file
+
     // Never freed: singletons may let go of the client, or ask for it, after the library's other
     // static objects are gone.
-    static boost::mutex* m_pMutex;
-    static boost::weak_ptr<IDbusClient>* m_pDbusClient; // guarded by *m_pMutex
+    static TCMutex* m_pMutex;
+    static boost::weak_ptr<IDbusClient>* m_pDbusClient KEL_PT_GUARDED_BY(*m_pMutex);
 };
 
 } // namespace kel
