@@ -1,15 +1,15 @@
 #include <kel/KELDbusServer.h>
 
-#include <algorithm>
+#include <atomic>
 #include <cstring>
-#include <deque>
 #include <future>
-#include <iterator>
 #include <memory>
 
 #include <boost/bind/bind.hpp>
 
+#include "KELFanOut.h"
 #include "KELGlib.h"
+#include "KELGlibEntry.h"
 #include "KELHandlerGate.h"
 #include "KELLog.h"
 #include "KELPayload.h"
@@ -32,25 +32,34 @@ constexpr unsigned int kUnknownClientVanished = 256;
 constexpr GDBusProxyFlags kClientProxyFlags = static_cast<GDBusProxyFlags>(
     G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES | G_DBUS_PROXY_FLAGS_DO_NOT_CONNECT_SIGNALS);
 
+constexpr char kBus[] = "org.freedesktop.DBus"; // its name and its interface
+constexpr char kBusPath[] = "/org/freedesktop/DBus";
+
 gboolean QuitLoop(gpointer loop)
 {
     g_main_loop_quit(static_cast<GMainLoop*>(loop));
     return G_SOURCE_REMOVE;
 }
 
-void Attach(GSource* source, GMainContext* context, GSourceFunc function, gpointer data)
+// Calls a method of the bus itself, whose one argument is a string. With no callback there is no
+// reply.
+void CallBus(GDBusConnection* connection, const char* method, const char* argument, int timeout,
+             GAsyncReadyCallback callback, gpointer data)
 {
-    g_source_set_priority(source, G_PRIORITY_DEFAULT);
-    g_source_set_callback(source, function, data, nullptr);
-    g_source_attach(source, context);
+    g_dbus_connection_call(connection, kBus, kBusPath, kBus, method, g_variant_new("(s)", argument),
+                           nullptr, G_DBUS_CALL_FLAGS_NONE, timeout, nullptr, callback, data);
 }
 
-// Runs a function once in a context, always on the thread that iterates it:
-// g_main_context_invoke() would run it here while nobody does.
-void Post(GMainContext* context, GSourceFunc function, gpointer data)
+// Whether the answer to a "NameHasOwner" says that there is no such name.
+bool SaysNoOwner(GObject* connection, GAsyncResult* result)
 {
-    const TGlibPtr<GSource> source(g_idle_source_new());
-    Attach(source.get(), context, function, data);
+    const TGlibPtr<GVariant> reply(
+        g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, nullptr));
+    gboolean isOwned = TRUE;
+    if (reply != nullptr && g_variant_is_of_type(reply.get(), G_VARIANT_TYPE("(b)"))) {
+        g_variant_get(reply.get(), "(b)", &isOwned);
+    }
+    return isOwned == FALSE;
 }
 
 // Whether the bus has refused a call because too many wait for their replies. It has one error for
@@ -61,25 +70,22 @@ bool IsForPendingReplies(const TCGlibError& error)
            && std::strstr(error.Message(), "maximum number of pending replies") != nullptr;
 }
 
-// False when the bus says that it knows no such name.
-bool IsOnBus(GDBusConnection* connection, const char* name)
+// Each time that the registry has doubled: soon enough, and next to nothing.
+bool IsTimeToProbe(size_t clients)
 {
-    const TGlibPtr<GVariant> reply(g_dbus_connection_call_sync(
-        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        "NameHasOwner", g_variant_new("(s)", name), G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NONE,
-        -1, nullptr, nullptr));
-    gboolean isOwned = TRUE;
-    if (reply != nullptr) {
-        g_variant_get(reply.get(), "(b)", &isOwned);
-    }
-    return isOwned != FALSE;
+    constexpr size_t kFirst = 16;
+    return clients >= kFirst && (clients & (clients - 1)) == 0;
 }
+
+// Makes "tell of a client's end, unless it is forgotten" one step: the bus's event and a send that
+// fails may learn of the same end on two threads. Before the state mutex.
+TCMutex endMutex;
 
 } // namespace
 
 // One call to one client. It belongs to the sending thread, which waits on the future; the private
 // thread borrows it from m_SendMessage until the promise is fulfilled.
-struct TCDbusServer::TSAsyncMessage
+struct TCDbusServer::TSAsyncMessage final : public TCFanOut::ICall
 {
     TSAsyncMessage(TCDbusServer* pServer, GDBusProxy* pProxy)
         : m_pServer(pServer), m_future(m_promise.get_future()),
@@ -87,184 +93,71 @@ struct TCDbusServer::TSAsyncMessage
           m_timeout(-1), m_pFanOut(nullptr)
     {}
 
+    void Start(int timeout) override
+    {
+        m_timeout = timeout;
+        m_SendMessage(this);
+    }
+
+    // The last that the private thread does with it. Out of the message first: the sender destroys
+    // everything once it sees the value.
+    void End(bool handled)
+    {
+        m_pFanOut->Ended();
+        std::promise<bool> promise = std::move(m_promise);
+        promise.set_value(handled);
+    }
+
+    // Instead of End(), for a client whose name is unknown to whoever answered: an application may
+    // hand on such an error of a call of its own, but the bus knows.
+    void EndWhenTheBusHasBeenAsked()
+    {
+        const auto answered = [](GObject* connection, GAsyncResult* result, gpointer message) {
+            TSAsyncMessage* const pMessage = static_cast<TSAsyncMessage*>(message);
+            pMessage->m_isGone = SaysNoOwner(connection, result);
+            pMessage->End(false);
+        };
+        CallBus(g_dbus_proxy_get_connection(m_pProxy.get()), "NameHasOwner",
+                g_dbus_proxy_get_name(m_pProxy.get()), m_pFanOut->TimeLeft(), answered, this);
+    }
+
     TCDbusServer* m_pServer;
     std::promise<bool> m_promise;
     std::future<bool> m_future;
     TGlibPtr<GDBusProxy> m_pProxy; // keeps the call valid when the client is forgotten meanwhile
     GVariant* m_pParameters;       // the sender's request, one value for all its calls
     int m_timeout;                 // in milliseconds; -1 for the D-Bus library's default
-    TSFanOut* m_pFanOut;           // the send that it is part of
+    TCFanOut* m_pFanOut;           // the send that it is part of
+    bool m_isGone = false;         // the bus says that the client's name is no more
 };
 
-// The calls of one send. It lives on the stack of the sending thread and is the private thread's
-// alone from the post until the last promise is fulfilled, which is the last it does with it.
-//
-// The bus lets a connection wait for so many replies at once (128 on a stock system bus) and
-// refuses the calls beyond. A call of this send that ends makes room for one of those. Room that
-// others make (another send, peers of older calls) is found by a timer that tries a few: twice as
-// many after an attempt that the bus has not turned down, and less often after one that it has.
-struct TCDbusServer::TSFanOut
+// Finds out whether the bus grants this connection one more match rule: it has so many for each
+// (512 on a stock system bus: max_match_rules_per_connection in dbus-daemon(1)), and neither a name
+// watch nor a proxy of GLib's tells when theirs, which they share, has been refused. Clients beyond
+// are forgotten when a send to them fails.
+struct TCDbusServer::TSRuleProbe
 {
-    void Add(TCDbusServer& server, GDBusProxy* pProxy, GVariant* pParameters, int timeout)
+    static void Ask(GDBusConnection* connection)
     {
-        m_messages.push_back(std::make_unique<TSAsyncMessage>(&server, pProxy));
-        TSAsyncMessage& message = *m_messages.back();
-        message.m_pParameters = pParameters;
-        message.m_timeout = timeout;
-        message.m_pFanOut = this;
+        CallBus(connection, "AddMatch", kRule, -1, &TSRuleProbe::Answered, nullptr);
     }
-
-    // Private thread: starts all calls.
-    void Start()
-    {
-        const int timeout = m_messages.front()->m_timeout;
-        const gint64 span = timeout == -1 ? kDefaultTimeout : timeout;
-        m_deadline = timeout == G_MAXINT ? G_MAXINT64 : g_get_monotonic_time() + span * 1000;
-        m_left = m_messages.size();
-        for (const auto& message : m_messages) {
-            m_SendMessage(message.get());
-        }
-    }
-
-    // Private thread: a call has ended for good.
-    void Ended()
-    {
-        if (--m_left == 0) {
-            Disarm();
-        } else if (!m_refused.empty()) {
-            Restart();
-        }
-    }
-
-    // Private thread: the bus has refused a call.
-    void Refused(TSAsyncMessage& message)
-    {
-        m_refused.push_back(&message);
-        m_turnedDown = true;
-        if (m_timer == nullptr) {
-            Arm(message.m_pServer->m_pContext);
-        }
-    }
-
-    // Private thread: whether there is time for another attempt.
-    bool HasTime() const { return g_get_monotonic_time() < m_deadline; }
-
-    std::vector<std::unique_ptr<TSAsyncMessage>> m_messages;
-    std::vector<GDBusProxy*> m_gone; // clients whose names the bus no longer knows
 
 private:
-    static constexpr int kDefaultTimeout = 25000; // the D-Bus library's, in milliseconds
-    static constexpr gint64 kFirstInterval = 10;  // milliseconds, like the next
-    static constexpr gint64 kLastInterval = 320;
-
-    // The time left, in milliseconds; at least 1.
-    gint64 Left() const
+    static void Answered(GObject* connection, GAsyncResult* result, void*)
     {
-        return std::max<gint64>((m_deadline - g_get_monotonic_time()) / 1000, 1);
-    }
-
-    void Restart()
-    {
-        TSAsyncMessage* const pMessage = m_refused.front();
-        m_refused.pop_front();
-        if (m_deadline != G_MAXINT64) {
-            // At least 1 ms: the call's own time-out ends it, and reports it, like any other.
-            pMessage->m_timeout = static_cast<int>(Left());
-        }
-        m_SendMessage(pMessage);
-    }
-
-    void Arm(GMainContext* context)
-    {
-        const gint64 interval = std::min(m_interval, Left());
-        m_timer.reset(g_timeout_source_new(static_cast<unsigned int>(interval)));
-        Attach(m_timer.get(), context, &TSFanOut::Tick, this);
-    }
-
-    void Disarm()
-    {
-        if (m_timer != nullptr) {
-            g_source_destroy(m_timer.get());
-            m_timer.reset();
+        static std::atomic<bool> isTold(false);
+        TCGlibError error;
+        const TGlibPtr<GVariant> reply(
+            g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, error.Out()));
+        if (!error.IsSet()) {
+            CallBus(G_DBUS_CONNECTION(connection), "RemoveMatch", kRule, -1, nullptr, nullptr);
+        } else if (!isTold.exchange(true)) {
+            KEL_ERROR("Not told of the end of clients any more, errno %d: %s", error.Code(),
+                      error.Message());
         }
     }
 
-    static gboolean Tick(void* fanOut)
-    {
-        static_cast<TSFanOut*>(fanOut)->LookForRoom();
-        return G_SOURCE_REMOVE;
-    }
-
-    void LookForRoom()
-    {
-        GMainContext* const context = g_source_get_context(m_timer.get());
-        m_timer.reset();
-        if (m_turnedDown) {
-            m_batch = 1;
-            m_interval = std::min(2 * m_interval, kLastInterval);
-        } else {
-            m_batch *= 2;
-            m_interval = kFirstInterval;
-        }
-        m_turnedDown = false;
-        // Out of time they all go, to fail.
-        size_t count = HasTime() ? std::min(m_batch, m_refused.size()) : m_refused.size();
-        for (; count != 0; --count) {
-            Restart();
-        }
-        if (!m_refused.empty()) {
-            Arm(context);
-        }
-    }
-
-    std::deque<TSAsyncMessage*> m_refused;
-    size_t m_left = 0;     // calls that have not ended
-    gint64 m_deadline = 0; // monotonic, in microseconds
-
-    TGlibPtr<GSource> m_timer; // null when none is under way
-    gint64 m_interval = kFirstInterval;
-    size_t m_batch = 1;        // how many calls the timer starts again
-    bool m_turnedDown = false; // whether the bus has refused one since the timer last looked
-};
-
-// GLib's way in: resolves the ticket that GLib was given in place of the server, and starts the
-// calls of a whole fan-out.
-struct TCDbusServer::TSGlibEntry
-{
-    static TCDbusServer* ServerOf(const TCHandlerStay& stay)
-    {
-        return static_cast<TCDbusServer*>(stay.End());
-    }
-
-    static void NameAcquired(GDBusConnection* connection, const char* name, void* ticket)
-    {
-        const TCHandlerStay stay(ticket);
-        if (stay.End() != nullptr) {
-            m_NameAcquired(connection, name, ServerOf(stay));
-        }
-    }
-
-    static void NameLost(GDBusConnection* connection, const char* name, void* ticket)
-    {
-        const TCHandlerStay stay(ticket);
-        if (stay.End() != nullptr) {
-            m_NameLost(connection, name, ServerOf(stay));
-        }
-    }
-
-    static void ClientNameVanished(GDBusConnection* connection, const char* name, void* ticket)
-    {
-        const TCHandlerStay stay(ticket);
-        if (stay.End() != nullptr) {
-            m_ClientNameVanished(connection, name, ServerOf(stay));
-        }
-    }
-
-    static gboolean StartFanOut(void* fanOut)
-    {
-        static_cast<TSFanOut*>(fanOut)->Start();
-        return G_SOURCE_REMOVE;
-    }
+    static constexpr char kRule[] = "type='signal',interface='com.norvale.kel.IControl'"; // of none
 };
 
 TCDbusServer::TSClient::TSClient() : m_pProxy(nullptr), m_watchId(0) {}
@@ -284,16 +177,21 @@ TCDbusServer::~TCDbusServer() { t_Stop(); }
 
 bool TCDbusServer::SetCallback(int type, const TMessageCallback& callback)
 {
+    // What the application's function holds is its own business: it is copied and destroyed when
+    // no lock is held.
+    const TMessageCallback shared = ShareState(callback);
     const TCWriteLock callbacks(m_callbacksMutex);
-    const bool inserted = m_callbacks.emplace(type, ShareState(callback)).second;
+    const bool inserted = m_callbacks.emplace(type, shared).second;
     KEL_DEBUG("Type %d, result %d", type, inserted);
     return inserted;
 }
 
 bool TCDbusServer::UnSetCallback(int type)
 {
+    TCallbacks::node_type removed; // destroyed when no lock is held, like a refused one
     const TCWriteLock callbacks(m_callbacksMutex);
-    return m_callbacks.erase(type) != 0;
+    removed = m_callbacks.extract(type);
+    return !removed.empty();
 }
 
 size_t TCDbusServer::NumberOfClients()
@@ -309,29 +207,28 @@ TCDbusServer::SendMessage(int type, const std::vector<unsigned char>& data, int 
     size_t successes = 0;
     size_t failures = 0;
     TGlibPtr<GVariant> parameters;
-    TSFanOut fanOut;
+    std::vector<std::unique_ptr<TSAsyncMessage>> messages;
+    TCFanOut fanOut(m_pContext, timeout);
     {
         const TCReadLock state(m_stateMutex);
         if (!m_ready || m_clients.empty()) {
             KEL_DEBUG("Connection is ready %d, number of clients %zu", m_ready, m_clients.size());
             return {0, 0};
         }
+        const std::string blocked = m_BlockedSender();
         for (const auto& [uniqueName, client] : m_clients) {
             const char* const name = g_dbus_proxy_get_name(client.m_pProxy);
             if (client.m_types.count(type) == 0) {
                 KEL_DEBUG("Client %s is not registered for event %d", name, type);
                 continue;
             }
-            if (uniqueName == m_currentSender && !m_currentAsync) {
+            if (uniqueName == blocked) {
                 KEL_ERROR("Unable to send message to %s, type %d, waiting for sync replay", name,
                           type);
                 ++failures;
                 continue;
             }
-            if (timeout < -1) {
-                // GDBus would not even start such a call, and nobody would be told.
-                KEL_ERROR("Sending message from %s error, errno %d", name,
-                          G_IO_ERROR_INVALID_ARGUMENT);
+            if (!m_IsSendable(name, data.size(), timeout)) {
                 ++failures;
                 continue;
             }
@@ -340,16 +237,23 @@ TCDbusServer::SendMessage(int type, const std::vector<unsigned char>& data, int 
                 t_ConvertBytes(type, false, data, request);
                 parameters = SinkVariant(request);
             }
-            fanOut.Add(*this, client.m_pProxy, parameters.get(), timeout);
+            messages.push_back(std::make_unique<TSAsyncMessage>(this, client.m_pProxy));
+            messages.back()->m_pParameters = parameters.get();
+            messages.back()->m_pFanOut = &fanOut;
+            fanOut.Add(*messages.back());
         }
-        if (!fanOut.m_messages.empty()) {
-            Post(m_pContext, &TSGlibEntry::StartFanOut, &fanOut);
+        if (!messages.empty()) {
+            fanOut.Start();
         }
     }
-    for (const auto& message : fanOut.m_messages) {
+    for (const auto& message : messages) {
         ++(message->m_future.get() ? successes : failures);
     }
-    m_Forget(fanOut.m_gone);
+    for (const auto& message : messages) {
+        if (message->m_isGone && m_TellEnd(g_dbus_proxy_get_name(message->m_pProxy.get()))) {
+            TSRuleProbe::Ask(m_pConnection); // why has the bus not told of it?
+        }
+    }
     KEL_DEBUG("Callback result: success %zu, fails %zu", successes, failures);
     return {successes, failures};
 }
@@ -365,8 +269,10 @@ bool TCDbusServer::t_Start()
     if (!TCDbus::t_Start()) {
         return false;
     }
+    typedef TSGlibEvent<TCDbusServer, GDBusConnection*, const char*> TNameEvent;
     m_ownerId = g_bus_own_name_on_connection(m_pConnection, m_busName, G_BUS_NAME_OWNER_FLAGS_NONE,
-                                             &TSGlibEntry::NameAcquired, &TSGlibEntry::NameLost,
+                                             &TNameEvent::Enter<&TCDbusServer::m_NameAcquired>,
+                                             &TNameEvent::Enter<&TCDbusServer::m_NameLost>,
                                              AsUserData(TicketOf(*this)), nullptr);
 
     m_pContext = g_main_context_new();
@@ -386,6 +292,8 @@ void TCDbusServer::t_Stop()
         // On the loop's own thread: quitting a loop that does not run yet is lost, and the join
         // would wait for ever.
         Post(m_pContext, &QuitLoop, m_pLoop);
+        // The join is an interruption point of Boost's; an end is not to be interrupted.
+        const boost::this_thread::disable_interruption uninterrupted;
         m_loopThread.join();
     }
     for (auto client = m_clients.begin(); client != m_clients.end();) {
@@ -408,43 +316,53 @@ void TCDbusServer::m_NameAcquired(GDBusConnection*, const char*)
 
 void TCDbusServer::m_ClientNameVanished(GDBusConnection*, const char* name)
 {
-    const TCWriteLock state(m_stateMutex);
-    const auto client = m_clients.find(name);
-    if (client == m_clients.end()) {
+    std::map<std::string, TSClient>::node_type client; // its types are destroyed behind the lock
+    {
+        const TCWriteLock state(m_stateMutex);
+        client = m_clients.extract(name);
+    }
+    if (client.empty()) {
         KEL_REPORT(kUnknownClientVanished);
         return;
     }
-    m_DestroyClient(client->second);
-    m_clients.erase(client);
+    m_DestroyClient(client.mapped());
 }
 
 void TCDbusServer::m_HandleHelloMessage(const char* sender, GVariant* parameters,
                                         GDBusMethodInvocation* invocation)
 {
+    TCPendingCall call(invocation);
     std::vector<unsigned char> bytes;
     t_ConvertBytes(parameters, bytes);
-    std::set<int> types = ReadTypes(bytes);
-    g_dbus_method_invocation_return_value(invocation, nullptr);
+    std::set<int> types = ReadTypes(bytes); // takes the old ones, and destroys them behind the lock
+    call.Return(nullptr);
 
     const TCWriteLock state(m_stateMutex);
     auto client = m_clients.find(sender);
     if (client == m_clients.end()) {
         KEL_DEBUG("A new client %s", sender);
 
+        std::map<std::string, TSClient> fresh;
+        TSClient& made = fresh[sender]; // from here on nothing throws that would leave it half made
         TCGlibError error;
-        TSClient fresh;
-        fresh.m_pProxy = g_dbus_proxy_new_sync(m_pConnection, kClientProxyFlags, nullptr, sender,
-                                               m_objectPath, t_interfaceName, nullptr, error.Out());
+        made.m_pProxy = g_dbus_proxy_new_sync(m_pConnection, kClientProxyFlags, nullptr, sender,
+                                              m_objectPath, t_interfaceName, nullptr, error.Out());
         if (error.IsSet()) {
             KEL_ERROR("Registering proxy error, errno %d", error.Code());
             return;
         }
-        fresh.m_watchId = g_bus_watch_name_on_connection(
+        made.m_watchId = g_bus_watch_name_on_connection(
             m_pConnection, sender, G_BUS_NAME_WATCHER_FLAGS_NONE, nullptr,
-            &TSGlibEntry::ClientNameVanished, AsUserData(TicketOf(*this)), nullptr);
-        client = m_clients.emplace(sender, std::move(fresh)).first;
+            &TSGlibEvent<TCDbusServer, GDBusConnection*,
+                         const char*>::Enter<&TCDbusServer::m_ClientHasGone>,
+            AsUserData(TicketOf(*this)), nullptr);
+        m_clients.merge(fresh);
+        client = m_clients.find(sender);
+        if (IsTimeToProbe(m_clients.size())) {
+            TSRuleProbe::Ask(m_pConnection);
+        }
     }
-    client->second.m_types = std::move(types);
+    client->second.m_types.swap(types);
 }
 
 void TCDbusServer::m_DestroyClient(TSClient& client)
@@ -461,25 +379,45 @@ void TCDbusServer::m_StartMainLoop()
     g_main_loop_run(m_pLoop);
 }
 
-void TCDbusServer::m_Forget(const std::vector<GDBusProxy*>& gone)
+std::string TCDbusServer::m_BlockedSender()
 {
-    // An application may answer such an error itself, of a call of its own: the bus knows.
-    std::vector<GDBusProxy*> unknown;
-    std::copy_if(gone.begin(), gone.end(), std::back_inserter(unknown), [](GDBusProxy* proxy) {
-        return !IsOnBus(g_dbus_proxy_get_connection(proxy), g_dbus_proxy_get_name(proxy));
-    });
-    if (unknown.empty()) {
-        return;
+    const TCLock message(m_messageMutex);
+    return m_currentAsync ? std::string() : m_currentSender;
+}
+
+bool TCDbusServer::m_IsSendable(const char* name, size_t size, int timeout) const
+{
+    if (timeout < -1) {
+        // GDBus would not even start such a call, and nobody would be told.
+        KEL_ERROR("Sending message from %s error, errno %d", name, G_IO_ERROR_INVALID_ARGUMENT);
+        return false;
     }
-    const TCWriteLock state(m_stateMutex);
-    for (auto client = m_clients.begin(); client != m_clients.end();) {
-        if (std::find(unknown.begin(), unknown.end(), client->second.m_pProxy) != unknown.end()) {
-            m_DestroyClient(client->second);
-            client = m_clients.erase(client);
-        } else {
-            ++client;
+    const size_t whole = MessageSize({name, m_objectPath, t_interfaceName, t_dbusSendMethod}, false,
+                                     kRequestHeaderSize + size);
+    if (whole > kBusMessageLimit) {
+        KEL_ERROR("Unable to send %zu bytes to %s, the bus takes %zu", whole, name,
+                  kBusMessageLimit);
+        return false;
+    }
+    return true;
+}
+
+bool TCDbusServer::m_TellEnd(const char* name)
+{
+    const TCLock end(endMutex);
+    {
+        const TCReadLock state(m_stateMutex);
+        if (m_clients.count(name) == 0) {
+            return false;
         }
     }
+    m_ClientNameVanished(m_pConnection, name, this);
+    return true;
+}
+
+void TCDbusServer::m_ClientHasGone(GDBusConnection*, const char* name, void* userData)
+{
+    static_cast<TCDbusServer*>(userData)->m_TellEnd(name);
 }
 
 void TCDbusServer::m_AsyncReadyCallback(GObject* source, GAsyncResult* result,
@@ -487,36 +425,39 @@ void TCDbusServer::m_AsyncReadyCallback(GObject* source, GAsyncResult* result,
 {
     GDBusProxy* const proxy = G_DBUS_PROXY(source);
     const char* const name = g_dbus_proxy_get_name(proxy);
-    TSFanOut& fanOut = *message->m_pFanOut;
 
     TCGlibError error;
     const TGlibPtr<GVariant> reply(g_dbus_proxy_call_finish(proxy, result, error.Out()));
-    if (IsForPendingReplies(error) && fanOut.HasTime()) {
-        fanOut.Refused(*message);
+    if (IsForPendingReplies(error) && message->m_pFanOut->HasTime()) {
+        message->m_pFanOut->Refused(*message);
         return;
     }
-    bool handled = false;
     if (error.IsSet()) {
         KEL_ERROR("Sending message from %s error, errno %d", name, error.Code());
         if (error.Is(G_DBUS_ERROR_SERVICE_UNKNOWN) || error.Is(G_DBUS_ERROR_NAME_HAS_NO_OWNER)) {
-            fanOut.m_gone.push_back(proxy);
+            message->EndWhenTheBusHasBeenAsked();
+        } else {
+            message->End(false);
+        }
+        return;
+    }
+
+    bool handled = false;
+    if (reply != nullptr) {
+        const auto [pBytes, size] = BytesOf(reply.get()); // one byte of them matters
+        if (size != 0) {
+            handled = *pBytes != 0;
+        } else {
+            std::vector<unsigned char> none;
+            t_ConvertBytes(reply.get(), handled, none); // reports the failed check
         }
     } else {
-        if (reply != nullptr) {
-            std::vector<unsigned char> discarded;
-            t_ConvertBytes(reply.get(), handled, discarded);
-        } else {
-            KEL_DEBUG("Result is null");
-        }
-        if (!Truth(handled)) {
-            KEL_DEBUG("Sending message to %s failed", name);
-        }
+        KEL_DEBUG("Result is null");
     }
-    fanOut.Ended();
-
-    // Last, and out of the message first: the sender destroys everything once it sees the value.
-    std::promise<bool> promise = std::move(message->m_promise);
-    promise.set_value(Truth(handled));
+    if (!handled) {
+        KEL_DEBUG("Sending message to %s failed", name);
+    }
+    message->End(handled);
 }
 
 void TCDbusServer::m_NameAcquired(GDBusConnection* connection, const char* name, void* userData)

@@ -111,4 +111,19 @@ inline std::pair<const unsigned char*, size_t> BytesOf(GVariant* value)
     return {static_cast<const unsigned char*>(bytes), size};
 }
 
+inline void Attach(GSource* source, GMainContext* context, GSourceFunc function, gpointer data)
+{
+    g_source_set_priority(source, G_PRIORITY_DEFAULT);
+    g_source_set_callback(source, function, data, nullptr);
+    g_source_attach(source, context);
+}
+
+/// Runs a function once in a context, always on the thread that iterates it:
+/// g_main_context_invoke() would run it here while nobody does.
+inline void Post(GMainContext* context, GSourceFunc function, gpointer data)
+{
+    const TGlibPtr<GSource> source(g_idle_source_new());
+    Attach(source.get(), context, function, data);
+}
+
 } // namespace kel

@@ -10,6 +10,7 @@
 // An int32 is the memory image of a 32-bit signed integer in host order: both ends run on the same
 // device. A flag or result is any byte; 0 is false, everything else is true.
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -39,13 +40,16 @@ inline bool Truth(const bool& fromTheWire)
 /// The message types of a "Hello"; up to 3 trailing bytes are ignored.
 inline std::set<int> ReadTypes(const std::vector<unsigned char>& bytes)
 {
-    std::set<int> types;
-    for (size_t offset = 0; bytes.size() - offset >= kTypeSize; offset += kTypeSize) {
-        int type;
-        std::memcpy(&type, bytes.data() + offset, kTypeSize);
-        types.insert(types.end(), type); // a hint: our own clients send them in ascending order
+    std::vector<int> types(bytes.size() / kTypeSize);
+    if (!types.empty()) {
+        std::memcpy(types.data(), bytes.data(), types.size() * kTypeSize);
     }
-    return types;
+    // A set grows fast at its end alone. Our own clients send their types in order; a stranger's
+    // message of 32 MiB in disorder would take half a minute.
+    if (!std::is_sorted(types.begin(), types.end())) {
+        std::sort(types.begin(), types.end());
+    }
+    return std::set<int>(types.begin(), types.end());
 }
 
 /// The largest message, header included, that a stock system bus takes: max_message_size in

@@ -24,6 +24,7 @@ public:
     /// @param timeout  of each call, in milliseconds; -1 for the D-Bus library's default.
     /// @return (clients that handled the message, clients that did not). Clients without a
     ///         subscription to the type count in neither; (0, 0) while the server is not ready.
+    ///         A message larger than the bus takes (32 MiB, header included) reaches nobody.
     virtual std::pair<size_t, size_t> SendMessage(int type, const std::vector<unsigned char>& data,
                                                   int timeout)
         = 0;

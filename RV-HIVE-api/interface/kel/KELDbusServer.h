@@ -55,19 +55,17 @@ private:
 
         std::set<int> m_types;  // what it asked for in its latest "Hello"
         GDBusProxy* m_pProxy;   // one reference, released by m_DestroyClient
-        unsigned int m_watchId; // on its bus name; 0 when none
+        unsigned int m_watchId; // on its bus name, ended by m_DestroyClient; 0 when none
     };
 
-    struct KEL_HIDDEN TSGlibEntry;    // defined in the source file
     struct KEL_HIDDEN TSAsyncMessage; // one outgoing call; defined in the source file
-    struct KEL_HIDDEN TSFanOut;       // the calls of one send; defined in the source file
+    struct KEL_HIDDEN TSRuleProbe;    // of the bus's limit; the same
 
     void m_NameAcquired(GDBusConnection* connection, const char* name);
     void m_ClientNameVanished(GDBusConnection* connection, const char* name);
     void m_HandleHelloMessage(const char* sender, GVariant* parameters,
                               GDBusMethodInvocation* invocation);
-    void m_Forget(const std::vector<GDBusProxy*>& gone) KEL_EXCLUDES(m_stateMutex);
-    void m_DestroyClient(TSClient& client) KEL_REQUIRES(m_stateMutex);
+    void m_DestroyClient(TSClient& client);
     void m_StartMainLoop();
     void m_AsyncReadyCallback(GObject* source, GAsyncResult* result, TSAsyncMessage* message);
 
@@ -76,6 +74,14 @@ private:
     static void m_ClientNameVanished(GDBusConnection* connection, const char* name, void* userData);
     static int m_SendMessage(void* message);
     static void m_AsyncReadyCallback(GObject* source, GAsyncResult* result, void* message);
+
+    // The peer that waits for the answer to the message being handled; empty when there is none.
+    KEL_HIDDEN std::string m_BlockedSender() KEL_EXCLUDES(m_messageMutex);
+    KEL_HIDDEN bool m_IsSendable(const char* name, size_t size, int timeout) const;
+    // A client's name is no more: tells of it and forgets the client; false when that is done.
+    KEL_HIDDEN bool m_TellEnd(const char* name) KEL_EXCLUDES(m_stateMutex);
+    KEL_HIDDEN static void m_ClientHasGone(GDBusConnection* connection, const char* name,
+                                           void* userData);
 
     unsigned int m_ownerId; // of the bus name; 0 when none
     std::map<std::string, TSClient> m_clients KEL_GUARDED_BY(m_stateMutex); // by unique name

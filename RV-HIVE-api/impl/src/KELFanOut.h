@@ -1,0 +1,95 @@
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+#include <boost/circular_buffer.hpp>
+
+#include "KELGlib.h"
+
+namespace kel {
+
+/// When a send is out of time.
+class TCDeadline
+{
+public:
+    /// @param timeout  in milliseconds; -1 for the D-Bus library's default, the largest int for
+    ///                 never, as GDBus has it.
+    /// @param now      monotonic, in microseconds (g_get_monotonic_time), like all times here.
+    TCDeadline(int timeout, gint64 now);
+
+    bool IsOver(gint64 now) const { return now >= m_end; }
+
+    /// The time-out of a call that starts now, in milliseconds: at least 1, so that GDBus ends the
+    /// call and reports it, like any other.
+    int Left(gint64 now) const;
+
+private:
+    gint64 m_end; // G_MAXINT64 for never
+};
+
+/// The calls of one send: starts them all together, and starts those again for which the bus had
+/// no room.
+///
+/// The bus lets a connection wait for so many replies at once (128 on a stock system bus:
+/// max_replies_per_connection in dbus-daemon(1)) and refuses the calls beyond. A call of this send
+/// that ends makes room for one of those. Room that others make (another send, peers of older
+/// calls) is found by a timer that tries a few of them at a fixed interval.
+///
+/// Threads: made and filled by the sending thread. From Start() on it belongs to the thread that
+/// iterates the context, until the last call has ended; it needs no lock.
+class TCFanOut
+{
+public:
+    /// One call. It tells the fan-out once of each start whether it has ended or was refused.
+    class ICall
+    {
+    public:
+        /// Starts the call with a time-out in milliseconds.
+        virtual void Start(int timeout) = 0;
+
+    protected:
+        ~ICall() = default;
+    };
+
+    TCFanOut(GMainContext* context, int timeout);
+    ~TCFanOut();
+    TCFanOut(const TCFanOut&) = delete;
+    TCFanOut& operator=(const TCFanOut&) = delete;
+
+    void Add(ICall& call) { m_calls.push_back(&call); }
+
+    /// Has the context's thread start all calls. Throws std::bad_alloc, with nothing started; from
+    /// then on nothing is allocated but by GLib.
+    void Start();
+
+    // The thread that iterates the context.
+
+    /// A call has ended for good.
+    void Ended();
+
+    /// The bus had no room for a call. Only while HasTime().
+    void Refused(ICall& call);
+
+    bool HasTime() const { return !m_deadline.IsOver(g_get_monotonic_time()); }
+
+    /// What is left for a call, in milliseconds: see TCDeadline.
+    int TimeLeft() const { return m_deadline.Left(g_get_monotonic_time()); }
+
+private:
+    void m_StartAll();
+    void m_Restart();
+    void m_Arm();
+    void m_Disarm();
+    void m_LookForRoom();
+
+    GMainContext* const m_pContext; // not owned
+    const int m_timeout;
+    TCDeadline m_deadline;
+    std::vector<ICall*> m_calls;
+    boost::circular_buffer<ICall*> m_refused; // in the order of their refusal
+    size_t m_left;                            // calls that have not ended
+    TGlibPtr<GSource> m_timer;                // null when none is under way
+};
+
+} // namespace kel
