@@ -16,6 +16,7 @@
 
 #include <boost/version.hpp>
 
+#include "KELDescriptor.h"
 #include "KELLog.h"
 
 KEL_LOG_SOURCE("KELFileSystem", "kel::TSFileSystem")
@@ -41,24 +42,22 @@ struct TSClose
     void operator()(DIR* directory) const { closedir(directory); }
 };
 
-class TCDescriptor
+// Opens a file without waiting for the other end of a FIFO. Another process's lease on a regular
+// file is waited for, as an ordinary open() does: it is asked for by way of the file itself, since
+// there may be a FIFO under its name by now. Where there is no /proc, the lease is a failure.
+int OpenToRead(const std::string& fileName)
 {
-public:
-    explicit TCDescriptor(int descriptor) : m_descriptor(descriptor) {}
-    ~TCDescriptor()
-    {
-        if (m_descriptor >= 0) {
-            close(m_descriptor);
-        }
+    const int descriptor = open(fileName.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (descriptor >= 0 || errno != EWOULDBLOCK) {
+        return descriptor;
     }
-    TCDescriptor(const TCDescriptor&) = delete;
-    TCDescriptor& operator=(const TCDescriptor&) = delete;
-
-    int Get() const { return m_descriptor; }
-
-private:
-    int m_descriptor;
-};
+    const TCDescriptor file(open(fileName.c_str(), O_PATH | O_CLOEXEC));
+    struct stat status;
+    if (fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        return -1;
+    }
+    return open(("/proc/self/fd/" + std::to_string(file.Get())).c_str(), O_RDONLY | O_CLOEXEC);
+}
 
 // The breadth-first walk of GetFiles and GetDirSize.
 //
@@ -220,21 +219,6 @@ constexpr auto kFailOnExisting = fs::copy_option::fail_if_exists;
 boost::system::error_code LastError()
 {
     return boost::system::error_code(errno, boost::system::system_category());
-}
-
-bool WriteAll(int descriptor, const char* bytes, size_t size)
-{
-    while (size != 0) {
-        const ssize_t written = write(descriptor, bytes, size);
-        if (written < 0 && errno != EINTR) {
-            return false;
-        }
-        if (written > 0) {
-            bytes += written;
-            size -= static_cast<size_t>(written);
-        }
-    }
-    return true;
 }
 
 bool Stream(int from, int to)
@@ -422,13 +406,8 @@ double TSFileSystem::GetFreeSpaceSize(fs::path path)
 bool TSFileSystem::GetFileContents(const std::string& fileName,
                                    std::vector<unsigned char>& contents)
 {
-    // Not to wait for the other end of a FIFO.
-    const int descriptor = open(fileName.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    const std::unique_ptr<FILE, TSClose> file(descriptor < 0 ? nullptr : fdopen(descriptor, "rb"));
+    const std::unique_ptr<FILE, TSClose> file(ToStream(OpenToRead(fileName), "rb"));
     if (file == nullptr) {
-        if (descriptor >= 0) {
-            close(descriptor);
-        }
         KEL_DEBUG("File %s opening failed", fileName.c_str());
         return false;
     }

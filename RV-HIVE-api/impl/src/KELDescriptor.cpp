@@ -1,0 +1,57 @@
+#include "KELDescriptor.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace kel {
+
+TCDescriptor::~TCDescriptor()
+{
+    if (m_descriptor >= 0) {
+        close(m_descriptor);
+    }
+}
+
+int OpenOwnFile(const char* path, int flags)
+{
+    const int descriptor = open(path, flags | O_CREAT | O_NOFOLLOW | O_NONBLOCK, 0666);
+    struct stat status;
+    if (descriptor < 0
+        || (fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink < 2)) {
+        return descriptor;
+    }
+    close(descriptor);
+    errno = EINVAL;
+    return -1;
+}
+
+FILE* ToStream(int descriptor, const char* mode)
+{
+    FILE* const stream = descriptor < 0 ? nullptr : fdopen(descriptor, mode);
+    if (stream == nullptr && descriptor >= 0) {
+        const int error = errno;
+        close(descriptor);
+        errno = error;
+    }
+    return stream;
+}
+
+bool WriteAll(int descriptor, const char* bytes, size_t size)
+{
+    while (size != 0) {
+        const ssize_t written = write(descriptor, bytes, size);
+        if (written < 0 && errno != EINTR) {
+            return false;
+        }
+        if (written > 0) {
+            bytes += written;
+            size -= static_cast<size_t>(written);
+        }
+    }
+    return true;
+}
+
+} // namespace kel
