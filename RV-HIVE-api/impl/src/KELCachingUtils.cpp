@@ -26,10 +26,11 @@ bool Lookup(boost::shared_mutex& mutex, std::map<Key, Value>& cache, const Key& 
         return true;
     }
     const boost::upgrade_to_unique_lock<boost::shared_mutex> change(lookup);
-    if (!query(key, value)) {
+    const Key wanted = key; // the caller's may be the string that receives the value
+    if (!query(wanted, value)) {
         return false;
     }
-    cache.emplace(key, value);
+    cache.emplace(wanted, value);
     return true;
 }
 
