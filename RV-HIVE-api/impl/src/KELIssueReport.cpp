@@ -1,10 +1,14 @@
 #include <kel/KELIssueReport.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdio>
-#include <fstream>
 #include <utility>
 
 #include <vconf.h>
+
+#include "KELDescriptor.h"
 
 namespace {
 
@@ -92,12 +96,13 @@ int Request_NDF(artifactSendFlag flag, char* processName, char* threadName, std:
 
     printf("[kel_courier] NDF2 api request = %s, uploadPath = %s\n", path, uploadPath.c_str());
 
-    std::ofstream request(path, std::ios::binary | std::ios::trunc);
-    if (!request) {
+    // Truncated once it is certain to be a request's: the drop may be anybody's to write to.
+    const kel::TCDescriptor request(kel::OpenOwnFile(path, O_WRONLY | O_CLOEXEC));
+    if (request.Get() < 0 || ftruncate(request.Get(), 0) != 0) {
         printf("[kel_courier] FILE OPEN FAILED \n");
         return kFailed;
     }
-    request << uploadPath;
+    kel::WriteAll(request.Get(), uploadPath.data(), uploadPath.size());
     return kDone;
 }
 
