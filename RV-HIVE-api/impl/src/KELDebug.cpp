@@ -1,5 +1,6 @@
 #include <kel/KELDebug.h>
 
+#include <fcntl.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 
 #include <boost/filesystem.hpp>
 
+#include "KELDescriptor.h"
 #include "KELLog.h"
 
 KEL_LOG_SOURCE("KELDebug", "kel::TCDebug")
@@ -57,7 +59,8 @@ void TCDebug::EnableFileLog(bool enable)
         char path[256];
         snprintf(path, sizeof(path), "/tmp/kel_%s_%d.log", program.c_str(), getpid());
 
-        m_logFile = fopen(path, "a+");
+        // Anybody may have put a link there, for the name can be guessed.
+        m_logFile = ToStream(OpenOwnFile(path, O_RDWR | O_APPEND), "a+");
         if (m_logFile == nullptr) {
             // To the main buffer at info, and without a second copy, on purpose: this line is for
             // the program that asked, and the sink it asked for is the one that failed.
