@@ -1,6 +1,7 @@
 #include <kel/KELKernelLog.h>
 
 #include <sched.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -38,6 +39,16 @@ void RunWhenIdle()
     }
 }
 
+// Clears the snapshot's place of what is no file, which anybody may have put there: the shell would
+// write through a link and wait for the other end of a FIFO. False when it cannot. What comes there
+// after this look meets the kernel's own protection of links and FIFOs in "/tmp", or none.
+bool ClearPlace()
+{
+    struct stat status;
+    return lstat(kSnapshot, &status) != 0 || S_ISREG(status.st_mode) || S_ISDIR(status.st_mode)
+           || unlink(kSnapshot) == 0;
+}
+
 // The snapshot's lines but the empty ones; false when it cannot be opened.
 bool ReadSnapshot(std::vector<std::string>& lines)
 {
@@ -65,6 +76,9 @@ bool DumpKernelLog(std::vector<std::string>& lines, DumpCondition)
     RunWhenIdle();
 
     const TCDumpLock lock;
+    if (!ClearPlace()) {
+        return false;
+    }
     runShell(kSnapshotCommand);
 
     std::vector<std::string> snapshot;
