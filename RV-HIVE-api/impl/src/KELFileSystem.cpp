@@ -1,8 +1,6 @@
 #include <kel/KELFileSystem.h>
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,13 +8,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <deque>
 #include <memory>
 #include <optional>
 
-#include <boost/version.hpp>
-
 #include "KELDescriptor.h"
+#include "KELDirectoryWalk.h"
+#include "KELFileCopy.h"
 #include "KELLog.h"
 
 KEL_LOG_SOURCE("KELFileSystem", "kel::TSFileSystem")
@@ -39,7 +36,6 @@ bool Contains(const fs::path& path, const char* text)
 struct TSClose
 {
     void operator()(FILE* file) const { fclose(file); }
-    void operator()(DIR* directory) const { closedir(directory); }
 };
 
 // Opens a file without waiting for the other end of a FIFO. Another process's lease on a regular
@@ -59,213 +55,11 @@ int OpenToRead(const std::string& fileName)
     return open(("/proc/self/fd/" + std::to_string(file.Get())).c_str(), O_RDONLY | O_CLOEXEC);
 }
 
-// The breadth-first walk of GetFiles and GetDirSize.
-//
-// What it reports is what Boost's directory_iterator and a status query for every entry would: the
-// entries in the directory's order, the error code that the last query leaves, the exceptions. It
-// saves system calls where the entry itself already tells its type, and looks at entries by way of
-// the opened directory, which saves the kernel the walk along the path. A type is as old as the
-// directory's last read, and tells what is below a file mounted on the entry.
-
-// One open directory of a walk, standing at one entry.
-class TCDirectory
-{
-public:
-    // A directory that cannot be opened, or begun, has no entries and sets the code; otherwise the
-    // code is clear.
-    TCDirectory(const std::string& path, boost::system::error_code& code)
-        : m_path(PrefixOf(path)), m_prefix(m_path.size()), m_pDirectory(opendir(path.c_str())),
-          m_pEntry(nullptr), m_reach(m_prefix != 0 ? EReach::Unknown : EReach::PathOnly)
-    {
-        const int failure = m_pDirectory == nullptr ? errno : Read();
-        code.assign(failure, boost::system::system_category());
-    }
-
-    bool AtEnd() const { return m_pEntry == nullptr; }
-
-    // Goes to the next entry, or the end; what stopped it when the directory cannot be read on.
-    std::optional<fs::filesystem_error> Advance()
-    {
-        const int failure = Read();
-        if (failure != 0) {
-            m_path.resize(m_prefix);
-            return fs::filesystem_error(
-                "boost::filesystem::directory_iterator::operator++",
-                fs::path(m_path + "entry").parent_path(),
-                boost::system::error_code(failure, boost::system::system_category()));
-        }
-        return std::nullopt;
-    }
-
-    const char* Name() const { return m_pEntry->d_name; }
-
-    const std::string& Path()
-    {
-        m_path.resize(m_prefix);
-        return m_path += m_pEntry->d_name;
-    }
-
-    // Whether the entry is certain to be what d_type says, and a status query by path certain to
-    // succeed, for anything but a directory (something may be mounted on it) or a link.
-    bool IsPlain()
-    {
-        switch (m_pEntry->d_type) {
-        case DT_REG:
-        case DT_FIFO:
-        case DT_SOCK:
-        case DT_CHR:
-        case DT_BLK:
-            return IsSearchable() && IsShort();
-        default:
-            return false;
-        }
-    }
-
-    bool IsRegular() const { return m_pEntry->d_type == DT_REG; }
-
-    // The entry's own status, a link's included: following it from here would take it farther than
-    // from the path, all of whose links count. False when a query by path would, or might, fail.
-    bool Stat(struct stat& status)
-    {
-        return m_reach != EReach::PathOnly && IsShort()
-               && fstatat(dirfd(m_pDirectory.get()), Name(), &status, AT_SYMLINK_NOFOLLOW) == 0;
-    }
-
-private:
-    enum class EReach { Unknown, Searchable, PathOnly };
-
-    // The directory's part of its entries' paths. Boost's iterator puts every entry's name in place
-    // of the "." that it begins with, which drops slashes that are too many; of "//" it drops all,
-    // and the entries are sought in the working directory.
-    static std::string PrefixOf(const std::string& path)
-    {
-        const size_t size = path.size();
-        std::string prefix = path;
-        if (size >= 2 && path[size - 1] == '/' && path[size - 2] == '/') {
-            prefix = (fs::path(path) / ".").remove_filename().string();
-        }
-        if (!prefix.empty() && prefix.back() != '/') {
-            prefix += '/';
-        }
-        return prefix;
-    }
-
-    // A path that is too long is no way to an entry that the opened directory still shows.
-    bool IsShort() const { return m_prefix + strlen(Name()) < PATH_MAX; }
-
-    // A directory may be readable and yet not searchable; one query tells for all its entries.
-    bool IsSearchable()
-    {
-        if (m_reach == EReach::Unknown) {
-            struct stat status;
-            m_reach = Stat(status) ? EReach::Searchable : EReach::PathOnly;
-        }
-        return m_reach == EReach::Searchable;
-    }
-
-    int Read()
-    {
-        do {
-            errno = 0;
-            m_pEntry = readdir(m_pDirectory.get());
-        } while (m_pEntry != nullptr && (strcmp(Name(), ".") == 0 || strcmp(Name(), "..") == 0));
-        return m_pEntry == nullptr ? errno : 0;
-    }
-
-    std::string m_path; // the directory with a slash, and then the last entry asked for
-    size_t m_prefix;
-    std::unique_ptr<DIR, TSClose> m_pDirectory;
-    dirent* m_pEntry;
-    EReach m_reach;
-};
-
-// Visits every entry below a directory, level by level. The visitor tells which are directories to
-// walk. Gives back what stopped it, when a directory could not be read on after its first entry.
-template <typename Visitor>
-std::optional<fs::filesystem_error> Walk(const fs::path& start, boost::system::error_code& code,
-                                         Visitor isDirectory)
-{
-    std::deque<std::string> queue{start.string()};
-    while (!queue.empty()) {
-        TCDirectory directory(queue.front(), code);
-        queue.pop_front();
-        while (!directory.AtEnd()) {
-            if (isDirectory(directory)) {
-                queue.push_back(directory.Path());
-            }
-            if (std::optional<fs::filesystem_error> error = directory.Advance()) {
-                return error;
-            }
-        }
-    }
-    return std::nullopt;
-}
-
 // What Boost's path::extension() gives, without making a path of every name.
 bool HasExtension(const char* name, const std::string& extension)
 {
     const char* const dot = strrchr(name, '.');
     return extension == (dot != nullptr ? dot : "");
-}
-
-#if BOOST_VERSION >= 107400
-constexpr auto kOverwrite = fs::copy_options::overwrite_existing;
-constexpr auto kFailOnExisting = fs::copy_options::none;
-#else
-constexpr auto kOverwrite = fs::copy_option::overwrite_if_exists;
-constexpr auto kFailOnExisting = fs::copy_option::fail_if_exists;
-#endif
-
-boost::system::error_code LastError()
-{
-    return boost::system::error_code(errno, boost::system::system_category());
-}
-
-bool Stream(int from, int to)
-{
-    char buffer[65536];
-    for (;;) {
-        const ssize_t size = read(from, buffer, sizeof(buffer));
-        if (size == 0) {
-            return true;
-        }
-        if (size < 0 && errno != EINTR) {
-            return false;
-        }
-        if (size > 0 && !WriteAll(to, buffer, static_cast<size_t>(size))) {
-            return false;
-        }
-    }
-}
-
-// Gives a file the mode of another. FAT, which most USB sticks have, has no mode bits to give, and
-// a file that is overwritten may belong to somebody else: the copy is good without them.
-bool CopyMode(int from, int to)
-{
-    struct stat wanted;
-    struct stat actual;
-    if (fstat(from, &wanted) != 0 || fstat(to, &actual) != 0) {
-        return false;
-    }
-    return wanted.st_mode == actual.st_mode || fchmod(to, wanted.st_mode & 07777) == 0
-           || errno == EPERM;
-}
-
-// Finishes a copy from one file system to another: Boost 1.74 leaves an empty file and EXDEV there,
-// because recent kernels refuse the copy_file_range() that it relies on. The destination is past
-// the overwrite rule by then. As in Boost, the result has the source's mode and is on the disk.
-boost::system::error_code CopyAcross(const fs::path& source, const fs::path& destination)
-{
-    const TCDescriptor from(open(source.c_str(), O_RDONLY | O_CLOEXEC));
-    if (from.Get() < 0) {
-        return LastError();
-    }
-    const TCDescriptor to(open(destination.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
-    if (to.Get() < 0 || !Stream(from.Get(), to.Get()) || !CopyMode(from.Get(), to.Get())
-        || fdatasync(to.Get()) != 0) {
-        return LastError();
-    }
-    return boost::system::error_code();
 }
 
 } // namespace
@@ -435,11 +229,7 @@ bool TSFileSystem::GetFileContents(const std::string& fileName,
 
 bool TSFileSystem::CopyFile(fs::path source, fs::path destination, bool overwrite)
 {
-    boost::system::error_code code;
-    fs::copy_file(source, destination, overwrite ? kOverwrite : kFailOnExisting, code);
-    if (code == boost::system::errc::cross_device_link) {
-        code = CopyAcross(source, destination);
-    }
+    const boost::system::error_code code = CopyContents(source, destination, overwrite);
     if (code) {
         KEL_ERROR("Could not copy file: error code: %s", code.message().c_str());
         return false;
