@@ -76,11 +76,21 @@ boost::system::error_code CopyAcross(const fs::path& source, const fs::path& des
     return boost::system::error_code();
 }
 
+bool IsFifo(const fs::path& path)
+{
+    struct stat status;
+    return stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
+}
+
 } // namespace
 
 boost::system::error_code CopyContents(const fs::path& source, const fs::path& destination,
                                        bool overwrite)
 {
+    // Boost refuses everything that is no file, but opens it first, and waits there.
+    if (IsFifo(source) || (overwrite && IsFifo(destination))) {
+        return make_error_code(boost::system::errc::function_not_supported);
+    }
     boost::system::error_code code;
     fs::copy_file(source, destination, overwrite ? kOverwrite : kFailOnExisting, code);
     if (code == boost::system::errc::cross_device_link) {
