@@ -8,15 +8,15 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
-#include <mutex>
 #include <string>
 
 #include <boost/filesystem.hpp>
 
-#include "KELDescriptor.h"
-#include "KELLog.h"
+#include <dlog.h>
 
-KEL_LOG_SOURCE("KELDebug", "kel::TCDebug")
+#include <kel/KELLocks.h>
+
+#include "KELDescriptor.h"
 
 extern "C" char* __progname; // the C library's short program name
 
@@ -28,7 +28,7 @@ constexpr size_t kLineSize = 256;
 constexpr int kTraceOption = 666; // "record this text", on the platform's kernel alone
 
 // Two threads that turn the file on at once must not open it twice.
-std::mutex fileMutex;
+TCMutex fileMutex;
 
 // "KEL >class:function:line< message", cut to what fits.
 void FormatLine(char (&buffer)[kLineSize], const char* className, const char* functionName,
@@ -50,7 +50,7 @@ TCDebug::TCDebug()
 
 void TCDebug::EnableFileLog(bool enable)
 {
-    const std::lock_guard<std::mutex> file(fileMutex);
+    const TCLock file(fileMutex);
 
     if (enable && m_logFile == nullptr) {
         std::string program(__progname);
@@ -65,7 +65,7 @@ void TCDebug::EnableFileLog(bool enable)
             // To the main buffer at info, and without a second copy, on purpose: this line is for
             // the program that asked, and the sink it asked for is the one that failed.
             __dlog_print(LOG_ID_MAIN, DLOG_INFO, "KEL",
-                         "%s: %s(%d) > Unable to create file %s - errno %d", kLogSource, __func__,
+                         "%s: %s(%d) > Unable to create file %s - errno %d", "KELDebug", __func__,
                          __LINE__, path, errno);
         }
     }
@@ -122,7 +122,14 @@ void TCDebug::Assert(const char* file, unsigned int line)
     if (boost::filesystem::exists(status)) {
         return;
     }
-    KEL_ERROR("Error for %s file in line %zu.", file, static_cast<size_t>(line));
+    // As the macros of the log do it, which stand on this class.
+    constexpr int kLine = __LINE__;
+    __dlog_print(LOG_ID_SYSTEM, DLOG_ERROR, "KEL", "%s: %s(%d) > Error for %s file in line %zu.",
+                 "KELDebug", __func__, kLine, file, static_cast<size_t>(line));
+    if (m_instance.m_stdoutLogEnabled || m_instance.m_fileLogEnabled) {
+        m_instance.External("kel::TCDebug", __func__, kLine, "Error for %s file in line %zu.", file,
+                            static_cast<size_t>(line));
+    }
 }
 
 } // namespace kel
