@@ -12,6 +12,8 @@
 #include <fstream>
 #include <ios>
 
+#include <kel/KELLocks.h>
+
 pthread_mutex_t DTLock; // zero-initialised is a valid state: PTHREAD_MUTEX_INITIALIZER is all zero
 
 namespace {
@@ -20,14 +22,14 @@ constexpr char kShell[] = "/bin/sh";
 constexpr char kSnapshotCommand[] = "dmesg | tail -n 512 > /tmp/Device_Tracker.log";
 constexpr char kSnapshot[] = "/tmp/Device_Tracker.log";
 
-class TCDumpLock
+// DTLock, whose type is part of the interface, as the compiler's lock checks know it.
+class KEL_CAPABILITY("mutex") TCDumpMutex
 {
 public:
-    TCDumpLock() { pthread_mutex_lock(&DTLock); }
-    ~TCDumpLock() { pthread_mutex_unlock(&DTLock); }
-    TCDumpLock(const TCDumpLock&) = delete;
-    TCDumpLock& operator=(const TCDumpLock&) = delete;
+    void lock() KEL_ACQUIRE() { pthread_mutex_lock(&DTLock); }
+    void unlock() KEL_RELEASE() { pthread_mutex_unlock(&DTLock); }
 };
+TCDumpMutex dumpMutex;
 
 void RunWhenIdle()
 {
@@ -71,11 +73,13 @@ bool ReadSnapshot(std::vector<std::string>& lines)
 
 } // namespace
 
+extern std::string lastShared KEL_GUARDED_BY(dumpMutex);
+
 bool DumpKernelLog(std::vector<std::string>& lines, DumpCondition)
 {
     RunWhenIdle();
 
-    const TCDumpLock lock;
+    const kel::TCExclusiveScope<TCDumpMutex> dump(dumpMutex);
     if (!ClearPlace()) {
         return false;
     }

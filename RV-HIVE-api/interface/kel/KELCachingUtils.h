@@ -36,10 +36,10 @@ public:
     static bool GetSystemInfoKeyCached(system_info_key_e key, std::string& value);
 
 private:
-    // All guarded by m_CacheMapMutex, whose upgrade mode the compiler's lock checks cannot express.
-    static std::map<std::string, std::string> m_vconfStringCache;
-    static std::map<system_info_key_e, int> m_systemInfoKeysInt;
-    static std::map<system_info_key_e, std::string> m_systemInfoStrCache;
+    static std::map<std::string, std::string> m_vconfStringCache KEL_GUARDED_BY(m_CacheMapMutex);
+    static std::map<system_info_key_e, int> m_systemInfoKeysInt KEL_GUARDED_BY(m_CacheMapMutex);
+    static std::map<system_info_key_e, std::string>
+        m_systemInfoStrCache KEL_GUARDED_BY(m_CacheMapMutex);
     static TCSharedMutex m_CacheMapMutex;
 };
 

@@ -4,6 +4,9 @@
 
 #include <mutex>
 
+#include <optional>
+
+#include <boost/thread/locks.hpp>
 #include <boost/thread/shared_mutex.hpp>
 
 // Locks that clang's -Wthread-safety understands. Other compilers see plain locks.
@@ -107,6 +110,29 @@ public:
 
 private:
     Mutex& m_mutex;
+};
+
+/// Holds a mutex in upgrade mode for the length of a scope: beside readers, but beside no other
+/// holder of this kind. From Promote() to the end of the scope it is held exclusively, without
+/// having been free in between.
+class KEL_SCOPED_CAPABILITY TCUpgradeLock
+{
+public:
+    explicit TCUpgradeLock(TCSharedMutex& mutex)
+        KEL_ACQUIRE_SHARED(mutex) KEL_NO_THREAD_SAFETY_ANALYSIS : m_upgrade(mutex)
+    {}
+    ~TCUpgradeLock() KEL_RELEASE() KEL_NO_THREAD_SAFETY_ANALYSIS {}
+    TCUpgradeLock(const TCUpgradeLock&) = delete;
+    TCUpgradeLock& operator=(const TCUpgradeLock&) = delete;
+
+    void Promote() KEL_RELEASE() KEL_ACQUIRE() KEL_NO_THREAD_SAFETY_ANALYSIS
+    {
+        m_exclusive.emplace(m_upgrade);
+    }
+
+private:
+    boost::upgrade_lock<boost::shared_mutex> m_upgrade;
+    std::optional<boost::upgrade_to_unique_lock<boost::shared_mutex>> m_exclusive;
 };
 
 using TCLock = TCExclusiveScope<TCMutex>;
