@@ -107,22 +107,6 @@ TEST_F(CachingUtils, AnyVconfKeyAndValueWillDo)
     }
 }
 
-TEST_F(CachingUtils, TheFirstNumberOfAKeyIsKept)
-{
-    m_platform.SetNumber(kKey, -5);
-    int value = 0;
-    ASSERT_TRUE(TCHtCachingUtils::GetSystemInfoKeyCached(kKey, value));
-    ASSERT_EQ(value, -5);
-
-    m_platform.SetNumber(kKey, 6);
-    value = 0;
-
-    EXPECT_TRUE(TCHtCachingUtils::GetSystemInfoKeyCached(kKey, value));
-    EXPECT_EQ(value, -5);
-    EXPECT_EQ(m_platform.NumberReads(kKey), 1u);
-    EXPECT_EQ(TakeMessages(), TTexts());
-}
-
 TEST_F(CachingUtils, ANumberThatCannotBeReadIsOneErrorLineEachTimeUntilItCan)
 {
     m_platform.LeaveOnFailure(77, nullptr);
@@ -150,41 +134,6 @@ TEST_F(CachingUtils, ANumberThatCannotBeReadIsOneErrorLineEachTimeUntilItCan)
     EXPECT_TRUE(TCHtCachingUtils::GetSystemInfoKeyCached(kKey, value));
     EXPECT_EQ(value, 8);
     EXPECT_EQ(m_platform.NumberReads(kKey), 3u);
-    EXPECT_EQ(TakeMessages(), TTexts());
-}
-
-TEST_F(CachingUtils, TheFirstTextOfAKeyIsKept)
-{
-    m_platform.SetText(kKey, "first");
-    std::string value;
-    ASSERT_TRUE(TCHtCachingUtils::GetSystemInfoKeyCached(kKey, value));
-    ASSERT_EQ(value, "first");
-
-    m_platform.SetText(kKey, "second");
-    value = "old";
-
-    EXPECT_TRUE(TCHtCachingUtils::GetSystemInfoKeyCached(kKey, value));
-    EXPECT_EQ(value, "first");
-    EXPECT_EQ(m_platform.TextReads(kKey), 1u);
-    EXPECT_EQ(TakeMessages(), TTexts());
-}
-
-// What a failed call leaves belongs to the platform: here, a constant that free() would die of.
-TEST_F(CachingUtils, ATextThatCannotBeReadIsOneErrorLineAndLeavesTheOutput)
-{
-    m_platform.LeaveOnFailure(std::nullopt, "not from malloc()");
-    std::string value = "old";
-
-    EXPECT_FALSE(TCHtCachingUtils::GetSystemInfoKeyCached(kKey, value));
-
-    EXPECT_EQ(value, "old");
-    EXPECT_EQ(m_log.Lines().at(0).m_function, "GetSystemInfoKeyCached");
-    EXPECT_EQ(TakeMessages(), kFailure);
-
-    m_platform.SetText(kKey, "there");
-
-    EXPECT_TRUE(TCHtCachingUtils::GetSystemInfoKeyCached(kKey, value));
-    EXPECT_EQ(value, "there");
     EXPECT_EQ(TakeMessages(), TTexts());
 }
 
