@@ -23,7 +23,6 @@
 using kel::TCDebug;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Not;
 using testing::SizeIs;
 
 extern "C" char* __progname;
@@ -141,23 +140,10 @@ TEST_F(Debug, AllSinksAreOffAtLoad)
     EXPECT_EQ(m_debug.m_logFile, nullptr);
 }
 
-TEST_F(Debug, LinesGoToTheSystemBufferWithTagAndPrefix)
+TEST_F(Debug, ProgressIsLoggedAtPriorityDebugAndCopiedWithItsPlace)
 {
-    MakeLibraryLog();
+    m_debug.EnableFileLog(true);
 
-    const auto lines = m_log.Lines();
-    ASSERT_THAT(lines, SizeIs(1));
-    EXPECT_EQ(lines[0].m_buffer, 2);
-    EXPECT_EQ(lines[0].m_priority, 6);
-    EXPECT_EQ(lines[0].m_tag, "KEL");
-    EXPECT_EQ(lines[0].m_format, "%s: %s(%d) > Error for %s file in line %zu.");
-    EXPECT_EQ(lines[0].m_source, "KELDebug");
-    EXPECT_EQ(lines[0].m_function, "Assert");
-    EXPECT_GT(lines[0].m_line, 0);
-}
-
-TEST_F(Debug, ProgressIsLoggedAtPriorityDebug)
-{
     kel::TCDeactivator::RegisterDBUS(+[] {});
 
     const auto lines = m_log.Lines();
@@ -168,15 +154,6 @@ TEST_F(Debug, ProgressIsLoggedAtPriorityDebug)
     EXPECT_EQ(lines[0].m_format, "%s: %s(%d) > Register a new DBUS callback");
     EXPECT_EQ(lines[0].m_source, "KELDeactivator");
     EXPECT_EQ(lines[0].m_function, "RegisterDBUS");
-}
-
-TEST_F(Debug, SecondCopyNamesTheSamePlaceAsTheFirst)
-{
-    m_debug.EnableFileLog(true);
-    kel::TCDeactivator::RegisterDBUS(+[] {});
-
-    const auto lines = m_log.Lines();
-    ASSERT_THAT(lines, SizeIs(1));
     EXPECT_EQ(FileContents(),
               "KEL >kel::TCDeactivator:RegisterDBUS:" + std::to_string(lines[0].m_line)
                   + "< Register a new DBUS callback\n");
@@ -191,24 +168,6 @@ TEST_F(Debug, NoSecondCopyWhileNoSinkIsOn)
 
     EXPECT_EQ(output, "");
     EXPECT_THAT(FilesInTmp(), IsEmpty());
-}
-
-TEST_F(Debug, FileLineIsPrefixMessageAndNewline)
-{
-    m_debug.EnableFileLog(true);
-
-    m_debug.External("kel::TSFileSystem", "RemoveFile", 237, "Couldnt delete file: %s", "/x");
-
-    EXPECT_EQ(FileContents(), "KEL >kel::TSFileSystem:RemoveFile:237< Couldnt delete file: /x\n");
-    EXPECT_THAT(m_log.Lines(), IsEmpty());
-}
-
-TEST_F(Debug, FileIsNamedAfterProgramAndProcess)
-{
-    m_debug.EnableFileLog(true);
-
-    EXPECT_THAT(FilesInTmp(), ElementsAre("kel_" + std::string(__progname) + "_"
-                                          + std::to_string(getpid()) + ".log"));
 }
 
 TEST_F(Debug, SlashesOfTheProgramNameBecomeUnderscores)
@@ -232,21 +191,13 @@ TEST_F(Debug, FileIsAppendedTo)
     EXPECT_EQ(FileContents(), "before\nKEL >C:F:1< after\n");
 }
 
-TEST_F(Debug, EnablingTwiceOpensOneFile)
+TEST_F(Debug, OneStreamServesWheneverTheFileIsOn)
 {
     m_debug.EnableFileLog(true);
     FILE* const first = m_debug.m_logFile;
+    ASSERT_NE(first, nullptr);
     m_debug.EnableFileLog(true);
-
-    EXPECT_NE(first, nullptr);
     EXPECT_EQ(m_debug.m_logFile, first);
-    EXPECT_THAT(FilesInTmp(), SizeIs(1));
-}
-
-TEST_F(Debug, DisablingKeepsTheStreamForTheNextTime)
-{
-    m_debug.EnableFileLog(true);
-    FILE* const first = m_debug.m_logFile;
     m_debug.External("C", "F", 1, "one");
     m_debug.EnableFileLog(false);
     m_debug.External("C", "F", 2, "not written");
@@ -257,6 +208,7 @@ TEST_F(Debug, DisablingKeepsTheStreamForTheNextTime)
 
     EXPECT_EQ(m_debug.m_logFile, first);
     EXPECT_EQ(FileContents(), "KEL >C:F:1< one\nKEL >C:F:3< three\n");
+    EXPECT_THAT(FilesInTmp(), SizeIs(1));
 }
 
 TEST_F(Debug, AChildKeepsItsParentsFileAndItsName)
@@ -279,13 +231,14 @@ TEST_F(Debug, AChildKeepsItsParentsFileAndItsName)
     EXPECT_THAT(FilesInTmp(), SizeIs(1));
 }
 
-TEST_F(Debug, FailedOpenIsReportedToTheMainBufferOnceAndHasNoSecondCopy)
+TEST_F(Debug, AFailedOpenIsReportedToTheMainBufferAloneAndStopsNoConsoleLine)
 {
     ASSERT_EQ(mkdir(m_path.c_str(), 0700), 0);
     m_debug.EnableStdoutLog(true);
 
     testing::internal::CaptureStdout();
     m_debug.EnableFileLog(true);
+    m_debug.External("C", "F", 1, "to the console");
     const std::string output = testing::internal::GetCapturedStdout();
 
     const auto lines = m_log.Lines();
@@ -298,22 +251,9 @@ TEST_F(Debug, FailedOpenIsReportedToTheMainBufferOnceAndHasNoSecondCopy)
     EXPECT_EQ(lines[0].m_function, "EnableFileLog");
     EXPECT_EQ(lines[0].m_message,
               "Unable to create file " + m_path + " - errno " + std::to_string(EISDIR));
-    EXPECT_EQ(output, "");
+    EXPECT_EQ(output, "KEL >C:F:1< to the console\n");
     EXPECT_TRUE(m_debug.m_fileLogEnabled);
     EXPECT_EQ(m_debug.m_logFile, nullptr);
-}
-
-TEST_F(Debug, FailedOpenDoesNotStopConsoleLines)
-{
-    ASSERT_EQ(mkdir(m_path.c_str(), 0700), 0);
-    m_debug.EnableStdoutLog(true);
-    m_debug.EnableFileLog(true);
-
-    testing::internal::CaptureStdout();
-    m_debug.External("C", "F", 1, "message");
-    const std::string output = testing::internal::GetCapturedStdout();
-
-    EXPECT_EQ(output, "KEL >C:F:1< message\n");
 }
 
 TEST_F(Debug, FailedOpenIsTriedAgainTheNextTime)
@@ -342,35 +282,19 @@ TEST_F(Debug, BothSinksGetTheSameLine)
     EXPECT_EQ(FileContents(), output);
 }
 
-TEST_F(Debug, MessageOfThreeHundredCharactersIsCutTo255WithItsPrefix)
-{
-    m_debug.EnableFileLog(true);
-
-    m_debug.External("kel::TCClass", "Function", 12, "%s", std::string(300, 'x').c_str());
-
-    const std::string prefix = "KEL >kel::TCClass:Function:12< ";
-    EXPECT_EQ(FileContents(), prefix + std::string(255 - prefix.size(), 'x') + "\n");
-}
-
-TEST_F(Debug, LineOf255CharactersIsNotCut)
+TEST_F(Debug, ALineIsCutTo255CharactersWithItsPrefix)
 {
     m_debug.EnableFileLog(true);
     const std::string prefix = "KEL >C:F:1< ";
-    const std::string message(255 - prefix.size(), 'y');
-
-    m_debug.External("C", "F", 1, "%s", message.c_str());
-
-    EXPECT_EQ(FileContents(), prefix + message + "\n");
-}
-
-TEST_F(Debug, PrefixLongerThanTheLineIsCut)
-{
-    m_debug.EnableFileLog(true);
+    const std::string fits(255 - prefix.size(), 'y');
     const std::string className(300, 'C');
 
+    m_debug.External("C", "F", 1, "%s", fits.c_str());
+    m_debug.External("C", "F", 1, "%sx", fits.c_str());
     m_debug.External(className.c_str(), "F", 1, "message");
 
-    EXPECT_EQ(FileContents(), ("KEL >" + className).substr(0, 255) + "\n");
+    EXPECT_EQ(FileContents(), prefix + fits + "\n" + prefix + fits + "\n"
+                                  + ("KEL >" + className).substr(0, 255) + "\n");
 }
 
 TEST_F(Debug, LinesOfManyThreadsDoNotMix)
@@ -407,7 +331,12 @@ TEST_F(Debug, AssertWritesOneErrorLineAndItsCopy)
 
     const auto lines = m_log.Lines();
     ASSERT_THAT(lines, SizeIs(1));
+    EXPECT_EQ(lines[0].m_buffer, 2);
     EXPECT_EQ(lines[0].m_priority, 6);
+    EXPECT_EQ(lines[0].m_tag, "KEL");
+    EXPECT_EQ(lines[0].m_format, "%s: %s(%d) > Error for %s file in line %zu.");
+    EXPECT_EQ(lines[0].m_source, "KELDebug");
+    EXPECT_EQ(lines[0].m_function, "Assert");
     EXPECT_EQ(lines[0].m_message,
               "Error for RV-HIVE-api/impl/src/KELSomething file in line 4294967295.");
     EXPECT_EQ(FileContents(), "KEL >kel::TCDebug:Assert:" + std::to_string(lines[0].m_line) + "< "
@@ -444,57 +373,20 @@ TEST_F(Debug, AssertSpeaksWhenTheMarkerCannotBeFound)
                                                  "6 Error for loop file in line 2."));
 }
 
-TEST_F(Debug, AssertLooksAtTheMarkerEachTime)
-{
-    TCDebug::Assert("before", 1);
-    std::ofstream("/etc/release") << "";
-    TCDebug::Assert("during", 2);
-    std::filesystem::remove("/etc/release");
-    TCDebug::Assert("after", 3);
-
-    EXPECT_THAT(TakeMessages(m_log), ElementsAre("6 Error for before file in line 1.",
-                                                 "6 Error for after file in line 3."));
-}
-
-TEST_F(Debug, PerfTracesWhateverTheSwitchesSay)
+TEST_F(Debug, PerfTracesALineOf255CharactersAtMostWhateverTheSwitchesSay)
 {
     m_debug.EnablePerfLog(false);
     m_debug.Perf("kel::TCClass", "Function", 7, "took %d ms", 12);
     m_debug.EnablePerfLog(true);
-    m_debug.Perf("kel::TCClass", "Function", 8, "took %d ms", 13);
+    m_debug.Perf("C", "F", 1, "%s", std::string(300, 'x').c_str());
 
     ASSERT_THAT(traces, SizeIs(2));
     EXPECT_EQ(traces[0].m_text, "KEL >kel::TCClass:Function:7< took 12 ms");
     EXPECT_EQ(traces[0].m_length, traces[0].m_text.size());
-    EXPECT_EQ(traces[1].m_text, "KEL >kel::TCClass:Function:8< took 13 ms");
+    EXPECT_EQ(traces[1].m_text, "KEL >C:F:1< " + std::string(243, 'x'));
+    EXPECT_EQ(traces[1].m_length, 255u);
     EXPECT_THAT(m_log.Lines(), IsEmpty());
-}
-
-TEST_F(Debug, PerfCutsItsLineTo255Characters)
-{
-    m_debug.Perf("C", "F", 1, "%s", std::string(300, 'x').c_str());
-
-    ASSERT_THAT(traces, SizeIs(1));
-    EXPECT_EQ(traces[0].m_text, "KEL >C:F:1< " + std::string(243, 'x'));
-    EXPECT_EQ(traces[0].m_length, 255u);
-}
-
-TEST_F(Debug, SwitchesTouchNothingElse)
-{
-    m_debug.EnableStdoutLog(true);
-    m_debug.EnablePerfLog(true);
-
-    EXPECT_FALSE(m_debug.m_fileLogEnabled);
-    EXPECT_EQ(m_debug.m_logFile, nullptr);
     EXPECT_THAT(FilesInTmp(), IsEmpty());
-    m_debug.EnablePerfLog(false);
-    EXPECT_TRUE(m_debug.m_stdoutLogEnabled);
-    EXPECT_THAT(m_log.Lines(), IsEmpty());
-}
-
-TEST_F(Debug, NothingIsClosedAtTheEnd)
-{
-    EXPECT_TRUE(std::is_trivially_destructible<TCDebug>::value);
 }
 
 } // namespace

@@ -4,7 +4,6 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
-#include <ostream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -102,22 +101,6 @@ struct TSPolicyRow
     int m_mode;
 };
 
-// "HighAndVendor": which files there are.
-std::string NameOf(const TSPolicyRow& row)
-{
-    std::string name;
-    for (const auto& [present, word] :
-         {std::pair(row.m_high, "High"), std::pair(row.m_vendor, "Vendor"),
-          std::pair(row.m_variant, "Variant")}) {
-        if (present) {
-            name += (name.empty() ? "" : "And") + std::string(word);
-        }
-    }
-    return name.empty() ? "None" : name;
-}
-
-void PrintTo(const TSPolicyRow& row, std::ostream* stream) { *stream << NameOf(row); }
-
 const TSPolicyRow kPolicyRows[] = {
     {false, false, false, kDefault, 0}, {false, false, true, kVariant, 2},
     {false, true, false, kVendor, 2},   {false, true, true, kVendor, 2},
@@ -125,67 +108,43 @@ const TSPolicyRow kPolicyRows[] = {
     {true, true, false, kHigh, 2},      {true, true, true, kHigh, 2},
 };
 
-class DirsManagerPolicy : public DirsManager, public testing::WithParamInterface<TSPolicyRow>
+TEST_F(DirsManager, RanksThePolicyFilesAndSaysWhenTheVendorsIsMissing)
 {
-protected:
-    void MakePolicies()
-    {
-        const std::pair<bool, std::string> files[] = {{GetParam().m_high, kHigh},
-                                                      {GetParam().m_vendor, kVendor},
-                                                      {GetParam().m_variant, kVariant}};
+    for (const TSPolicyRow& row : kPolicyRows) {
+        SetUp();
+        const std::pair<bool, std::string> files[]
+            = {{row.m_high, kHigh}, {row.m_vendor, kVendor}, {row.m_variant, kVariant}};
         for (const auto& [present, path] : files) {
             if (present) {
                 MakeFile(path);
             }
         }
-    }
-};
+        SCOPED_TRACE(testing::Message() << row.m_high << row.m_vendor << row.m_variant);
 
-TEST_P(DirsManagerPolicy, InitializeRanksTheFilesAndNamesTheVendorsWhenAllAreMissing)
-{
-    MakePolicies();
+        // When all three are missing, ...
+        TCDirsManager::Initialize();
+        TTexts expected = {"3 KELMode: 0, policyXmlPath: " + row.m_path, kNotDebug,
+                           "3 KELMode: 0, policy xml path: " + row.m_path};
+        if (row.m_mode == 0) {
+            expected.insert(expected.begin(), kVendorMissing);
+        }
+        EXPECT_EQ(TakeMessages(), expected);
+        EXPECT_EQ(TCDirsManager::GetPolicyMode(), row.m_mode);
+        EXPECT_EQ(TCDirsManager::m_policyXmlPath, row.m_path);
 
-    TCDirsManager::Initialize();
-
-    TTexts expected;
-    if (GetParam().m_mode == 0) {
-        expected.push_back(kVendorMissing);
+        // ... and whenever it is.
+        TCDirsManager::PolicyMode = 7;
+        EXPECT_EQ(TCDirsManager::GetPolicyXmlPath(), row.m_path);
+        expected
+            = {"3 PolicyMode: " + std::to_string(row.m_mode) + ", policy xml path: " + row.m_path};
+        if (!row.m_vendor) {
+            expected.insert(expected.begin(), kVendorMissing);
+        }
+        EXPECT_EQ(TakeMessages(), expected);
+        EXPECT_EQ(TCDirsManager::GetPolicyMode(), row.m_mode);
     }
-    expected.push_back("3 KELMode: 0, policyXmlPath: " + GetParam().m_path);
-    expected.push_back(kNotDebug);
-    expected.push_back("3 KELMode: 0, policy xml path: " + GetParam().m_path);
-    for (const auto& line : m_log.Lines()) {
-        EXPECT_EQ(line.m_source, "KELDirsManager");
-        EXPECT_EQ(line.m_function, "Initialize");
-    }
-    EXPECT_EQ(TakeMessages(), expected);
-    EXPECT_EQ(TCDirsManager::GetPolicyMode(), GetParam().m_mode);
-    EXPECT_EQ(TCDirsManager::m_policyXmlPath, GetParam().m_path);
     EXPECT_EQ(m_platform.UsbCalls(), TTexts());
 }
-
-TEST_P(DirsManagerPolicy, GetPolicyXmlPathRanksThemAlikeAndNamesTheVendorsWheneverItIsMissing)
-{
-    MakePolicies();
-
-    EXPECT_EQ(TCDirsManager::GetPolicyXmlPath(), GetParam().m_path);
-
-    TTexts expected;
-    if (!GetParam().m_vendor) {
-        expected.push_back(kVendorMissing);
-    }
-    expected.push_back("3 PolicyMode: " + std::to_string(GetParam().m_mode)
-                       + ", policy xml path: " + GetParam().m_path);
-    for (const auto& line : m_log.Lines()) {
-        EXPECT_EQ(line.m_source, "KELDirsManager");
-        EXPECT_EQ(line.m_function, "getPolicyPath");
-    }
-    EXPECT_EQ(TakeMessages(), expected);
-    EXPECT_EQ(TCDirsManager::GetPolicyMode(), GetParam().m_mode);
-}
-
-INSTANTIATE_TEST_SUITE_P(Files, DirsManagerPolicy, testing::ValuesIn(kPolicyRows),
-                         [](const auto& row) { return NameOf(row.param); });
 
 TEST_F(DirsManager, EveryLineNamesItsPlaceInBothCopies)
 {
@@ -211,40 +170,20 @@ TEST_F(DirsManager, EveryLineNamesItsPlaceInBothCopies)
     EXPECT_EQ(output, copies);
 }
 
-TEST_F(DirsManager, ADirectoryNamedLikeAPolicyFileCounts)
-{
-    fs::create_directories(kVariant);
-
-    EXPECT_EQ(TCDirsManager::GetPolicyXmlPath(), kVariant);
-    EXPECT_EQ(TCDirsManager::GetPolicyMode(), 2);
-}
-
-TEST_F(DirsManager, ADanglingLinkNamedLikeAPolicyFileDoesNotCount)
+TEST_F(DirsManager, WhateverHasThePolicyFilesNameCountsButALinkToNowhere)
 {
     fs::create_directories(fs::path(kVariant).parent_path());
     fs::create_symlink("/nonexistent", kVariant);
-
     EXPECT_EQ(TCDirsManager::GetPolicyXmlPath(), kDefault);
-    EXPECT_EQ(TCDirsManager::GetPolicyMode(), 0);
-}
 
-TEST_F(DirsManager, AnUnreadableFileStillWins)
-{
-    MakeFile(kHigh);
-    fs::permissions(kHigh, fs::perms::none);
+    fs::remove(kVariant);
+    fs::create_directory(kVariant);
+    EXPECT_EQ(TCDirsManager::GetPolicyXmlPath(), kVariant);
+    EXPECT_EQ(TCDirsManager::GetPolicyMode(), 2);
 
-    EXPECT_EQ(TCDirsManager::GetPolicyXmlPath(), kHigh);
-}
-
-TEST_F(DirsManager, AFileThatGoesAwayTakesItsModeWithIt)
-{
-    MakeFile(kVendor);
-    EXPECT_EQ(TCDirsManager::GetPolicyXmlPath(), kVendor);
-
-    fs::remove(kVendor);
-
+    fs::remove(kVariant);
     EXPECT_EQ(TCDirsManager::GetPolicyXmlPath(), kDefault);
-    EXPECT_EQ(TCDirsManager::GetPolicyMode(), 0);
+    EXPECT_EQ(TCDirsManager::GetPolicyMode(), 0) << "the mode goes with the file";
 }
 
 TEST_F(DirsManager, WithoutTheMarkerTheUsbServiceIsNotCalledAndTheModeIsNormal)
@@ -261,14 +200,15 @@ TEST_F(DirsManager, WithoutTheMarkerTheUsbServiceIsNotCalledAndTheModeIsNormal)
     EXPECT_EQ(m_platform.UsbCalls(), TTexts());
 }
 
-TEST_F(DirsManager, AnyTypeOfMarkerMakesADebugImage)
+TEST_F(DirsManager, DirectoriesWillDoAsTheMarkerAndAsTheSticksPolicyFile)
 {
     fs::create_directory("/etc/debug");
+    fs::create_directories(kStickPolicy);
+    PlugIn(kStick);
 
     TCDirsManager::Initialize();
 
-    EXPECT_FALSE(m_log.Mentions("not debug"));
-    EXPECT_EQ(m_platform.UsbCalls(), (TTexts{"init", "list 8", "count", "fini"}));
+    EXPECT_EQ(TCDirsManager::GetKELMode(), 3);
 }
 
 TEST_F(DirsManager, AStickWithAPolicyFileStartsUsbTestMode)
@@ -288,20 +228,10 @@ TEST_F(DirsManager, AStickWithAPolicyFileStartsUsbTestMode)
     EXPECT_EQ(TCDirsManager::m_policyXmlPath, kStickPolicy);
     EXPECT_EQ(m_platform.UsbCalls(),
               (TTexts{"init", "list 8", "count", "first", "mountpath", "fini"}));
-}
 
-TEST_F(DirsManager, AskingForThePathGivesUpTheUsbPathAndKeepsTheMode)
-{
-    MakeDebugImage();
-    MakeFile(kVariant);
-    MakeFile(kStickPolicy);
-    PlugIn(kStick);
-    TCDirsManager::Initialize();
-    ASSERT_EQ(TCDirsManager::m_policyXmlPath, kStickPolicy);
-
-    EXPECT_EQ(TCDirsManager::GetPolicyXmlPath(), kVariant);
-
-    EXPECT_EQ(TCDirsManager::m_policyXmlPath, kVariant);
+    // Asking for the path gives up the stick's, and keeps the mode.
+    EXPECT_EQ(TCDirsManager::GetPolicyXmlPath(), kVendor);
+    EXPECT_EQ(TCDirsManager::m_policyXmlPath, kVendor);
     EXPECT_EQ(TCDirsManager::GetKELMode(), 3);
 }
 
@@ -321,17 +251,6 @@ TEST_F(DirsManager, AStickWithoutAPolicyFileLeavesThePathAndEndsUsbTestMode)
     EXPECT_EQ(TCDirsManager::GetKELMode(), 0);
     EXPECT_EQ(m_platform.UsbCalls(),
               (TTexts{"init", "list 8", "count", "first", "mountpath", "fini"}));
-}
-
-TEST_F(DirsManager, ADirectoryNamedLikeTheSticksPolicyFileCounts)
-{
-    MakeDebugImage();
-    fs::create_directories(kStickPolicy);
-    PlugIn(kStick);
-
-    TCDirsManager::Initialize();
-
-    EXPECT_EQ(TCDirsManager::GetKELMode(), 3);
 }
 
 TEST_F(DirsManager, OnlyTheFirstStickIsLookedAt)
