@@ -707,20 +707,6 @@ TEST_F(FileChanges, AUniqueNameHasNoUpperBound)
     EXPECT_EQ(result, directory / "a_121.b");
 }
 
-TEST_F(FileChanges, AUniqueNameMayTakeThePlaceOfWhatItIsMadeOf)
-{
-    const fs::path directory = m_root / "one";
-    Write(directory / "log.txt");
-
-    fs::path name = "log.txt";
-    EXPECT_TRUE(TSFileSystem::GenerateUniqueName(directory, name, name));
-    EXPECT_EQ(name, directory / "log_1.txt");
-
-    fs::path place = directory;
-    EXPECT_TRUE(TSFileSystem::GenerateUniqueName(place, "log.txt", place));
-    EXPECT_EQ(place, directory / "log_1.txt");
-}
-
 TEST_F(FileChanges, AUniqueNameMayBeThatOfALinkToNowhereOrInAMissingDirectory)
 {
     fs::create_symlink("nowhere", m_root / "one" / "link.txt");

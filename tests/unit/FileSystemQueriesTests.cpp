@@ -605,20 +605,6 @@ TEST_F(FileQueries, WhatHasNoPositionIsTooLongAndDoesNotWaitForAWriter)
     EXPECT_THAT(contents, ElementsAre(1, 2));
 }
 
-TEST_F(FileQueries, ContentsStayWhenThereIsNoMemoryForAStream)
-{
-    Write(m_root / "file");
-    std::vector<unsigned char> contents{1, 2};
-    const size_t before = CountDescriptors();
-    g_hooks.m_fdopen = [] { return ENOMEM; };
-
-    EXPECT_FALSE(TSFileSystem::GetFileContents((m_root / "file").string(), contents));
-
-    EXPECT_THAT(contents, ElementsAre(1, 2));
-    EXPECT_EQ(CountDescriptors(), before);
-    ExpectLog("GetFileContents", kDebugPriority, {"File /tmp/tree/file opening failed"});
-}
-
 TEST_F(FileQueries, ContentsAreReadEvenWhereTheTypeCannotBeAskedFor)
 {
     Write(m_root / "file", "text");

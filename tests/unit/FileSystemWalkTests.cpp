@@ -7,183 +7,22 @@
 #include <cstring>
 #include <random>
 
-#include "FileSystemTests.h"
-#include "support/PlainWalk.h"
-
-// The walks beside plain ones, which ask Boost for the status of every entry: whatever a tree is
-// like, both report the same.
+#include "FileWalkTests.h"
 
 namespace kel::test {
 
 namespace {
 
-constexpr char kExtension[] = ".log";
-
-// All that a caller, or the reader of the log, can see of one call.
-struct TSOutcome
+void MakeSocket(const fs::path& path)
 {
-    std::string m_result;
-    std::vector<std::string> m_names;
-    std::vector<std::string> m_lines; // priority and message
-    std::string m_thrown;
-
-    bool operator==(const TSOutcome& other) const
-    {
-        return m_result == other.m_result && m_names == other.m_names && m_lines == other.m_lines
-               && m_thrown == other.m_thrown;
-    }
-};
-
-void PrintTo(const TSOutcome& outcome, std::ostream* stream)
-{
-    *stream << "result " << outcome.m_result << ", names "
-            << testing::PrintToString(outcome.m_names) << ", lines "
-            << testing::PrintToString(outcome.m_lines) << ", thrown \"" << outcome.m_thrown << '"';
+    const int descriptor = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    ASSERT_LT(path.string().size(), sizeof(address.sun_path));
+    strcpy(address.sun_path, path.c_str());
+    ASSERT_EQ(bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    close(descriptor);
 }
-
-std::string ErrorLine(const std::string& message)
-{
-    return std::to_string(kErrorPriority) + " " + message;
-}
-
-// Runs one call; its log lines are added by whoever knows them.
-template <typename Call> void Record(Call call, TSOutcome& outcome)
-{
-    try {
-        outcome.m_result = std::to_string(call());
-    } catch (const fs::filesystem_error& error) {
-        outcome.m_thrown = std::string(typeid(error).name()) + " " + error.what() + " "
-                           + error.code().category().name() + " "
-                           + std::to_string(error.code().value()) + " " + error.path1().string()
-                           + " " + error.path2().string();
-    } catch (const std::exception& error) {
-        outcome.m_thrown = std::string(typeid(error).name()) + " " + error.what();
-    }
-}
-
-class FileWalk : public FileSystemTest
-{
-protected:
-    // What a walk from this start gives, once it is certain that both give it.
-    TSOutcome Files(const fs::path& start, const std::string& extension = kExtension)
-    {
-        return m_Compare(
-            start, [&] { return m_Files(PlainGetFiles, start, extension); },
-            [&] {
-                m_log.Clear();
-                TSOutcome outcome = m_Files(TSFileSystem::GetFiles, start, extension);
-                outcome.m_lines = m_Lines("GetFiles");
-                return outcome;
-            });
-    }
-
-    TSOutcome Size(const fs::path& start)
-    {
-        return m_Compare(
-            start,
-            [&] {
-                TSOutcome outcome;
-                m_prepare();
-                std::vector<std::string> messages;
-                Record([&] { return PlainGetDirSize(start, messages); }, outcome);
-                for (const std::string& message : messages) {
-                    outcome.m_lines.push_back(ErrorLine(message));
-                }
-                return outcome;
-            },
-            [&] {
-                TSOutcome outcome;
-                m_log.Clear();
-                m_prepare();
-                Record([&] { return TSFileSystem::GetDirSize(start); }, outcome);
-                outcome.m_lines = m_Lines("GetDirSize");
-                return outcome;
-            });
-    }
-
-    void Both(const fs::path& start)
-    {
-        Files(start);
-        Files(start, "");
-        Size(start);
-    }
-
-    void MakeSocket(const fs::path& path)
-    {
-        const int descriptor = socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        ASSERT_LT(path.string().size(), sizeof(address.sun_path));
-        strcpy(address.sun_path, path.c_str());
-        ASSERT_EQ(bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-        close(descriptor);
-    }
-
-    // Before every single walk.
-    std::function<void()> m_prepare = [] {};
-
-private:
-    template <typename Plain, typename Ours>
-    TSOutcome m_Compare(const fs::path& start, Plain runPlain, Ours runOurs)
-    {
-        // When anything is mounted anywhere while the kernel follows a path, it begins anew without
-        // forgetting the links that it has counted: half of its limit is then too many, by chance.
-        for (int left = 20;; --left) {
-            const TSOutcome plain = runPlain();
-            TSOutcome ours = runOurs();
-            if (ours == plain || left == 0) {
-                EXPECT_EQ(ours, plain) << start;
-                return ours;
-            }
-        }
-    }
-
-    template <typename Function>
-    TSOutcome m_Files(Function function, const fs::path& start, const std::string& extension)
-    {
-        TSOutcome outcome;
-        std::vector<fs::path> files;
-        m_prepare();
-        Record([&] { return function(files, start, extension); }, outcome);
-        for (const fs::path& file : files) {
-            outcome.m_names.push_back(file.string());
-        }
-        return outcome;
-    }
-
-    std::vector<std::string> m_Lines(const std::string& function)
-    {
-        std::vector<std::string> lines;
-        for (const TSLogLine& line : m_log.Lines()) {
-            EXPECT_EQ(line.m_function, function);
-            lines.push_back(std::to_string(line.m_priority) + " " + line.m_message);
-        }
-        return lines;
-    }
-};
-
-// A directory as "/", while this object lives.
-class NewRoot
-{
-public:
-    explicit NewRoot(const fs::path& path) : m_old(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC))
-    {
-        m_entered = chroot(path.c_str()) == 0 && chdir("/") == 0;
-    }
-    ~NewRoot()
-    {
-        m_entered = fchdir(m_old) == 0 && chroot(".") == 0;
-        close(m_old);
-    }
-    NewRoot(const NewRoot&) = delete;
-    NewRoot& operator=(const NewRoot&) = delete;
-
-    bool IsEntered() const { return m_entered; }
-
-private:
-    int m_old;
-    bool m_entered;
-};
 
 TEST_F(FileWalk, StartsThatAreNoDirectory)
 {
@@ -199,65 +38,6 @@ TEST_F(FileWalk, StartsThatAreNoDirectory)
         EXPECT_EQ(Files(start).m_result, "0");
         EXPECT_EQ(Size(start).m_result, "0");
     }
-}
-
-TEST_F(FileWalk, StartsInEverySpelling)
-{
-    Write(m_root / "a.log", "1");
-    Write(m_root / "b.log", "22");
-    Write(m_root / "c" / "d.log", "333");
-    Write(m_root / "e" / "f.log", "4444");
-    fs::create_directory_symlink(m_root / "e", m_root / "link");
-    fs::create_symlink("nowhere", m_root / "dangling");
-    const fs::path before = fs::current_path();
-    fs::current_path(m_root);
-
-    for (const char* const start : {"/tmp/tree",
-                                    "/tmp/tree/",
-                                    "/tmp/tree//",
-                                    "/tmp/tree///",
-                                    "//tmp/tree",
-                                    "//tmp//tree",
-                                    "///tmp/tree",
-                                    "/tmp/tree/.",
-                                    "/tmp/tree/./",
-                                    "/tmp/tree/c/..",
-                                    "/tmp/tree/link",
-                                    "/tmp/tree/link/",
-                                    "/tmp/tree/link//",
-                                    ".",
-                                    "./",
-                                    ".//",
-                                    "..",
-                                    "c",
-                                    "c/",
-                                    "c//",
-                                    "link"}) {
-        Both(start);
-    }
-    EXPECT_EQ(Files("/tmp/tree").m_names.size(), 5u);
-    fs::current_path(before);
-}
-
-TEST_F(FileWalk, TheRootInEverySpelling)
-{
-    Write(m_root / "a.log", "1");
-    Write(m_root / "b.log", "22");
-    Write(m_root / "c" / "d.log", "333");
-    Write(m_root / "c" / "c" / "e.log", "4444");
-    Write(m_root / "c" / "a.log", "55555");
-    const fs::path before = fs::current_path();
-    {
-        const NewRoot root(m_root);
-        ASSERT_TRUE(root.IsEntered());
-        for (const char* const directory : {"/", "/c"}) {
-            fs::current_path(directory);
-            for (const char* const start : {"/", "//", "///", "////", "/.", "//c", "//c//", "/c"}) {
-                Both(start);
-            }
-        }
-    }
-    fs::current_path(before);
 }
 
 TEST_F(FileWalk, ATreeOfEverything)
@@ -306,42 +86,6 @@ TEST_F(FileWalk, LinksToNowhere)
     Both(m_root);
 }
 
-TEST_F(FileWalk, LinksThatLoop)
-{
-    Write(m_root / "self" / "a.log");
-    fs::create_symlink("loop", m_root / "self" / "loop");
-    EXPECT_NE(Files(m_root / "self").m_thrown, "");
-    Both(m_root / "self");
-
-    Write(m_root / "cycle" / "a.log");
-    fs::create_directory_symlink(".", m_root / "cycle" / "loop");
-    EXPECT_NE(Files(m_root / "cycle").m_thrown, "");
-    Both(m_root / "cycle");
-    Both(m_root / "cycle" / "loop" / "loop");
-
-    Write(m_root / "one" / "a.log");
-    Write(m_root / "two" / "b.log");
-    fs::create_directory_symlink("../two", m_root / "one" / "link");
-    fs::create_directory_symlink("../one", m_root / "two" / "link");
-    Both(m_root / "one");
-
-    // As many links as the system follows, and no more than that.
-    Write(m_root / "end" / "a.log");
-    fs::create_directory_symlink("end", m_root / "link40");
-    for (int i = 39; i >= 1; --i) {
-        fs::create_directory_symlink("link" + std::to_string(i + 1),
-                                     m_root / ("link" + std::to_string(i)));
-    }
-    Both(m_root / "link1");
-    Both(m_root / "link2");
-    fs::create_symlink("a.log", m_root / "end" / "b.log");
-    fs::create_directory_symlink(m_root / "two", m_root / "end" / "more");
-    fs::remove(m_root / "two" / "link");
-    Both(m_root / "link1");
-    Both(m_root / "link2");
-    Both(m_root / "link3");
-}
-
 TEST_F(FileWalk, DirectoriesThatCannotBeOpenedOrSearched)
 {
     Write(m_root / "a.log");
@@ -366,18 +110,12 @@ TEST_F(FileWalk, DirectoriesThatCannotBeOpenedOrSearched)
                   (std::vector<std::string>{ErrorLine("Error getting dir size, boost error 13")}));
     }
     ChangeMode(m_root / "middle", 0400);
+    MakeDirectory(m_root / "top" / "below");
+    ChangeMode(m_root / "top", 0400);
     const Unprivileged unprivileged;
     EXPECT_NE(Files(m_root).m_thrown, "");
     EXPECT_NE(Size(m_root).m_thrown, "");
-}
-
-TEST_F(FileWalk, AnUnsearchableDirectoryOfDirectories)
-{
-    MakeDirectory(m_root / "top" / "below");
-    ChangeMode(m_root / "top", 0400);
-
-    const Unprivileged unprivileged;
-    Both(m_root);
+    Both(m_root / "top");
 }
 
 TEST_F(FileWalk, PathsAtTheSystemsLimitAndBeyond)
@@ -476,6 +214,7 @@ TEST_F(FileWalk, FileSystemsThatDoNotTellTypes)
     fs::create_symlink("nowhere", m_root / "e" / "dangling");
     Both(m_root);
     fs::create_directory_symlink(".", m_root / "loop");
+    m_chances = kChances;
     Both(m_root);
 }
 
