@@ -21,7 +21,8 @@ public:
     /// Turns the copy to "/tmp/kel_<program>_<pid>.log" on or off.
     ///
     /// The file is opened for appending the first time only, and stays open for the life of the
-    /// process. When it cannot be opened the switch is on all the same, and nothing is written.
+    /// process. When it cannot be opened, or a link or another thing that is no file has its name,
+    /// the switch is on all the same, and nothing is written.
     void EnableFileLog(bool enable);
 
     /// Turns the copy to standard output on or off.

@@ -72,7 +72,8 @@ public:
     /// failure.
     static double GetFreeSpaceSize(boost::filesystem::path path);
 
-    /// Reads a whole file.
+    /// Reads a whole file. Waits for another process's lease on it, as any open does, and not for
+    /// the other end of a FIFO.
     ///
     /// @param contents  replaced on success, untouched otherwise.
     /// @return true on success; false when the file cannot be opened (a debug line), has no
@@ -81,7 +82,8 @@ public:
     ///         as of a FIFO, which has no positions.
     static bool GetFileContents(const std::string& fileName, std::vector<unsigned char>& contents);
 
-    /// Copies a regular file, its mode bits included, also from one file system to another.
+    /// Copies a regular file, its mode bits included, also from one file system to another. A FIFO
+    /// is not waited for: it is no file.
     ///
     /// @param overwrite  replace an existing destination instead of failing on it.
     /// @return true on success, otherwise false with an error line; what was written so far stays.

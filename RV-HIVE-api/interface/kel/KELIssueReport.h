@@ -22,7 +22,8 @@ KEL_EXPORT int Request_NDF(char* processName, char* threadName, int requestReboo
 KEL_EXPORT int Request_NDF(char* processName, char* threadName);
 
 /// Leaves the file "process-thread-mode.log" in "/tmp/kel_NDF", or in "/tmp/kel_NDF_reboot" for a
-/// request with a reboot. The directory must exist. The path is cut at 126 characters.
+/// request with a reboot. The directory must exist. The path is cut at 126 characters. No link of
+/// that name is followed and no FIFO waited for: either is a failure.
 ///
 /// @param flag           the send mode.
 /// @param uploadPath     the artefact to upload: the content of the file.
