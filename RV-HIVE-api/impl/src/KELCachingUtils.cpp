@@ -37,16 +37,15 @@ bool TCHtCachingUtils::GetVconfCachedString(const std::string& key, std::string&
     if (Find(m_vconfStringCache, key, value)) {
         return true;
     }
-    const std::string wanted = key; // the caller's may be the string that receives the value
     caches.Promote();
     // The text is not freed, on purpose: one per key and process is all there can be, and not
     // every platform's texts come from malloc().
-    const char* const text = vconf_get_str(wanted.c_str());
+    const char* const text = vconf_get_str(key.c_str());
     if (text == nullptr) {
         return false;
     }
+    m_vconfStringCache.emplace(key, text); // first: the key may be the string for the value
     value = text;
-    m_vconfStringCache.emplace(wanted, value);
     return true;
 }
 
