@@ -1,77 +1,14 @@
-#include <sched.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <sys/utsname.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <exception>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <list>
-#include <memory>
-#include <optional>
 #include <set>
-#include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include <system_info.h>
-#include <usb_device.h>
-#include <vconf.h>
-
-#include "support/Mount.h"
-#include "support/Sandbox.h"
+#include "HostPlatformTests.h"
 
 // The stand-ins for the device's functions, as a program on a plain host meets them.
 
 namespace {
-
-namespace fs = std::filesystem;
-
-struct TSFree
-{
-    void operator()(char* text) const { free(text); }
-};
-
-std::optional<std::string> Owned(char* text)
-{
-    const std::unique_ptr<char, TSFree> owned(text);
-    return text != nullptr ? std::make_optional(std::string(text)) : std::nullopt;
-}
-
-void Write(const fs::path& file, const std::string& text)
-{
-    fs::create_directories(file.parent_path());
-    std::ofstream(file, std::ios::binary) << text;
-}
-
-// The exit code of a child process that runs a function.
-int InChild(const std::function<int()>& function)
-{
-    const pid_t child = fork();
-    if (child == 0) {
-        try {
-            _exit(function());
-        } catch (const std::exception& error) { // the tests that follow are not the child's
-            fprintf(stderr, "%s\n", error.what());
-            _exit(99);
-        }
-    }
-    int status = -1;
-    return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-// Ends being root; where there is no other user to become, the user of a namespace without users.
-bool BecomeNobody()
-{
-    return setresuid(65534, 65534, 65534) == 0 || (unshare(CLONE_NEWUSER) == 0 && geteuid() != 0);
-}
 
 class HostVconf : public testing::Test
 {
@@ -314,44 +251,6 @@ TEST_F(HostVconf, AnotherUsersStoreIsTheUsersOwn)
               0);
 }
 
-// Everybody may make directories in /tmp, so somebody else may have been first.
-TEST_F(HostVconf, ADirectoryThatSomebodyElseHasPutInPlaceIsNotUsed)
-{
-    unsetenv("KEL_HOST_VCONF_DIR");
-    const auto refuses = [] {
-        return InChild([] {
-            unsetenv("XDG_RUNTIME_DIR");
-            if (!BecomeNobody()) {
-                return 1;
-            }
-            return Set("memory/key", "value") != 0 && !Get("memory/key") ? 0 : 2;
-        });
-    };
-
-    fs::create_symlink(m_root, m_nobodys);
-    EXPECT_EQ(refuses(), 0);
-    fs::remove(m_nobodys);
-    Write(m_nobodys, "");
-    EXPECT_EQ(refuses(), 0);
-    fs::remove(m_nobodys);
-
-    // Root's, unless this user is only called nobody and the directory is its own.
-    fs::create_directory(m_nobodys);
-    fs::permissions(m_nobodys, fs::perms::all);
-    EXPECT_EQ(InChild([&] {
-                  unsetenv("XDG_RUNTIME_DIR");
-                  struct stat status;
-                  if (!BecomeNobody() || lstat(m_nobodys.c_str(), &status) != 0) {
-                      return 1;
-                  }
-                  const bool own = status.st_uid == geteuid();
-                  return (Set("memory/key", "value") == 0) == own ? 0 : 2;
-              }),
-              0);
-
-    EXPECT_FALSE(fs::exists(m_root));
-}
-
 class HostSystemInfo : public testing::Test
 {
 protected:
@@ -465,68 +364,6 @@ TEST_F(HostSystemInfo, AKeyOfAnotherTypeOrOfNoneIsAFailureThatLeavesTheOutput)
     }
     EXPECT_NE(system_info_get_value_int(SYSTEM_INFO_KEY_CORES, nullptr), 0);
     EXPECT_NE(system_info_get_value_string(SYSTEM_INFO_KEY_MACHINE, nullptr), 0);
-}
-
-// Mounted file systems of memory, with an entry in sysfs that says where their "device" hangs.
-class HostUsb : public testing::Test
-{
-protected:
-    void SetUp() override { ASSERT_EQ(usb_device_init(), 0); }
-    void TearDown() override
-    {
-        EXPECT_EQ(usb_device_fini(), 0);
-        fs::remove_all("/tmp/devices");
-    }
-
-    void Mount(const fs::path& path, const fs::path& device)
-    {
-        m_mounted.emplace_back(path);
-        fs::create_directories("/tmp/devices" / device);
-        struct stat status;
-        ASSERT_EQ(stat(path.c_str(), &status), 0);
-        fs::create_symlink("/tmp/devices" / device, "/sys/dev/block/"
-                                                        + std::to_string(major(status.st_dev)) + ":"
-                                                        + std::to_string(minor(status.st_dev)));
-    }
-
-    static usb_device_list_h List(int filter = USB_DEVICE_CLASS_MASS_STORAGE)
-    {
-        usb_device_list_h list = nullptr;
-        EXPECT_EQ(usb_device_get_device_list(filter, &list), 0);
-        return list;
-    }
-
-    static std::string FirstMountPath(usb_device_list_h list)
-    {
-        usb_device_h device = nullptr;
-        EXPECT_EQ(usb_device_list_get_first(list, &device), 0);
-        return usb_device_get_mountpath(device);
-    }
-
-private:
-    const kel::test::Mount m_block{"/sys/dev/block", "mode=755"};
-    std::list<kel::test::Mount> m_mounted;
-};
-
-TEST_F(HostUsb, ListsWhatIsMountedFromTheUsbBus)
-{
-    Mount("/tmp/disk", "pci0/ata1/block/sda/sda1");
-    Mount("/tmp/controller", "usb-phy/usbx/usb/block/sdb");
-
-    usb_device_list_h list = List();
-    usb_device_h device = nullptr;
-    EXPECT_EQ(usb_device_list_get_count(list), 0);
-    EXPECT_NE(usb_device_list_get_first(list, &device), 0);
-    EXPECT_EQ(device, nullptr);
-
-    const fs::path path = "/tmp/a stick\\040\t\v\r\n#\xff";
-    Mount(path, "pci0/usb1/1-2/host3/block/sdc/sdc1");
-    Mount("/tmp/other", "pci0/usb12/1-3/block/sdd");
-
-    list = List();
-    EXPECT_EQ(usb_device_list_get_count(list), 2);
-    EXPECT_EQ(FirstMountPath(list), path.string());
-    EXPECT_EQ(usb_device_list_get_count(List(3)), 0) << "another class of devices";
 }
 
 TEST_F(HostUsb, ListsOnlyWhileItIsOpen)
