@@ -3,7 +3,6 @@
 #include <pthread.h>
 
 #include <mutex>
-
 #include <optional>
 
 #include <boost/thread/locks.hpp>
