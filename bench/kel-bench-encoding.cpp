@@ -222,9 +222,9 @@ std::string CompareMemory(const TCCodec& codec)
     return text;
 }
 
-int Run(int argc, char** argv)
+int Run()
 {
-    TCBounds bounds(argc, argv);
+    TCBounds bounds;
     const TCCodec codec;
     const std::string memory = CompareMemory(codec);
     std::printf("\"Send\" requests, medians of alternating blocks\n"
@@ -241,4 +241,4 @@ int Run(int argc, char** argv)
 
 } // namespace kel::bench
 
-int main(int argc, char** argv) { return kel::bench::Run(argc, argv); }
+int main() { return kel::bench::Run(); }

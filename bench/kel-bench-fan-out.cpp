@@ -406,7 +406,7 @@ int Run(int argc, char** argv)
     if (argc == 2 && std::string(argv[1]) == kMemoryRole) {
         return RunMemory();
     }
-    TCBounds bounds(argc, argv);
+    TCBounds bounds;
     return RunBenchmark(bounds);
 }
 

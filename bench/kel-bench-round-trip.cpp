@@ -163,7 +163,7 @@ int Run(int argc, char** argv)
     if (argc == 2 && std::string(argv[1]) == kServerRole) {
         return RunServer();
     }
-    TCBounds bounds(argc, argv);
+    TCBounds bounds;
     setenv("KEL_HOST_LOG", "none", 1); // the log's sink is not what is measured
     const test::PrivateBus bus;
     const auto server = StartPeer({kServerRole});

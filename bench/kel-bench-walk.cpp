@@ -122,9 +122,9 @@ void Row(const char* what, const char* baseline, const TSPaired& pair, double bo
     std::fflush(stdout);
 }
 
-int Run(int argc, char** argv)
+int Run()
 {
-    TCBounds bounds(argc, argv);
+    TCBounds bounds;
     const TCTree tree;
     const std::string& path = tree.Path();
 
@@ -162,10 +162,10 @@ int Run(int argc, char** argv)
 
 } // namespace kel::bench
 
-int main(int argc, char** argv)
+int main()
 {
     try {
-        return kel::bench::Run(argc, argv);
+        return kel::bench::Run();
     } catch (const std::exception& error) {
         std::fprintf(stderr, "%s\n", error.what());
         return 2;
