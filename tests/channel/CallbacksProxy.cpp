@@ -1,9 +1,6 @@
 // What an application hears of the agent through the callbacks object.
 
 #include <atomic>
-#include <future>
-
-#include <boost/bind/bind.hpp>
 
 #include "channel/CallbacksTest.h"
 
@@ -60,23 +57,6 @@ TEST_F(CallbacksProxy, AProcessInfoRequestIsAnsweredWithTrueWhateverTheFunctionS
 
     EXPECT_EQ(m_called, 1);
     EXPECT_TRUE(m_log.Has(kDebug, "Callback called with id 4"));
-}
-
-TEST_F(CallbacksProxy, AFunctionKeepsItsStateFromEventToEvent)
-{
-    std::vector<int> counts;
-    m_proxy->SetPolicyUpdateCb([&counts, count = 0]() mutable { counts.push_back(++count); });
-    m_proxy->SetRequestProcessInfoCb([&counts, count = 10]() mutable {
-        counts.push_back(++count);
-        return true;
-    });
-
-    for (const int type : {2, 4, 2, 4}) {
-        m_agent.Send(SendBytes(type, 0));
-    }
-
-    m_loop.Settle();
-    EXPECT_EQ(counts, (std::vector<int>{1, 11, 2, 12}));
 }
 
 TEST_F(CallbacksProxy, ASecondSetIsRefusedAndTheFirstFunctionStays)
@@ -161,20 +141,6 @@ TEST_F(CallbacksProxy, AResetGivesBackWhatTheFunctionHeld)
     EXPECT_EQ(held.use_count(), 1);
 }
 
-TEST_F(CallbacksProxy, WhatAFunctionHeldMayUseTheProxyWhenItGoes)
-{
-    const Watchdog watchdog;
-    std::shared_ptr<void> held(nullptr,
-                               [this](void*) { EXPECT_TRUE(m_proxy->SetPolicyUpdateCb(m_count)); });
-    ASSERT_TRUE(m_proxy->SetPolicyUpdateCb([held] {}));
-    held.reset();
-
-    EXPECT_TRUE(m_proxy->ResetPolicyUpdateCb());
-
-    EXPECT_EQ(m_agent.Send(SendBytes(2, 0)).m_bytes, TBytes{1});
-    EXPECT_EQ(m_called, 1);
-}
-
 TEST_F(CallbacksProxy, ATypeThatSomebodyElseRegisteredIsRefusedAndTheFunctionNotKept)
 {
     ASSERT_TRUE(m_client->SetCallback(2, [](const TBytes&, TBytes& response) {
@@ -204,22 +170,6 @@ TEST_F(CallbacksProxy, AnEmptyFunctionIsRegisteredAndNeverCalled)
     }
     EXPECT_EQ(m_agent.Send(SendBytes(4, 0)).m_bytes, TBytes{0});
     EXPECT_TRUE(m_log.Has(kError, "m_requestProcessInfoCb is NULL"));
-}
-
-TEST_F(CallbacksProxy, AnyOtherTypeIsNotImplemented)
-{
-    using namespace boost::placeholders;
-    auto* const proxy = static_cast<TCCallbacksProxy*>(m_proxy.get());
-    for (const int type : {3, 0, -1}) {
-        ASSERT_TRUE(m_client->SetCallback(
-            type, boost::bind(&TCCallbacksProxy::m_Callback, proxy, type, _1, _2)));
-
-        EXPECT_EQ(m_agent.Send(SendBytes(type, 0)).m_bytes, TBytes{0});
-
-        EXPECT_TRUE(m_log.Has(kDebug, "Callback called with id " + std::to_string(type)));
-        EXPECT_TRUE(m_log.Has(kError, "Not implemented message type " + std::to_string(type)));
-    }
-    EXPECT_EQ(m_log.Lines("Not implemented message type 3").at(0).m_source, "KELCallbacksProxy");
 }
 
 TEST_F(CallbacksProxy, AFunctionThatThrowsCountsAsNotHandledAndHarmsNothing)

@@ -30,6 +30,16 @@ inline std::string FailedCheck(const std::string& source, int line)
            + ".";
 }
 
+/// Whether a mutex that is held shared lets no more readers in.
+inline bool IsWriterWaiting(TCSharedMutex& mutex)
+{
+    const bool isFree = mutex.try_lock_shared();
+    if (isFree) {
+        mutex.unlock_shared();
+    }
+    return !isFree;
+}
+
 /// A bus, and a host that runs its main loop. A test makes its channel end itself.
 class ChannelTest : public testing::Test
 {

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <cstring>
-#include <future>
 #include <stdexcept>
 
 #include <boost/function.hpp>
@@ -28,16 +27,6 @@ protected:
         unsigned char byte;
         std::memcpy(&byte, &m_server.m_currentAsync, 1);
         return byte;
-    }
-
-    /// Whether a mutex that is held shared lets no more readers in.
-    static bool IsWriterWaiting(TCSharedMutex& mutex)
-    {
-        const bool isFree = mutex.try_lock_shared();
-        if (isFree) {
-            mutex.unlock_shared();
-        }
-        return !isFree;
     }
 
     /// Sends, and returns when the callback has run and what it wrote may be read here.
@@ -69,25 +58,6 @@ TEST_F(ServerDispatch, SendRunsTheCallbackOfItsTypeAndReturnsResultAndResponse)
     EXPECT_EQ(request, (TBytes{0x41, 0x42}));
     EXPECT_EQ(thread, m_loop.ThreadId());
     EXPECT_TRUE(m_log.Has(kDebug, "->Invoke message handler Send"));
-}
-
-TEST_F(ServerDispatch, ACallbackKeepsItsStateFromMessageToMessage)
-{
-    const auto shared = std::make_shared<int>();
-    std::vector<int> counts;
-    m_server.SetCallback(5, [&counts, shared, count = 0](const TBytes&, TBytes&) mutable {
-        counts.push_back(++count);
-        return true;
-    });
-
-    for (int i = 0; i < 3; ++i) {
-        Send(SendBytes(5, 0));
-    }
-
-    EXPECT_EQ(counts, (std::vector<int>{1, 2, 3}));
-    EXPECT_EQ(shared.use_count(), 2) << "there is one of it";
-    m_server.UnSetCallback(5);
-    EXPECT_EQ(shared.use_count(), 1);
 }
 
 TEST_F(ServerDispatch, ACallbackThatRefusesGivesResultZeroWithItsResponse)
@@ -209,36 +179,6 @@ TEST_F(ServerDispatch, ACallbackThatThrowsCountsAsNotHandledAndIsNamed)
     EXPECT_TRUE(m_log.Has(kError, "Callback for type 5 has thrown"));
     EXPECT_EQ(CurrentSender(), "");
     EXPECT_TRUE(m_server.UnSetCallback(4)) << "its lock is free again";
-}
-
-TEST_F(ServerDispatch, ACallbackMayIterateTheLoopWhileAnotherThreadRegisters)
-{
-    std::promise<void> entered;
-    std::atomic<bool> nested(false);
-    m_server.SetCallback(1, [&](const TBytes&, TBytes&) {
-        entered.set_value();
-        // Until the other thread waits for the callbacks, and for the next message.
-        while (!nested) {
-            g_main_context_iteration(nullptr, TRUE);
-        }
-        return true;
-    });
-    m_server.SetCallback(2, [&](const TBytes&, TBytes&) {
-        nested = true;
-        return true;
-    });
-
-    const guint32 outer = m_peer.Post("Send", Body(SendBytes(1, 1)));
-    entered.get_future().wait();
-    std::future<bool> registered = std::async(std::launch::async, [this] {
-        return m_server.SetCallback(3, [](const TBytes&, TBytes&) { return true; });
-    });
-    ASSERT_TRUE(WaitUntil([this] { return IsWriterWaiting(m_server.m_callbacksMutex); }));
-    const guint32 inner = m_peer.Post("Send", Body(SendBytes(2, 1)));
-
-    EXPECT_EQ(m_peer.WaitReply(inner).m_bytes, TBytes{1});
-    EXPECT_EQ(m_peer.WaitReply(outer).m_bytes, TBytes{1});
-    EXPECT_TRUE(registered.get());
 }
 
 TEST_F(ServerDispatch, ACallThatWantsNoReplyIsHandledAllTheSame)

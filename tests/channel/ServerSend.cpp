@@ -169,22 +169,6 @@ TEST_F(ServerSend, AnErrorAsAnswerIsAFailure)
                                       + std::to_string(G_DBUS_ERROR_ACCESS_DENIED)));
 }
 
-TEST_F(ServerSend, AnErrorOfTheBusThatAClientAnswersItselfIsAFailureAndTheClientStays)
-{
-    for (const char* const error : {"ServiceUnknown", "NameHasNoOwner", "LimitsExceeded"}) {
-        m_first.SetAnswer("Send",
-                          TSAnswer::Error(std::string("org.freedesktop.DBus.Error.") + error));
-        Subscribe(m_first, {5});
-        Subscribe(m_second, {5});
-        m_first.ForgetCalls();
-
-        EXPECT_EQ(m_server.SendMessage(5, {}, 20'000), TCounts(1, 1)) << error;
-
-        EXPECT_EQ(m_server.NumberOfClients(), 2u) << error;
-        EXPECT_EQ(m_first.Calls("Send").size(), 1u) << error;
-    }
-}
-
 TEST_F(ServerSend, AnAnswerWithoutAValueIsAFailure)
 {
     Subscribe(m_first, {5});

@@ -16,16 +16,8 @@
 namespace {
 
 bool noClient = false;
-bool noPayload = false;
 
 } // namespace
-
-// In place of GLib's.
-void* g_try_malloc(gsize size)
-{
-    static const auto next = reinterpret_cast<void* (*)(gsize)>(dlsym(RTLD_NEXT, "g_try_malloc"));
-    return noPayload ? nullptr : next(size);
-}
 
 namespace kel {
 
@@ -93,21 +85,6 @@ TYPED_TEST(Shortage, AnEndThatCannotBeMadeLeavesNothingBehind)
     RawPeer peer(this->m_bus);
     peer.SetTarget(end->GetUniqueName());
     EXPECT_EQ(peer.Send(SendBytes(1, 0)).m_bytes, TBytes{1});
-}
-
-TEST_F(ServerTest, AMessageThatHasNoRoomThrowsAndTheEndWorksOn)
-{
-    RawPeer peer(m_bus);
-    peer.SetAnswer("Send", RawPeer::TSAnswer::Bytes({1}));
-    Subscribe(peer, {5});
-
-    noPayload = true;
-    EXPECT_THROW(m_server.SendMessage(5, {}, 20'000), std::bad_alloc);
-    noPayload = false;
-
-    EXPECT_EQ(m_server.SendMessage(5, {}, 20'000), (std::pair<size_t, size_t>(1, 0)));
-    peer.Vanish();
-    EXPECT_TRUE(WaitUntil([this] { return m_server.NumberOfClients() == 0; })) << "nothing locked";
 }
 
 class ProxyShortage : public ChannelTest

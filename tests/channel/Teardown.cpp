@@ -1,19 +1,19 @@
 // Destroying an end on any thread, whatever arrives meanwhile.
 
 #include <atomic>
-#include <cstring>
 #include <future>
-#include <optional>
 
 #include <boost/make_shared.hpp>
 
 #include "channel/ChannelTest.h"
+#include "channel/Traffic.h"
 #include "support/Threads.h"
-#include "support/TsanHandover.h"
 
 namespace kel::test {
 
 namespace {
+
+constexpr char kSend[] = "Send";
 
 template <typename End> class Teardown : public ChannelTest
 {
@@ -163,11 +163,10 @@ TYPED_TEST(Teardown, AHandlerThatRunsElsewhereIsWaitedFor)
     const guint32 call = this->m_peer.Post("Send", Body(SendBytes(1, 0)));
     entered.get_future().wait();
 
-    std::future<bool> leftBefore = std::async(std::launch::async, [&] {
+    std::future<bool> leftBefore = CallUntilItSleeps([&] {
         end.reset();
         return left.load();
     });
-    EXPECT_EQ(leftBefore.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
     gate.Open();
 
     EXPECT_TRUE(leftBefore.get());
@@ -176,19 +175,7 @@ TYPED_TEST(Teardown, AHandlerThatRunsElsewhereIsWaitedFor)
 
 TYPED_TEST(Teardown, ACallThatIsStillQueuedFindsTheEndGone)
 {
-    std::atomic<int> arrived(0);
-    HandOver(&arrived);
-    const guint filter = g_dbus_connection_add_filter(
-        this->m_shared.get(),
-        [](GDBusConnection*, GDBusMessage* message, gboolean, gpointer count) {
-            TakeOver(count);
-            const char* const method = g_dbus_message_get_member(message);
-            if (method != nullptr && std::strcmp(method, "Send") == 0) {
-                ++*static_cast<std::atomic<int>*>(count);
-            }
-            return message;
-        },
-        &arrived, nullptr);
+    const Traffic calls(&IsCall<kSend>);
     std::atomic<int> handled(0);
     auto end = std::make_unique<TypeParam>(false);
     end->SetCallback(1, [&](const TBytes&, TBytes&) {
@@ -199,25 +186,24 @@ TYPED_TEST(Teardown, ACallThatIsStillQueuedFindsTheEndGone)
     this->m_log.Clear();
     Gate gate;
     std::future<void> settled = this->Block(gate);
-    std::vector<guint32> calls;
+    std::vector<guint32> posted;
     for (int i = 0; i < 20; ++i) {
-        calls.push_back(this->m_peer.Post("Send", Body(SendBytes(1, 0))));
+        posted.push_back(this->m_peer.Post("Send", Body(SendBytes(1, 0))));
     }
     this->MakeNameEvent();
-    ASSERT_TRUE(WaitUntil([&] { return arrived == 20; }));
+    ASSERT_TRUE(WaitUntil([&] { return calls.Count() == 20; }));
 
     end.reset();
     gate.Open();
     settled.wait();
 
-    for (const guint32 call : calls) {
+    for (const guint32 call : posted) {
         const TSReply reply = this->m_peer.WaitReply(call);
         EXPECT_EQ(reply.m_error, "org.freedesktop.DBus.Error.UnknownMethod");
     }
     EXPECT_EQ(handled, 0);
     EXPECT_FALSE(this->m_log.Mentions("vanished"));
     EXPECT_FALSE(this->m_log.Mentions("appeared"));
-    g_dbus_connection_remove_filter(this->m_shared.get(), filter);
 }
 
 TYPED_TEST(Teardown, AnEndCanFollowAnotherInsideItsHandler)
@@ -268,66 +254,6 @@ TYPED_TEST(Teardown, AHandlerMaySendThroughAnEndOfTheOtherChannel)
     EXPECT_TRUE(other.SetCallback(1, TCDbus::TMessageCallback())) << "nothing stays locked";
 }
 
-/// What a program may make of the base of both ends.
-class BareEnd : public TCDbus
-{
-public:
-    using TCDbus::TCDbus;
-    bool SetCallback(int, const TMessageCallback&) override { return false; }
-    bool UnSetCallback(int) override { return false; }
-    using TCDbus::t_EndHandlers;
-    using TCDbus::t_Start;
-    using TCDbus::t_Stop;
-};
-
-TEST_F(ChannelTest, AnEndThatHasStoppedWithoutEndingItsHandlersIsNotTakenForTheNextInItsPlace)
-{
-    RawPeer peer(m_bus);
-    std::optional<BareEnd> end(std::in_place, false);
-    ASSERT_TRUE(end->t_Start());
-    end->t_Stop();
-
-    end.emplace(false); // at the same address
-    ASSERT_TRUE(end->t_Start());
-    peer.SetTarget(end->GetUniqueName());
-    EXPECT_EQ(peer.Send(SendBytes(1, 0)).m_bytes, TBytes{0});
-    end->t_EndHandlers();
-
-    EXPECT_FALSE(peer.Send(SendBytes(1, 0)).IsOk());
-    end->t_Stop();
-}
-
-TEST_F(ChannelTest, AClientInThePlaceOfTheOneThatItsHandlerDroppedHasItsOwnLocks)
-{
-    RawPeer peer(m_bus);
-    std::optional<TCDbusClient> client(std::in_place, false);
-    peer.SetTarget(client->GetUniqueName());
-    bool waited = false;
-    client->SetCallback(1, [&](const TBytes&, TBytes&) {
-        client.reset();
-        client.emplace(false); // at the same address
-        std::atomic<bool> released(false);
-        Gate locked;
-        std::future<void> holder = std::async(std::launch::async, [&] {
-            const TCWriteLock callbacks(client->m_callbacksMutex);
-            locked.Open();
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-            released = true;
-        });
-        locked.Wait();
-        TBytes response;
-        client->SendMessage(7, {}, response, false); // greets, which takes the lock
-        waited = released;
-        return true;
-    });
-
-    EXPECT_TRUE(peer.Send(SendBytes(1, 0)).IsOk());
-
-    m_loop.Settle();
-    EXPECT_TRUE(waited);
-    EXPECT_TRUE(client->SetCallback(1, TCDbus::TMessageCallback()));
-}
-
 TEST_F(ChannelTest, AServerThatLosesItsNameWhileItEndsDoesNotReportIt)
 {
     auto server = std::make_unique<TCDbusServer>(false);
@@ -342,13 +268,7 @@ TEST_F(ChannelTest, AServerThatLosesItsNameWhileItEndsDoesNotReportIt)
     {
         const TCReadLock state(mutex);
         ended = std::async(std::launch::async, [&] { server.reset(); });
-        ASSERT_TRUE(WaitUntil([&] {
-            const bool waits = !mutex.try_lock_shared();
-            if (!waits) {
-                mutex.unlock_shared();
-            }
-            return waits;
-        }));
+        ASSERT_TRUE(WaitUntil([&] { return IsWriterWaiting(mutex); }));
         g_variant_unref(g_dbus_connection_call_sync(
             connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
             "ReleaseName", g_variant_new("(s)", kBusName), nullptr, G_DBUS_CALL_FLAGS_NONE, -1,

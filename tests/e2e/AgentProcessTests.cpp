@@ -5,7 +5,7 @@
 #include <gmock/gmock.h>
 
 #include "e2e/AgentRoad.h"
-#include "e2e/Archives.h"
+#include "support/Archives.h"
 
 namespace kel::test {
 

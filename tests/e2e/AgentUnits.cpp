@@ -15,7 +15,7 @@
 #include "PolicyArchive.h"
 #include "PolicyStore.h"
 #include "PolicyText.h"
-#include "e2e/Archives.h"
+#include "support/Archives.h"
 #include "support/PrivateBus.h"
 
 namespace kel::test {

@@ -1,9 +1,19 @@
 #pragma once
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <fstream>
 #include <functional>
 #include <future>
+#include <memory>
+#include <string>
 #include <thread>
+
+#include <gtest/gtest.h>
+
+#include "support/WaitUntil.h"
 
 namespace kel::test {
 
@@ -42,5 +52,25 @@ private:
     std::atomic<bool> m_stop{false};
     std::thread m_thread;
 };
+
+/// Calls a function in a thread of its own, and returns when it sleeps in there.
+template <typename Function> auto CallUntilItSleeps(Function function)
+{
+    const auto thread = std::make_shared<std::promise<pid_t>>();
+    auto result = std::async(std::launch::async, [thread, function] {
+        thread->set_value(static_cast<pid_t>(syscall(SYS_gettid)));
+        return function();
+    });
+    const std::string stat
+        = "/proc/self/task/" + std::to_string(thread->get_future().get()) + "/stat";
+    EXPECT_TRUE(WaitUntil([&] {
+        std::ifstream stream(stat);
+        std::string text;
+        std::getline(stream, text);
+        const size_t name = text.rfind(')');
+        return name != std::string::npos && text.compare(name, 3, ") S") == 0;
+    }));
+    return result;
+}
 
 } // namespace kel::test

@@ -1,4 +1,3 @@
-#include <memory>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -26,19 +25,6 @@ protected:
     kel::test::LogRecorder m_log;
 };
 
-TEST_F(CallbacksProxyEvents, WithoutAFunctionAreNotHandledAndOnlyTheRequestIsAnError)
-{
-    TBytes response{7};
-
-    EXPECT_FALSE(m_proxy.m_Callback(2, {1, 2}, response));
-    EXPECT_THAT(TakeMessages(m_log), ElementsAre("3 Callback called with id 2"));
-    EXPECT_FALSE(m_proxy.m_Callback(4, {1, 2}, response));
-    EXPECT_THAT(TakeMessages(m_log),
-                ElementsAre("3 Callback called with id 4", "6 m_requestProcessInfoCb is NULL"));
-
-    EXPECT_EQ(response, TBytes{7});
-}
-
 TEST_F(CallbacksProxyEvents, OfAnyOtherTypeAreNotImplemented)
 {
     TBytes response{7};
@@ -50,20 +36,6 @@ TEST_F(CallbacksProxyEvents, OfAnyOtherTypeAreNotImplemented)
                                 "6 Not implemented message type " + std::to_string(type)));
     }
 
-    EXPECT_EQ(response, TBytes{7});
-}
-
-TEST_F(CallbacksProxyEvents, LeaveTheResponseToTheFunctionsWhichHaveNone)
-{
-    int calls = 0;
-    m_proxy.m_policyUpdateCb = [&] { ++calls; };
-    m_proxy.m_requestProcessInfoCb = [&] { return ++calls == 0; };
-    TBytes response{7};
-
-    EXPECT_TRUE(m_proxy.m_Callback(2, {1, 2}, response));
-    EXPECT_TRUE(m_proxy.m_Callback(4, {1, 2}, response));
-
-    EXPECT_EQ(calls, 2);
     EXPECT_EQ(response, TBytes{7});
 }
 
@@ -80,31 +52,6 @@ TEST_F(CallbacksProxyEvents, AreLoggedWithTheirPlaceInBothCopies)
     EXPECT_EQ(line.m_function, "m_OnCallback");
     EXPECT_EQ(output, "KEL >kel::TCCallbacksProxy:m_OnCallback:" + std::to_string(line.m_line)
                           + "< Callback called with id 2\n");
-}
-
-// Under AddressSanitizer a function that was freed as it ran is seen.
-TEST(CallbacksProxyEnd, AFunctionMayDropTheLastPointerToTheObject)
-{
-    TBytes response;
-    std::string said;
-    const std::string word(64, 'w'); // longer than fits into a small string
-
-    auto proxy = std::make_unique<kel::TCCallbacksProxy>();
-    proxy->m_policyUpdateCb = [&proxy, &said, word] {
-        proxy.reset();
-        said += word;
-    };
-    EXPECT_TRUE(proxy->m_Callback(2, {}, response));
-
-    proxy = std::make_unique<kel::TCCallbacksProxy>();
-    proxy->m_requestProcessInfoCb = [&proxy, &said, word] {
-        proxy.reset();
-        said += word;
-        return true;
-    };
-    EXPECT_TRUE(proxy->m_Callback(4, {}, response));
-
-    EXPECT_EQ(said, word + word);
 }
 
 } // namespace

@@ -1,15 +1,7 @@
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include <cstdint>
-#include <cstring>
-#include <fstream>
 #include <future>
 #include <limits>
-#include <sstream>
 
-#include <boost/archive/binary_iarchive.hpp>
-#include <boost/archive/binary_oarchive.hpp>
 #include <boost/make_shared.hpp>
 
 #include <gmock/gmock.h>
@@ -20,10 +12,14 @@
 
 #include "Allocations.h"
 #include "Messages.h"
-#include "support/WaitUntil.h"
+#include "support/Archives.h"
+#include "support/Threads.h"
 
 using kel::TCControlProxy;
 using kel::TCDbusClientProvider;
+using kel::test::ArchiveOf;
+using kel::test::ValueOf;
+using kel::test::WithLength;
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -63,23 +59,6 @@ public:
     TBytes m_request;
 };
 
-// What the archive library itself makes of a value, with its own version and word size.
-template <typename Value> TBytes ArchiveOf(const Value& value)
-{
-    std::stringstream stream;
-    boost::archive::binary_oarchive(stream) << value;
-    const std::string text = stream.str();
-    return TBytes(text.begin(), text.end());
-}
-
-TBytes Forged(size_t length, const std::string& rest)
-{
-    TBytes bytes(sizeof(length));
-    std::memcpy(bytes.data(), &length, sizeof(length));
-    bytes.insert(bytes.end(), rest.begin(), rest.end());
-    return bytes;
-}
-
 class ControlProxy : public testing::Test
 {
 protected:
@@ -108,29 +87,6 @@ TEST_F(ControlProxy, PolicyIsSentAsAnArchiveAndWaitedFor)
     EXPECT_THAT(m_log.Lines(), IsEmpty());
 }
 
-TEST_F(ControlProxy, ArchiveIsHeaderThenLengthThenText)
-{
-    m_agent->m_response = ArchiveOf(0);
-    m_proxy->SetPolicy("policy");
-    const TBytes& bytes = m_agent->m_request;
-
-    const std::string signature = "serialization::archive";
-    const std::string text = "policy";
-    size_t length = 0;
-    ASSERT_GT(bytes.size(), 2 * sizeof(length) + signature.size() + text.size());
-
-    std::memcpy(&length, bytes.data(), sizeof(length));
-    EXPECT_EQ(length, signature.size());
-    EXPECT_EQ(std::string(bytes.begin() + sizeof(length),
-                          bytes.begin() + sizeof(length) + signature.size()),
-              signature);
-
-    const auto tail = bytes.end() - static_cast<std::ptrdiff_t>(text.size());
-    EXPECT_EQ(std::string(tail, bytes.end()), text);
-    std::memcpy(&length, &*(tail - sizeof(length)), sizeof(length));
-    EXPECT_EQ(length, text.size());
-}
-
 TEST_F(ControlProxy, AnyTextArrivesAsItIs)
 {
     m_agent->m_response = ArchiveOf(0);
@@ -144,10 +100,7 @@ TEST_F(ControlProxy, AnyTextArrivesAsItIs)
         EXPECT_EQ(m_proxy->SetPolicy(policy), 0);
 
         EXPECT_TRUE(m_agent->m_request == ArchiveOf(policy));
-        std::stringstream stream(std::string(m_agent->m_request.begin(), m_agent->m_request.end()));
-        std::string read = "something";
-        boost::archive::binary_iarchive(stream) >> read;
-        EXPECT_TRUE(read == policy);
+        EXPECT_TRUE(ValueOf<std::string>(m_agent->m_request) == policy);
     }
 }
 
@@ -212,13 +165,12 @@ TEST_F(ControlProxy, AnEmptyReplyIsReportedAndThrows)
 
 TEST_F(ControlProxy, AForgedLengthThrowsAtOnceAndCostsNoMemory)
 {
-    const std::string signature = "serialization::archive";
     const size_t lengths[]
-        = {signature.size() + 1, 2000000000, std::numeric_limits<size_t>::max() / 2,
+        = {sizeof("serialization::archive"), 2000000000, std::numeric_limits<size_t>::max() / 2,
            std::numeric_limits<size_t>::max() - 8, std::numeric_limits<size_t>::max()};
     for (const size_t length : lengths) {
         SCOPED_TRACE(length);
-        m_agent->m_response = Forged(length, signature);
+        m_agent->m_response = WithLength(ArchiveOf(7), 0, length);
         size_t largest = 0;
         {
             const TCAllocations counted;
@@ -286,26 +238,6 @@ TEST_F(ControlSingleton, MayBeDestroyedBeforeItsFirstUse)
     EXPECT_EQ(TCControlProxy::Instance(), nullptr);
 }
 
-// Calls a function in a thread of its own, and returns when it sleeps in there.
-template <typename Function> auto CallUntilItSleeps(Function function)
-{
-    const auto thread = std::make_shared<std::promise<pid_t>>();
-    auto result = std::async(std::launch::async, [thread, function] {
-        thread->set_value(static_cast<pid_t>(syscall(SYS_gettid)));
-        return function();
-    });
-    const std::string stat
-        = "/proc/self/task/" + std::to_string(thread->get_future().get()) + "/stat";
-    EXPECT_TRUE(kel::test::WaitUntil([&] {
-        std::ifstream stream(stat);
-        std::string text;
-        std::getline(stream, text);
-        const size_t name = text.rfind(')');
-        return name != std::string::npos && text.compare(name, 3, ") S") == 0;
-    }));
-    return result;
-}
-
 // Both have seen that there is none when the first of them may make it.
 TEST_F(ControlSingleton, ThreadsThatAskTogetherGetOneObject)
 {
@@ -313,8 +245,8 @@ TEST_F(ControlSingleton, ThreadsThatAskTogetherGetOneObject)
     std::future<boost::shared_ptr<kel::IControl>> second;
     {
         const kel::TCStaticReadLock lock(TCControlProxy::m_rwlock);
-        first = CallUntilItSleeps(&TCControlProxy::Instance);
-        second = CallUntilItSleeps(&TCControlProxy::Instance);
+        first = kel::test::CallUntilItSleeps(&TCControlProxy::Instance);
+        second = kel::test::CallUntilItSleeps(&TCControlProxy::Instance);
     }
 
     const boost::shared_ptr<kel::IControl> object = first.get();
@@ -331,8 +263,8 @@ TEST_F(ControlSingleton, NoneIsMadeForWhoAskedBeforeTheEndAndWaitedThroughIt)
         std::future<boost::shared_ptr<kel::IControl>> use;
         {
             const kel::TCStaticReadLock lock(TCControlProxy::m_rwlock);
-            end = CallUntilItSleeps(&TCControlProxy::Destroy);
-            use = CallUntilItSleeps(&TCControlProxy::Instance);
+            end = kel::test::CallUntilItSleeps(&TCControlProxy::Destroy);
+            use = kel::test::CallUntilItSleeps(&TCControlProxy::Instance);
         }
         end.wait();
 
