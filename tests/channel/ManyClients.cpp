@@ -73,15 +73,6 @@ int RunCrowd(const std::string& address, int count, uid_t user)
     _exit(0);
 }
 
-size_t CountWords(const std::string& text, const std::string& word)
-{
-    size_t count = 0;
-    for (size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1)) {
-        ++count;
-    }
-    return count;
-}
-
 /// Whether this process may act as other users; not so in a user namespace with one user.
 bool MayChangeUser()
 {
@@ -128,7 +119,7 @@ protected:
     {
         size_t count = 0;
         for (const auto& crowd : m_crowds) {
-            count += CountWords(crowd->Output(), "called\n");
+            count += CountOf(crowd->Output(), "called\n");
         }
         return count;
     }

@@ -2,10 +2,13 @@
 
 #include <signal.h>
 
+#include <filesystem>
+
 #include <gmock/gmock.h>
 
 #include "e2e/AgentRoad.h"
 #include "support/Archives.h"
+#include "support/Mount.h"
 
 namespace kel::test {
 
@@ -14,12 +17,6 @@ using testing::HasSubstr;
 namespace {
 
 constexpr int kSetPolicy = 4;
-
-bool IsReady(const ChildProcess& agent)
-{
-    return WaitUntil(
-        [&] { return agent.ErrorOutput().find("kel-agent: ready\n") != std::string::npos; });
-}
 
 } // namespace
 
@@ -31,7 +28,7 @@ TEST_F(AgentProcess, ASignalEndsItWithSuccess)
 {
     for (const int signal : {SIGTERM, SIGINT}) {
         const std::unique_ptr<ChildProcess> agent = StartAgent();
-        ASSERT_TRUE(IsReady(*agent));
+        ASSERT_TRUE(Says(*agent, "kel-agent: ready\n"));
         ASSERT_EQ(SetPolicy("<policy/>").m_exit, 0);
 
         agent->Signal(signal);
@@ -44,7 +41,7 @@ TEST_F(AgentProcess, ASignalEndsItWithSuccess)
 TEST_F(AgentProcess, ItEndsWithTheBus)
 {
     const std::unique_ptr<ChildProcess> agent = StartAgent();
-    ASSERT_TRUE(IsReady(*agent));
+    ASSERT_TRUE(Says(*agent, "kel-agent: ready\n"));
 
     m_bus.Kill();
 
@@ -54,7 +51,7 @@ TEST_F(AgentProcess, ItEndsWithTheBus)
 TEST_F(AgentProcess, ASecondOneGivesUpAndTheFirstGoesOn)
 {
     const std::unique_ptr<ChildProcess> first = StartAgent();
-    ASSERT_TRUE(IsReady(*first));
+    ASSERT_TRUE(Says(*first, "kel-agent: ready\n"));
 
     const std::unique_ptr<ChildProcess> second = StartAgent();
 
@@ -68,19 +65,19 @@ TEST_F(AgentProcess, ASecondOneGivesUpAndTheFirstGoesOn)
 TEST_F(AgentProcess, ASecondOneTakesOverWhenTheFirstEndsInTime)
 {
     const std::unique_ptr<ChildProcess> first = StartAgent();
-    ASSERT_TRUE(IsReady(*first));
+    ASSERT_TRUE(Says(*first, "kel-agent: ready\n"));
     const std::unique_ptr<ChildProcess> second = StartAgent();
 
     first->Signal(SIGTERM);
 
-    EXPECT_TRUE(IsReady(*second));
+    EXPECT_TRUE(Says(*second, "kel-agent: ready\n"));
     EXPECT_EQ(AgentId(), second->Id());
 }
 
 TEST_F(AgentProcess, TheTestChannelIsAnother)
 {
     const std::unique_ptr<ChildProcess> agent = StartAgent({"--test"});
-    ASSERT_TRUE(IsReady(*agent));
+    ASSERT_TRUE(Says(*agent, "kel-agent: ready\n"));
 
     m_peer.SetTarget(kTestBusName, kTestObjectPath);
     const TSReply reply
@@ -95,17 +92,16 @@ TEST_F(AgentProcess, TheTestChannelIsAnother)
 
 TEST_F(AgentProcess, ItsOwnDirectoryIsMade)
 {
-    ChildProcess agent({"unshare", "-m", "sh", "-c",
-                        "mount -t tmpfs none /var/lib && '" KEL_AGENT
-                        "' & pid=$!; read line; stat -c '%a %s' /var/lib/kel-agent "
-                        "/var/lib/kel-agent/policy.xml; kill $pid; wait $pid"});
-    ASSERT_TRUE(IsReady(agent)) << agent.ErrorOutput();
+    const Mount machines("/var/lib");
+    const ChildProcess agent({KEL_AGENT});
+    ASSERT_TRUE(Says(agent, "kel-agent: ready\n")) << agent.ErrorOutput();
     ASSERT_EQ(SetPolicy("<policy/>").m_output, "0 (accepted)\n");
 
-    agent.Write("\n");
-
-    EXPECT_EQ(agent.Wait(), 0) << agent.ErrorOutput();
-    EXPECT_THAT(agent.Output(), testing::MatchesRegex("750 [0-9]+\n640 9\n"));
+    using std::filesystem::perms;
+    const std::filesystem::path own = "/var/lib/kel-agent";
+    EXPECT_EQ(status(own).permissions(), perms(0750));
+    EXPECT_EQ(status(own / "policy.xml").permissions(), perms(0640));
+    EXPECT_EQ(ReadFile(own / "policy.xml"), "<policy/>");
 }
 
 TEST_F(AgentProcess, WrongUsageIsToldInOneLine)

@@ -99,6 +99,24 @@ std::string ReadFile(const std::string& path)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
+bool Says(const ChildProcess& program, const std::string& text)
+{
+    return WaitUntil([&] { return CountOf(program.ErrorOutput(), text) > 0; }, kCollected);
+}
+
+std::vector<std::string> NamesIn(const std::filesystem::path& directory)
+{
+    std::vector<std::string> names;
+    std::error_code none;
+    for (const auto& entry : std::filesystem::directory_iterator(directory, none)) {
+        if (entry.path().filename() != ".taken") {
+            names.push_back(entry.path().filename());
+        }
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
 bool IsOneLine(const std::string& text, const std::string& start)
 {
     return text.compare(0, start.size(), start) == 0 && text.find('\n') == text.size() - 1;

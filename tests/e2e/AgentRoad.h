@@ -2,6 +2,8 @@
 
 #include <sys/types.h>
 
+#include <chrono>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -56,6 +58,15 @@ protected:
 
 /// The whole file; empty when there is none.
 std::string ReadFile(const std::string& path);
+
+/// How long the agent has for what takes it many looks.
+constexpr std::chrono::seconds kCollected(60);
+
+/// Waits until a program has written this to standard error.
+bool Says(const ChildProcess& program, const std::string& text);
+
+/// What is in a directory, sorted, but for the agent's own ".taken".
+std::vector<std::string> NamesIn(const std::filesystem::path& directory);
 
 /// Exactly one line, with its end, which begins with this.
 bool IsOneLine(const std::string& text, const std::string& start);

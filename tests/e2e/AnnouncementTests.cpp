@@ -37,10 +37,7 @@ protected:
         ASSERT_TRUE(application.Hello({kPolicyUpdate, kProcessInfo}).IsOk());
     }
 
-    bool Says(const std::string& text) const
-    {
-        return WaitUntil([&] { return m_agent->ErrorOutput().find(text) != std::string::npos; });
-    }
+    bool Says(const std::string& text) const { return test::Says(*m_agent, text); }
 
     const TClock::time_point m_start;
     const std::unique_ptr<ChildProcess> m_agent;

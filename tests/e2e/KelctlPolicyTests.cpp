@@ -3,21 +3,17 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
-#include <filesystem>
 #include <fstream>
-#include <optional>
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
-#include "e2e/AgentRoad.h"
+#include "e2e/KelctlTest.h"
 #include "support/Mount.h"
-#include "support/Sandbox.h"
 
 namespace kel::test {
 
 using nlohmann::json;
-using testing::HasSubstr;
 using testing::StartsWith;
 
 namespace fs = std::filesystem;
@@ -30,9 +26,6 @@ const std::string kVariant = "/opt/usr/share/dlog/yol_kel_policy.xml";
 const std::string kDefault = "/opt/usr/share/dlog/default_kel_policy.xml";
 const std::string kStickPolicy = "vostek/vostek_kel_policy.xml";
 
-const fs::path kStick = "/tmp/stick";
-const fs::path kDebug = "/etc/debug";
-
 void Make(const fs::path& file)
 {
     fs::create_directories(file.parent_path());
@@ -41,277 +34,103 @@ void Make(const fs::path& file)
 
 } // namespace
 
-class KelctlPolicy : public testing::Test
+class KelctlPolicy : public KelctlTest
 {
 protected:
-    void SetUp() override
+    // What it tells as JSON; the text must tell the same.
+    static json Policy()
     {
-        ASSERT_TRUE(Sandbox::IsEntered());
-        fs::remove_all("/opt/usr");
-        fs::remove(kDebug);
-    }
-    void TearDown() override
-    {
-        m_stick.reset();
-        m_devices.reset();
-        fs::remove_all("/opt/usr");
-        fs::remove(kDebug);
-    }
-
-    // A mounted file system whose device seems to hang on the USB bus.
-    void PlugIn()
-    {
-        m_stick.emplace(kStick);
-        m_devices.emplace("/sys/dev/block", "mode=755");
-        struct stat status;
-        ASSERT_EQ(stat(kStick.c_str(), &status), 0);
-        fs::create_directories("/tmp/devices/usb1/block/sda");
-        fs::create_symlink("/tmp/devices/usb1/block/sda",
-                           "/sys/dev/block/" + std::to_string(major(status.st_dev)) + ":"
-                               + std::to_string(minor(status.st_dev)));
-    }
-
-    static std::string Output(std::vector<std::string> arguments = {})
-    {
-        arguments.insert(arguments.begin(), {KEL_CTL, "policy"});
-        const TSFinished ended = RunProgram(arguments);
-        EXPECT_EQ(ended.m_exit, 0) << Text(ended);
-        EXPECT_EQ(ended.m_errorOutput, "");
-        return ended.m_output;
-    }
-
-    // The candidate in use; the others must say that they are not.
-    static std::string Used(const json& policy)
-    {
-        std::string used;
-        for (const json& candidate : policy.at("candidates")) {
-            if (candidate.at("used").get<bool>()) {
-                EXPECT_EQ(used, "");
-                used = candidate.at("path");
-            }
-        }
-        return used;
-    }
-
-    // Whether they exist: on the stick, then by precedence.
-    static std::vector<bool> Existing(const json& policy)
-    {
-        std::vector<bool> existing;
-        for (const json& candidate : policy.at("candidates")) {
-            existing.push_back(candidate.at("exists"));
-        }
-        return existing;
-    }
-
-    static void ExpectInUse(const std::string& path, int policyMode,
-                            const std::vector<bool>& existing)
-    {
-        const json policy = json::parse(Output({"--json"}));
-        EXPECT_EQ(policy.at("policy"), path);
-        EXPECT_EQ(Used(policy), path);
-        EXPECT_EQ(policy.at("policy-mode"), policyMode);
-        EXPECT_EQ(policy.at("device-mode"), 0);
-        EXPECT_EQ(policy.at("usb"), false);
-        EXPECT_EQ(Existing(policy), existing);
-
-        ExpectTheTextAgrees(policy);
-    }
-
-    // The text, whole, from what the JSON object says.
-    static void ExpectTheTextAgrees(const json& policy)
-    {
+        const json policy = json::parse(Output({"policy", "--json"}));
         std::string candidates;
+        std::string used;
         bool usedExists = false;
         for (const json& one : policy.at("candidates")) {
             candidates += one.at("exists") ? "  exists   " : "  missing  ";
             candidates += one.at("path").get<std::string>();
             candidates += one.at("used") ? " (in use)\n" : "\n";
-            usedExists = usedExists || (one.at("used") && one.at("exists"));
+            const fs::path path = one.at("path").get<std::string>();
+            EXPECT_TRUE(path.is_relative() || one.at("exists") == fs::exists(path)) << path;
+            if (one.at("used")) {
+                EXPECT_EQ(used, "") << "one is in use";
+                used = one.at("path");
+                usedExists = one.at("exists");
+            }
         }
+        EXPECT_EQ(policy.at("policy"), used);
         const int policyMode = policy.at("policy-mode");
         const int deviceMode = policy.at("device-mode");
-
-        EXPECT_EQ(Output(),
-                  "policy: " + policy.at("policy").get<std::string>()
-                      + (usedExists ? "\n" : " (missing)\n")
+        EXPECT_EQ(Output({"policy"}),
+                  "policy: " + used + (usedExists ? "\n" : " (missing)\n")
                       + "why: " + policy.at("why").get<std::string>() + "\npolicy mode: "
                       + (policyMode == 0 ? "0 (default)\n" : "2 (vendor's or variant's)\n")
                       + "device mode: " + (deviceMode == 0 ? "0 (normal)\n" : "3 (USB test)\n")
                       + "debug image: " + (policy.at("debug-image") ? "yes\n" : "no\n")
                       + "candidates:\n" + candidates);
+        return policy;
     }
-
-private:
-    std::optional<Mount> m_stick;
-    std::optional<Mount> m_devices;
 };
 
-TEST_F(KelctlPolicy, WithoutAnyFileTheDefaultOneIsMissing)
+// Which one applies is the library's to say; the reasons are kelctl's own.
+TEST_F(KelctlPolicy, TellsWhichAppliesAndWhy)
 {
-    ExpectInUse(kDefault, 0, {false, false, false, false, false});
+    const struct
+    {
+        std::string m_path;
+        int m_mode;
+        std::string m_why;
+    } rows[] = {
+        {kDefault, 0, "there is no other policy"},
+        {kVariant, 2, "there is neither a high variant nor a vendor's policy"},
+        {kVendor, 2, "there is no high variant"},
+        {kHigh, 2, "a high variant comes before the others"},
+    };
+    json policy = Policy();
+    EXPECT_EQ(policy.at("policy"), kDefault) << "though it is missing";
 
-    const std::string text = Output();
-    EXPECT_THAT(text, StartsWith("policy: " + kDefault + " (missing)\n"));
-    EXPECT_THAT(text, HasSubstr("why: there is no other policy\n"));
-    EXPECT_THAT(text, HasSubstr("debug image: no\n"));
-}
+    for (const auto& row : rows) {
+        Make(row.m_path);
+        policy = Policy();
 
-TEST_F(KelctlPolicy, TheDefaultOneAppliesWhenThereIsNoOther)
-{
-    Make(kDefault);
-
-    ExpectInUse(kDefault, 0, {false, false, false, false, true});
-    EXPECT_THAT(Output(), StartsWith("policy: " + kDefault + "\nwhy: there is no other policy\n"));
-}
-
-TEST_F(KelctlPolicy, AVariantComesBeforeTheDefaultOne)
-{
-    Make(kDefault);
-    Make(kVariant);
-
-    ExpectInUse(kVariant, 2, {false, false, false, true, true});
-    EXPECT_THAT(Output(),
-                HasSubstr("why: there is neither a high variant nor a vendor's policy\n"));
-}
-
-TEST_F(KelctlPolicy, TheVendorsComesBeforeAVariant)
-{
-    Make(kVariant);
-    Make(kVendor);
-
-    ExpectInUse(kVendor, 2, {false, false, true, true, false});
-    EXPECT_THAT(Output(), HasSubstr("why: there is no high variant\n"));
-}
-
-TEST_F(KelctlPolicy, AHighVariantComesBeforeTheVendors)
-{
-    Make(kVariant);
-    Make(kVendor);
-    Make(kHigh);
-
-    ExpectInUse(kHigh, 2, {false, true, true, true, false});
-    EXPECT_THAT(Output(), HasSubstr("why: a high variant comes before the others\n"));
-}
-
-TEST_F(KelctlPolicy, AHighVariantAloneApplies)
-{
-    Make(kHigh);
-
-    ExpectInUse(kHigh, 2, {false, true, false, false, false});
-}
-
-TEST_F(KelctlPolicy, OneAppliesWhicheverOthersThereAre)
-{
-    const std::string files[] = {kHigh, kVendor, kVariant, kDefault}; // by precedence
-    for (unsigned int set = 0; set < 16; ++set) {
-        SCOPED_TRACE(set);
-        fs::remove_all("/opt/usr");
-        std::vector<bool> existing{false}; // no USB device
-        std::string first;
-        for (const std::string& file : files) {
-            existing.push_back((set >> (existing.size() - 1) & 1U) != 0);
-            if (existing.back()) {
-                Make(file);
-                first = first.empty() ? file : first;
-            }
-        }
-
-        ExpectInUse(first.empty() ? kDefault : first, first.empty() || first == kDefault ? 0 : 2,
-                    existing);
+        EXPECT_EQ(policy.at("policy"), row.m_path);
+        EXPECT_EQ(policy.at("why"), row.m_why);
+        EXPECT_EQ(policy.at("policy-mode"), row.m_mode);
+        EXPECT_EQ(policy.at("device-mode"), 0);
+        EXPECT_EQ(policy.at("usb"), false);
+        EXPECT_EQ(policy.at("debug-image"), false);
     }
-}
-
-TEST_F(KelctlPolicy, WhatIsThereCountsWhateverItIs)
-{
-    fs::create_directories(kVendor);
-
-    ExpectInUse(kVendor, 2, {false, false, true, false, false});
-}
-
-TEST_F(KelctlPolicy, OnADebugImageTheUsbDevicesComesFirst)
-{
-    Make(kDebug);
-    Make(kHigh);
-    PlugIn();
-    Make(kStick / kStickPolicy);
-
-    const json policy = json::parse(Output({"--json"}));
-    EXPECT_THAT(policy.at("policy").get<std::string>(), StartsWith(kStickPolicy));
-    EXPECT_EQ(Used(policy), policy.at("policy"));
-    EXPECT_EQ(policy.at("usb"), true);
-    EXPECT_EQ(policy.at("device-mode"), 3);
-    EXPECT_EQ(policy.at("policy-mode"), 2); // the device's own files have it
-    EXPECT_EQ(policy.at("debug-image"), true);
-    EXPECT_EQ(Existing(policy), (std::vector<bool>{true, true, false, false, false}));
-
-    ExpectTheTextAgrees(policy);
-    const std::string text = Output();
-    EXPECT_THAT(text, StartsWith("policy: " + kStickPolicy));
-    EXPECT_THAT(text, HasSubstr("why: this is a debug image, and the USB device has the file\n"));
-    EXPECT_THAT(text, HasSubstr("device mode: 3 (USB test)\n"));
-    EXPECT_THAT(text, HasSubstr("debug image: yes\n"));
-}
-
-TEST_F(KelctlPolicy, TheUsbDevicesAppliesWithoutAnyOther)
-{
-    Make(kDebug);
-    PlugIn();
-    Make(kStick / kStickPolicy);
-
-    const json policy = json::parse(Output({"--json"}));
-    EXPECT_EQ(Used(policy), policy.at("policy"));
-    EXPECT_EQ(policy.at("usb"), true);
-    EXPECT_EQ(policy.at("device-mode"), 3);
-    EXPECT_EQ(policy.at("policy-mode"), 0);
-    EXPECT_EQ(Existing(policy), (std::vector<bool>{true, false, false, false, false}));
-    ExpectTheTextAgrees(policy);
-}
-
-TEST_F(KelctlPolicy, AUsbDeviceWithoutThePolicyChangesNothing)
-{
-    Make(kDebug);
-    Make(kVendor);
-    PlugIn();
-
-    ExpectInUse(kVendor, 2, {false, false, true, false, false});
-    EXPECT_EQ(json::parse(Output({"--json"})).at("debug-image"), true);
-}
-
-TEST_F(KelctlPolicy, OnAnotherImageAUsbDeviceIsNotLookedAt)
-{
-    Make(kDefault);
-    PlugIn();
-    Make(kStick / kStickPolicy);
-
-    ExpectInUse(kDefault, 0, {false, false, false, false, true});
-    EXPECT_EQ(json::parse(Output({"--json"})).at("debug-image"), false);
-}
-
-TEST_F(KelctlPolicy, TheCandidatesAreToldByPrecedence)
-{
-    const json policy = json::parse(Output({"--json"}));
-    std::vector<std::string> paths;
+    TWords paths;
     for (const json& candidate : policy.at("candidates")) {
         paths.push_back(candidate.at("path"));
     }
-
     EXPECT_THAT(paths,
                 testing::ElementsAre(StartsWith(kStickPolicy), kHigh, kVendor, kVariant, kDefault));
 }
 
-TEST_F(KelctlPolicy, WrongUsageAndAFullOutputAreToldInOneLine)
+TEST_F(KelctlPolicy, OnADebugImageTheUsbDevicesComesFirst)
 {
-    for (const char* const argument : {"operand", "--count"}) {
-        const TSFinished ended = RunProgram({KEL_CTL, "policy", argument});
+    // A mounted file system whose device seems to hang on the USB bus.
+    const fs::path stick = "/tmp/stick";
+    const Mount mounted(stick);
+    const Mount devices("/sys/dev/block", "mode=755");
+    struct stat status;
+    ASSERT_EQ(stat(stick.c_str(), &status), 0);
+    fs::create_directories("/tmp/devices/usb1/block/sda");
+    fs::create_symlink("/tmp/devices/usb1/block/sda",
+                       "/sys/dev/block/" + std::to_string(major(status.st_dev)) + ":"
+                           + std::to_string(minor(status.st_dev)));
+    Make(stick / kStickPolicy);
+    Make(kHigh);
 
-        EXPECT_EQ(ended.m_exit, 2) << Text(ended);
-        EXPECT_TRUE(IsOneLine(ended.m_errorOutput, "kelctl: ")) << Text(ended);
-    }
-    const TSFinished full = RunProgram({"sh", "-c", "exec '" KEL_CTL "' policy >/dev/full"});
+    EXPECT_EQ(Policy().at("policy"), kHigh) << "this is no debug image";
+    Make(kDebugImage);
 
-    EXPECT_EQ(full.m_exit, 5) << Text(full);
-    EXPECT_TRUE(IsOneLine(full.m_errorOutput, "kelctl: the output cannot be written: "))
-        << Text(full);
+    const json policy = Policy();
+    EXPECT_THAT(policy.at("policy").get<std::string>(), StartsWith(kStickPolicy));
+    EXPECT_EQ(policy.at("why"), "this is a debug image, and the USB device has the file");
+    EXPECT_EQ(policy.at("usb"), true);
+    EXPECT_EQ(policy.at("device-mode"), 3);
+    EXPECT_EQ(policy.at("policy-mode"), 2); // the device's own files have it
+    EXPECT_EQ(policy.at("debug-image"), true);
 }
 
 } // namespace kel::test

@@ -5,16 +5,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
-#include "e2e/AgentRoad.h"
+#include "e2e/KelctlTest.h"
 #include "support/Mount.h"
-#include "support/Sandbox.h"
 
 namespace kel::test {
 
@@ -25,63 +22,6 @@ using testing::Not;
 namespace fs = std::filesystem;
 
 namespace {
-
-const fs::path kState = "/tmp/the state";
-const fs::path kReports = kState / "reports";
-
-typedef std::vector<std::string> TWords;
-
-// What the agent writes.
-json Whole(int id, const std::string& process = "player")
-{
-    return {
-        {"id", id},
-        {"time", "2026-11-21T09:30:00.250Z"},
-        {"request",
-         {{"source", "/tmp/kel_NDF"},
-          {"name", process + "-decoder-ONCE_ONLY.log"},
-          {"process", process},
-          {"thread", "decoder"},
-          {"mode", "ONCE_ONLY"},
-          {"reboot", true},
-          {"cut", false},
-          {"upload-path", "/var/log/x.log"},
-          {"user", 1000},
-          {"filed", "2026-11-21T09:30:00.100Z"}}},
-        {"artefact", {{"file", "artefact"}, {"bytes", 1234}}},
-        {"applications", {{"handled", 2}, {"failed", 0}}},
-        {"kernel-log", {{"file", "kernel.log"}, {"lines", 12}}},
-        {"policy", {{"path", "/opt/p.xml"}, {"policy-mode", 0}, {"device-mode", 3}}},
-        {"system", {{"machine", "arm"}, {"cores", 2}}},
-    };
-}
-
-void WriteText(const std::string& name, const std::string& text)
-{
-    fs::create_directories(kReports / name);
-    std::ofstream(kReports / name / "report.json") << text;
-}
-
-void Write(const std::string& name, const json& report) { WriteText(name, report.dump(2)); }
-
-TWords Lines(const std::string& text)
-{
-    TWords lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
-TWords Directories(const json& reports)
-{
-    TWords directories;
-    for (const json& report : reports) {
-        directories.push_back(report.at("directory"));
-    }
-    return directories;
-}
 
 // Where a word begins, in characters.
 size_t Column(const std::string& line, const std::string& word)
@@ -94,43 +34,15 @@ size_t Column(const std::string& line, const std::string& word)
 
 } // namespace
 
-class KelctlReports : public testing::Test
+class KelctlReports : public KelctlTest
 {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(Sandbox::IsEntered());
-        fs::remove_all(kState);
-        fs::create_directory(kState);
-    }
-
-    static TWords Command(const TWords& arguments)
-    {
-        TWords command{KEL_CTL, "reports", "--state-dir", kState};
-        command.insert(command.end(), arguments.begin(), arguments.end());
-        return command;
-    }
-    static TSFinished Reports(const TWords& arguments = {})
-    {
-        return RunProgram(Command(arguments));
-    }
-
-    // Without what lets the superuser read everything.
-    static TSFinished ReportsOfAPlainUser()
-    {
-        TWords command{"setpriv", "--bounding-set=-all", "--inh-caps=-all", "--"};
-        const TWords reports = Command({});
-        command.insert(command.end(), reports.begin(), reports.end());
-        return RunProgram(command);
-    }
-
     // The output of one that succeeds.
     static std::string Output(const TWords& arguments = {})
     {
-        const TSFinished ended = Reports(arguments);
-        EXPECT_EQ(ended.m_exit, 0) << Text(ended);
-        EXPECT_EQ(ended.m_errorOutput, "");
-        return ended.m_output;
+        TWords all{"reports", "--state-dir", kState};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        return KelctlTest::Output(all);
     }
     static json Json(const TWords& arguments = {})
     {
@@ -142,15 +54,15 @@ protected:
 
 TEST_F(KelctlReports, ListsALineAReportTheOldestFirst)
 {
-    json second = Whole(10);
+    json second = WholeReport(10);
     second["artefact"] = {{"reason", "Permission denied"}};
     second["request"]["reboot"] = false;
     second["request"]["mode"] = nullptr;
-    json third = Whole(11);
+    json third = WholeReport(11);
     third["artefact"] = nullptr;
-    Write("0000000011", third);
-    Write("0000000010", second);
-    Write("0000000002", Whole(2));
+    WriteReport("0000000011", third);
+    WriteReport("0000000010", second);
+    WriteReport("0000000002", WholeReport(2));
 
     const TWords lines = Lines(Output());
 
@@ -170,8 +82,8 @@ TEST_F(KelctlReports, ListsALineAReportTheOldestFirst)
 
 TEST_F(KelctlReports, EveryColumnHasAHeadAndBeginsBelowIt)
 {
-    Write("0000000007", Whole(7));
-    Write("0000000123", {{"id", 123}});
+    WriteReport("0000000007", WholeReport(7));
+    WriteReport("0000000123", {{"id", 123}});
 
     EXPECT_EQ(Output(),
               "ID   COLLECTED                 PROCESS  THREAD   MODE       REBOOT  ARTEFACT    "
@@ -185,9 +97,9 @@ TEST_F(KelctlReports, EveryColumnHasAHeadAndBeginsBelowIt)
 
 TEST_F(KelctlReports, TheLinesAreAlignedHoweverManyBytesACharacterHas)
 {
-    Write("0000000001", Whole(1, "p"));
-    Write("0000000002", Whole(2, "a\xef\xbf\xbdprocess"));
-    Write("0000000003", Whole(3, "pl\xc3\xa4yer"));
+    WriteReport("0000000001", WholeReport(1, "p"));
+    WriteReport("0000000002", WholeReport(2, "a\xef\xbf\xbdprocess"));
+    WriteReport("0000000003", WholeReport(3, "pl\xc3\xa4yer"));
 
     const TWords lines = Lines(Output());
 
@@ -202,7 +114,7 @@ TEST_F(KelctlReports, ControlCharactersDoNotReachATerminal)
 {
     const std::string name = "a\n\x1b[31m\x7f\xc2\x9b"
                              "b";
-    Write("0000000001", Whole(1, name));
+    WriteReport("0000000001", WholeReport(1, name));
 
     const std::string list = Output();
     const std::string one = Output({"1"});
@@ -217,9 +129,9 @@ TEST_F(KelctlReports, ControlCharactersDoNotReachATerminal)
 
 TEST_F(KelctlReports, AsJsonTheyAreAnArrayOfWhatTheAgentWrote)
 {
-    json expected = json::array({Whole(1), Whole(2)});
-    Write("0000000001", expected[0]);
-    Write("0000000002", expected[1]);
+    json expected = json::array({WholeReport(1), WholeReport(2)});
+    WriteReport("0000000001", expected[0]);
+    WriteReport("0000000002", expected[1]);
     expected[0]["directory"] = kReports / "0000000001";
     expected[1]["directory"] = kReports / "0000000002";
 
@@ -248,29 +160,11 @@ TEST_F(KelctlReports, TheAgentsUnfinishedAndDroppedOnesAreNotListed)
 {
     for (const char* const name : {".new-0000000002", ".old-0000000001", "1", "00000000003",
                                    "000000000x", "0000000003.bak"}) {
-        Write(name, Whole(1));
+        WriteReport(name, WholeReport(1));
     }
-    Write("0000000004", Whole(4));
+    WriteReport("0000000004", WholeReport(4));
 
     EXPECT_EQ(Directories(Json()), TWords{kReports / "0000000004"});
-}
-
-TEST_F(KelctlReports, AFileWithAReportsNameIsNoReport)
-{
-    Write("0000000001", Whole(1));
-    std::ofstream(kReports / "0000000002") << Whole(2).dump();
-    fs::create_symlink("nowhere", kReports / "0000000003");
-    fs::create_directory(kReports / "0000000004");
-
-    const TSFinished list = Reports({"--json"});
-    const TSFinished one = Reports({"2"});
-
-    EXPECT_EQ(list.m_exit, 1) << Text(list); // for the directory that has no report
-    EXPECT_EQ(list.m_errorOutput, "kelctl: " + (kReports / "0000000004").string()
-                                      + ": it has no report that can be read\n");
-    EXPECT_EQ(Directories(json::parse(list.m_output)), TWords{kReports / "0000000001"});
-    EXPECT_EQ(one.m_exit, 1) << Text(one);
-    EXPECT_EQ(one.m_errorOutput, "kelctl: there is no report 2\n");
 }
 
 TEST_F(KelctlReports, MembersThatAreMissingOrOfAnotherKindAreNoFault)
@@ -285,43 +179,15 @@ TEST_F(KelctlReports, MembersThatAreMissingOrOfAnotherKindAreNoFault)
     EXPECT_THAT(Output({"2"}), HasSubstr("id: x\n"));
 }
 
-TEST_F(KelctlReports, WhatCannotBeReadIsToldOfAndTheOthersAreListed)
-{
-    Write("0000000001", Whole(1));
-    fs::create_directory(kReports / "0000000002");                     // no file
-    WriteText("0000000003", Whole(3).dump().substr(0, 100));           // half of one
-    WriteText("0000000004", "[]");                                     // no object
-    WriteText("0000000005", "");                                       // nothing
-    fs::create_directories(kReports / "0000000006" / "report.json");   // no file either
-    WriteText("0000000007", "{\"request\": {\"process\": \"\xff\"}}"); // no UTF-8
-    Write("0000000008", Whole(8));
-
-    const TSFinished list = Reports();
-    const TSFinished array = Reports({"--json"});
-
-    EXPECT_EQ(list.m_exit, 1) << Text(list);
-    EXPECT_EQ(Lines(list.m_output).size(), 3U);
-    const TWords errors = Lines(list.m_errorOutput);
-    ASSERT_EQ(errors.size(), 6U) << list.m_errorOutput;
-    for (size_t i = 0; i < errors.size(); ++i) {
-        EXPECT_THAT(errors[i], testing::StartsWith("kelctl: " + kReports.string() + "/000000000"
-                                                   + std::to_string(i + 2) + ": "));
-    }
-    EXPECT_EQ(array.m_exit, 1) << Text(array);
-    EXPECT_EQ(array.m_errorOutput, list.m_errorOutput);
-    EXPECT_EQ(Directories(json::parse(array.m_output)),
-              (TWords{kReports / "0000000001", kReports / "0000000008"}));
-}
-
 TEST_F(KelctlReports, OneThatTheAgentDropsMeanwhileIsSimplyNotThere)
 {
     // The first is read as soon as we write it, when all have been listed.
     fs::create_directories(kReports / "0000000001");
     const fs::path first = kReports / "0000000001" / "report.json";
     ASSERT_EQ(mkfifo(first.c_str(), 0600), 0);
-    Write("0000000002", Whole(2));
-    Write("0000000003", Whole(3));
-    ChildProcess kelctl(Command({"--json"}));
+    WriteReport("0000000002", WholeReport(2));
+    WriteReport("0000000003", WholeReport(3));
+    ChildProcess kelctl({KEL_CTL, "reports", "--state-dir", kState, "--json"});
     const int writer = open(first.c_str(), O_WRONLY | O_CLOEXEC); // when kelctl has opened it
     ASSERT_GE(writer, 0);
 
@@ -336,8 +202,8 @@ TEST_F(KelctlReports, OneThatTheAgentDropsMeanwhileIsSimplyNotThere)
 
 TEST_F(KelctlReports, WithANumberItPrintsAllOfOne)
 {
-    Write("0000000007", Whole(7, "other"));
-    Write("0000000008", Whole(8));
+    WriteReport("0000000007", WholeReport(7, "other"));
+    WriteReport("0000000008", WholeReport(8));
 
     const std::string text = Output({"8"});
 
@@ -350,26 +216,14 @@ TEST_F(KelctlReports, WithANumberItPrintsAllOfOne)
     EXPECT_THAT(text, HasSubstr("directory: " + (kReports / "0000000008").string() + "\n"));
     EXPECT_THAT(text, Not(HasSubstr("other")));
 
-    json expected = Whole(8);
+    json expected = WholeReport(8);
     expected["directory"] = kReports / "0000000008";
     EXPECT_EQ(Json({"8"}), expected);
 }
 
-TEST_F(KelctlReports, TheNumberIsADecimalOneWithAndWithoutZeros)
-{
-    Write("0000000008", Whole(8));
-    Write("0000000009", Whole(9));
-    Write("0000000010", Whole(10));
-
-    EXPECT_EQ(Json({"0000000010"}).at("id"), 10);
-    EXPECT_EQ(Json({"010"}).at("id"), 10);
-    EXPECT_EQ(Json({"10"}).at("id"), 10);
-    EXPECT_EQ(Json({"0000000009"}).at("id"), 9);
-}
-
 TEST_F(KelctlReports, ANumberThatNoReportHasIsToldOf)
 {
-    Write("0000000001", Whole(1));
+    WriteReport("0000000001", WholeReport(1));
     WriteText("0000000002", "half of");
 
     const TSFinished none = Reports({"3"});
@@ -415,10 +269,10 @@ TEST_F(KelctlReports, ADirectoryOfStateThatCannotBeReadIsToldOf)
 
 TEST_F(KelctlReports, ADirectoryThatMayNotBeReadIsToldOf)
 {
-    Write("0000000001", Whole(1));
+    WriteReport("0000000001", WholeReport(1));
     fs::permissions(kState, fs::perms::none);
 
-    const TSFinished ended = ReportsOfAPlainUser();
+    const TSFinished ended = RunAsPlainUser({"reports", "--state-dir", kState});
     fs::permissions(kState, fs::perms::owner_all);
 
     EXPECT_EQ(ended.m_exit, 1) << Text(ended);
@@ -429,12 +283,12 @@ TEST_F(KelctlReports, ADirectoryThatMayNotBeReadIsToldOf)
 TEST_F(KelctlReports, AReportThatMayNotBeReadIsToldOfAndTheOthersAreListed)
 {
     for (int id = 1; id <= 3; ++id) {
-        Write("000000000" + std::to_string(id), Whole(id));
+        WriteReport("000000000" + std::to_string(id), WholeReport(id));
     }
     fs::permissions(kReports / "0000000001" / "report.json", fs::perms::none);
     fs::permissions(kReports / "0000000002", fs::perms::none);
 
-    const TSFinished ended = ReportsOfAPlainUser();
+    const TSFinished ended = RunAsPlainUser({"reports", "--state-dir", kState});
 
     EXPECT_EQ(ended.m_exit, 1) << Text(ended);
     EXPECT_EQ(Lines(ended.m_errorOutput).size(), 2U) << Text(ended);
@@ -446,7 +300,7 @@ TEST_F(KelctlReports, AReportThatMayNotBeReadIsToldOfAndTheOthersAreListed)
 
 TEST_F(KelctlReports, WithoutTheOptionItReadsTheAgentsOwnDirectory)
 {
-    Write("0000000001", Whole(1));
+    WriteReport("0000000001", WholeReport(1));
     const Mount machines("/var/lib");
     fs::copy(kState, "/var/lib/kel-agent", fs::copy_options::recursive);
 
@@ -455,32 +309,6 @@ TEST_F(KelctlReports, WithoutTheOptionItReadsTheAgentsOwnDirectory)
     EXPECT_EQ(ended.m_exit, 0) << Text(ended);
     EXPECT_EQ(Directories(json::parse(ended.m_output)),
               TWords{"/var/lib/kel-agent/reports/0000000001"});
-}
-
-TEST_F(KelctlReports, WrongUsageIsToldInOneLine)
-{
-    Write("0000000008", Whole(8));
-    for (const TWords& arguments :
-         {TWords{"x"}, TWords{"0x8"}, TWords{"8", "9"}, TWords{"-8"}, TWords{"8.0"}, TWords{""},
-          TWords{"99999999999999999999999"}, TWords{"--state-dir"}, TWords{"--count", "1"}}) {
-        const TSFinished ended = Reports(arguments);
-
-        EXPECT_EQ(ended.m_exit, 2) << Text(ended);
-        EXPECT_EQ(ended.m_output, "");
-        EXPECT_TRUE(IsOneLine(ended.m_errorOutput, "kelctl: ")) << Text(ended);
-    }
-}
-
-TEST_F(KelctlReports, OutputThatCannotBeWrittenIsToldOf)
-{
-    Write("0000000001", Whole(1));
-
-    const TSFinished ended = RunProgram(
-        {"sh", "-c", "exec '" KEL_CTL "' reports --state-dir '/tmp/the state' >/dev/full"});
-
-    EXPECT_EQ(ended.m_exit, 5) << Text(ended);
-    EXPECT_TRUE(IsOneLine(ended.m_errorOutput, "kelctl: the output cannot be written: "))
-        << Text(ended);
 }
 
 } // namespace kel::test

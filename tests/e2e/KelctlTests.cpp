@@ -59,12 +59,38 @@ TEST_F(Kelctl, WrongUsageIsToldInOneLine)
                                                       {"monitor", "--timeout", "nan"},
                                                       {"monitor", "--timeout", "1e9"},
                                                       {"status", "operand"},
-                                                      {"status", "--count", "1"}}) {
+                                                      {"status", "--count", "1"},
+                                                      {"policy", "operand"},
+                                                      {"policy", "--count"},
+                                                      {"klog", "operand"},
+                                                      {"klog", "--count"},
+                                                      {"klog", "--follow=x"},
+                                                      {"reports", "x"},
+                                                      {"reports", "0x8"},
+                                                      {"reports", "8", "9"},
+                                                      {"reports", "-8"},
+                                                      {"reports", "8.0"},
+                                                      {"reports", ""},
+                                                      {"reports", "99999999999999999999999"},
+                                                      {"reports", "--state-dir"},
+                                                      {"reports", "--count", "1"}}) {
         const TSFinished ended = AgentRoad::Kelctl(arguments);
 
         EXPECT_EQ(ended.m_exit, 2) << Text(ended);
         EXPECT_EQ(ended.m_output, "");
         EXPECT_TRUE(IsOneLine(ended.m_errorOutput, "kelctl: ")) << Text(ended);
+    }
+}
+
+TEST_F(Kelctl, AFullOutputIsToldInOneLine)
+{
+    for (const std::string command : {"policy", "reports --json --state-dir /tmp"}) {
+        const TSFinished full
+            = RunProgram({"sh", "-c", "exec '" KEL_CTL "' " + command + " >/dev/full"});
+
+        EXPECT_EQ(full.m_exit, 5) << Text(full);
+        EXPECT_TRUE(IsOneLine(full.m_errorOutput, "kelctl: the output cannot be written: "))
+            << Text(full);
     }
 }
 

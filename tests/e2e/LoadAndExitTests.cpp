@@ -7,6 +7,7 @@
 #include "support/RawPeer.h"
 
 using kel::test::ChildProcess;
+using kel::test::CountOf;
 using kel::test::PrivateBus;
 using kel::test::RawPeer;
 using kel::test::RunProgram;
@@ -36,15 +37,6 @@ std::vector<std::string> LinesOf(const std::string& text)
         }
     }
     return lines;
-}
-
-size_t CountOf(const std::string& text, const std::string& part)
-{
-    size_t count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-        ++count;
-    }
-    return count;
 }
 
 TEST(LoadAndExit, StaticObjectsMayUseTheLibraryBeforeAndAfterMain)

@@ -25,15 +25,6 @@ std::unique_ptr<ChildProcess> Monitor(const std::vector<std::string>& arguments 
     return std::make_unique<ChildProcess>(command);
 }
 
-size_t Count(const std::string& text, const std::string& part)
-{
-    size_t count = 0;
-    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; ++at) {
-        ++count;
-    }
-    return count;
-}
-
 // What it has printed since the latest request for information.
 std::string SinceRequest(const ChildProcess& monitor)
 {
@@ -54,13 +45,13 @@ protected:
     std::string Announce()
     {
         const std::string start = "kel-agent: policy update: ";
-        const size_t before = Count(AgentLog(), start);
+        const size_t before = CountOf(AgentLog(), start);
         EXPECT_EQ(SetPolicy("<policy/>").m_exit, 0);
         std::string last;
         EXPECT_TRUE(WaitUntil([&] {
             const std::string log = AgentLog();
             last = log.substr(std::min(log.rfind(start), log.size()));
-            return Count(log, start) > before && last.back() == '\n';
+            return CountOf(log, start) > before && last.back() == '\n';
         }));
         return last.substr(std::min(start.size(), last.size()));
     }
@@ -106,7 +97,7 @@ TEST_F(KelctlMonitor, HearsOfThePolicyFromANewAgentToo)
 
     AnnounceTo(1);
 
-    EXPECT_TRUE(WaitUntil([&] { return Count(SinceRequest(*monitor), " policy-update\n") > 0; }));
+    EXPECT_TRUE(WaitUntil([&] { return CountOf(SinceRequest(*monitor), " policy-update\n") > 0; }));
     EXPECT_EQ(monitor->ErrorOutput(), "");
 }
 
@@ -221,7 +212,7 @@ TEST_F(KelctlMonitor, OneThatIsStoppedIsNotWaitedForWithoutEnd)
 
     EXPECT_EQ(Announce(), "1 handled, 1 not\n");
 
-    EXPECT_TRUE(WaitUntil([&] { return Count(SinceRequest(*other), "\n") == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return CountOf(SinceRequest(*other), "\n") == 1; }));
     EXPECT_EQ(SinceRequest(*stopped), "");
     EXPECT_EQ(AgentId(), agent);
 
@@ -229,7 +220,7 @@ TEST_F(KelctlMonitor, OneThatIsStoppedIsNotWaitedForWithoutEnd)
     AnnounceTo(2);
 
     // It prints what it has missed, too.
-    EXPECT_TRUE(WaitUntil([&] { return Count(SinceRequest(*stopped), "\n") >= 2; }));
+    EXPECT_TRUE(WaitUntil([&] { return CountOf(SinceRequest(*stopped), "\n") >= 2; }));
 }
 
 TEST_F(KelctlMonitor, TheExampleHearsOfThePolicyThatItSetsItself)

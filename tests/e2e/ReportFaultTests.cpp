@@ -84,7 +84,7 @@ TEST_F(RequestFaults, WhatIsNoFileOfItsOwnIsLeftThereWithOneLine)
     LetItLook();
     EXPECT_EQ(names.size(), 5U);
     EXPECT_EQ(NamesIn(kDrop), names);
-    EXPECT_EQ(CountSaid(*agent, " ignored: "), names.size()) << agent->ErrorOutput();
+    EXPECT_EQ(CountOf(agent->ErrorOutput(), " ignored: "), names.size()) << agent->ErrorOutput();
     EXPECT_EQ(ReadFile(m_scratch / "file"), "/secret");
 
     File(kGood);
@@ -220,7 +220,7 @@ TEST_F(RequestFaults, WhatSomebodyHasPutAmongTheTakenIsNoneEither)
     ASSERT_TRUE(WaitForReports(1)) << agent->ErrorOutput();
     LetItLook();
     EXPECT_EQ(Names(), (TNames{"look-once-ALWAYS.log", "look-twice-ALWAYS.log", kGood}));
-    EXPECT_EQ(CountSaid(*agent, " ignored: "), names.size()) << agent->ErrorOutput();
+    EXPECT_EQ(CountOf(agent->ErrorOutput(), " ignored: "), names.size()) << agent->ErrorOutput();
     EXPECT_EQ(NamesIn(taken), TNames{"a-directory-ALWAYS.log"});
     EXPECT_TRUE(fs::exists(taken / "a-directory-ALWAYS.log/deep")) << "whose owner may turn on us";
 }
@@ -252,7 +252,7 @@ TEST_F(RequestFaults, OneThatCannotBeTakenYetWaits)
     drop.Remount(0);
 
     EXPECT_TRUE(WaitForReports(1)) << agent->ErrorOutput();
-    EXPECT_EQ(CountSaid(*agent, " waits: "), 1U) << agent->ErrorOutput();
+    EXPECT_EQ(CountOf(agent->ErrorOutput(), " waits: "), 1U) << agent->ErrorOutput();
 }
 
 TEST_F(RequestFaults, OneThatCannotBeRemovedHasOneReport)
@@ -271,7 +271,7 @@ TEST_F(RequestFaults, OneThatCannotBeRemovedHasOneReport)
             << agent->ErrorOutput();
         LetItLook();
         EXPECT_EQ(Names(), (TNames{"look-once-ALWAYS.log", "look-twice-ALWAYS.log", kGood}));
-        EXPECT_EQ(CountSaid(*agent, " waits: "), 1U) << agent->ErrorOutput();
+        EXPECT_EQ(CountOf(agent->ErrorOutput(), " waits: "), 1U) << agent->ErrorOutput();
     }
 
     EXPECT_TRUE(WaitUntil([&] { return !fs::exists(request); }));
@@ -438,7 +438,7 @@ TEST_F(ArtefactFaults, WhatIsLargerThanTheLimitIsNotCopied)
 
     EXPECT_GT(ReasonOf(*agent, m_scratch / "just too large").size(), 10U);
     EXPECT_GT(ReasonOf(*agent, m_scratch / "huge").size(), 10U);
-    EXPECT_EQ(CountSaid(*agent, " dropped: "), 0U) << "nothing is given up for it";
+    EXPECT_EQ(CountOf(agent->ErrorOutput(), " dropped: "), 0U) << "nothing is given up for it";
 }
 
 TEST_F(ArtefactFaults, WhatIsLargerThanTheFreeSpaceIsNotCopied)
@@ -488,7 +488,7 @@ protected:
         RequestSlot("proc", "slot");
         EXPECT_TRUE(Says(agent, "kel-agent: proc|slot|0 in memory/kel/ndf_one waits: "))
             << agent.ErrorOutput();
-        EXPECT_EQ(CountSaid(agent, " waits: "), 4U) << agent.ErrorOutput();
+        EXPECT_EQ(CountOf(agent.ErrorOutput(), " waits: "), 4U) << agent.ErrorOutput();
         EXPECT_EQ(SetPolicy("<policy/>").m_output, "2 (could not be stored)\n");
     }
 

@@ -84,7 +84,7 @@ TEST_F(ReportLimits, OfTooManyTheOldestAreDropped)
         }
 
         EXPECT_TRUE(Says(*agent, "kel-agent: report 2 dropped: more than 3 reports\n"));
-        EXPECT_EQ(CountSaid(*agent, " dropped: "), 2U) << agent->ErrorOutput();
+        EXPECT_EQ(CountOf(agent->ErrorOutput(), " dropped: "), 2U) << agent->ErrorOutput();
         EXPECT_EQ(Threads(), (TNames{"3", "4", "5"}));
         agent->Signal(SIGTERM);
         ASSERT_EQ(agent->Wait(), 0);
@@ -94,7 +94,7 @@ TEST_F(ReportLimits, OfTooManyTheOldestAreDropped)
     Collect(*agent, "6");
 
     EXPECT_TRUE(Says(*agent, "kel-agent: report 5 dropped: more than 1 reports\n"));
-    EXPECT_EQ(CountSaid(*agent, " dropped: "), 3U) << agent->ErrorOutput();
+    EXPECT_EQ(CountOf(agent->ErrorOutput(), " dropped: "), 3U) << agent->ErrorOutput();
     EXPECT_EQ(Threads(), TNames{"6"});
     EXPECT_EQ(Ids(), TNames{"0000000006"}) << "numbers are not given twice";
 }
@@ -109,7 +109,7 @@ TEST_F(ReportLimits, OfTooManyBytesTheOldestAreDropped)
         }
 
         EXPECT_TRUE(Says(*agent, "kel-agent: report 2 dropped: more than 250000 bytes\n"));
-        EXPECT_EQ(CountSaid(*agent, " dropped: "), 2U) << agent->ErrorOutput();
+        EXPECT_EQ(CountOf(agent->ErrorOutput(), " dropped: "), 2U) << agent->ErrorOutput();
         EXPECT_EQ(Threads(), (TNames{"3", "4"}));
         EXPECT_EQ(Reports().at(1)["/artefact/bytes"], "100000");
         agent->Signal(SIGTERM);

@@ -26,8 +26,6 @@ namespace {
 const fs::path kStore = "/run/kel-vconf";
 const fs::path kSlotFile = kStore / "memory/kel/ndf_one";
 
-constexpr std::chrono::seconds kCollected(60);
-
 bool IsHidden(const std::string& name) { return name[0] == '.'; }
 
 void ExpectMode(const fs::path& path, mode_t mode) { EXPECT_EQ(ModeOf(path), mode) << path; }
@@ -247,34 +245,6 @@ ReportRoad::Silence::~Silence()
     fflush(stdout);
     dup2(m_before, STDOUT_FILENO);
     close(m_before);
-}
-
-bool Says(const ChildProcess& program, const std::string& text)
-{
-    return WaitUntil([&] { return CountSaid(program, text) > 0; }, kCollected);
-}
-
-size_t CountSaid(const ChildProcess& program, const std::string& text)
-{
-    const std::string said = program.ErrorOutput();
-    size_t count = 0;
-    for (size_t at = said.find(text); at != std::string::npos; at = said.find(text, at + 1)) {
-        ++count;
-    }
-    return count;
-}
-
-TNames NamesIn(const fs::path& directory)
-{
-    TNames names;
-    std::error_code none;
-    for (const auto& entry : fs::directory_iterator(directory, none)) {
-        if (entry.path().filename() != ".taken") {
-            names.push_back(entry.path().filename());
-        }
-    }
-    std::sort(names.begin(), names.end());
-    return names;
 }
 
 mode_t ModeOf(const fs::path& path)

@@ -106,15 +106,6 @@ private:
 const std::filesystem::path kDrop = "/tmp/kel_NDF";
 const std::filesystem::path kRebootDrop = "/tmp/kel_NDF_reboot";
 
-/// Waits until a program has written this to standard error.
-bool Says(const ChildProcess& program, const std::string& text);
-
-/// How often it has.
-size_t CountSaid(const ChildProcess& program, const std::string& text);
-
-/// What is in a directory, sorted, but for the agent's own ".taken".
-TNames NamesIn(const std::filesystem::path& directory);
-
 /// The permission bits; 0 when there is nothing.
 mode_t ModeOf(const std::filesystem::path& path);
 

@@ -235,6 +235,15 @@ bool ChildProcess::m_Reap(bool block)
     return true;
 }
 
+size_t CountOf(const std::string& text, const std::string& part)
+{
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
 TSFinished RunProgram(const std::vector<std::string>& command,
                       const ChildProcess::TEnvironment& environment, const std::string& input,
                       std::chrono::milliseconds deadline)

@@ -73,6 +73,9 @@ private:
     std::thread m_reader;
 };
 
+/// How often a text contains another.
+size_t CountOf(const std::string& text, const std::string& part);
+
 /// How a program that ran to its end has ended.
 struct TSFinished
 {
