@@ -26,13 +26,11 @@ namespace kel::test {
 
 namespace fs = std::filesystem;
 using namespace std::string_literals;
-using testing::HasSubstr;
-using testing::Not;
+using testing::StartsWith;
 
 namespace {
 
 constexpr uid_t kNobody = 65534;
-constexpr char kGood[] = "proc-good-ALWAYS.log";
 
 void MakeSparse(const fs::path& path, uintmax_t size)
 {
@@ -40,28 +38,9 @@ void MakeSparse(const fs::path& path, uintmax_t size)
     fs::resize_file(path, size);
 }
 
-// A directory of the test's own, gone with it.
-class Scratch
-{
-public:
-    Scratch() { fs::create_directory(m_path); }
-    ~Scratch() { fs::remove_all(m_path); }
-    Scratch(const Scratch&) = delete;
-    Scratch& operator=(const Scratch&) = delete;
-
-    fs::path operator/(const std::string& name) const { return m_path / name; }
-
-private:
-    const fs::path m_path = "/tmp/scratch";
-};
-
 } // namespace
 
-class RequestFaults : public ReportRoad
-{
-protected:
-    const Scratch m_scratch;
-};
+typedef ReportRoad RequestFaults;
 
 TEST_F(RequestFaults, WhatIsNoFileOfItsOwnIsLeftThereWithOneLine)
 {
@@ -101,7 +80,7 @@ TEST_F(RequestFaults, OneOfTenMebibytesGivesAReportWithoutAnArtefact)
     ASSERT_TRUE(WaitForReports(2)) << agent->ErrorOutput();
 
     for (const TSReport& report : Reports()) {
-        EXPECT_GT(report["/artefact/reason"].size(), 10U) << report.Name();
+        EXPECT_EQ(report["/artefact/reason"], "what was given is no path") << report.Name();
         EXPECT_EQ(report["/artefact/file"], "(absent)");
         EXPECT_LT(fs::file_size(report.m_directory / "report.json"), 20000U);
     }
@@ -157,203 +136,17 @@ TEST_F(RequestFaults, OneThatIsBeingWrittenIsCollectedOnceAndWhole)
         slow << "/nowhere/" << std::flush;
         File(kGood);
         ASSERT_TRUE(WaitForReports(1)) << agent->ErrorOutput();
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        EXPECT_EQ(Names(), TNames{kGood});
+        LetItLook();
+        EXPECT_EQ(Names(), (TNames{"look-once-ALWAYS.log", "look-twice-ALWAYS.log", kGood}));
         slow << "in two parts";
     }
 
-    ASSERT_TRUE(WaitForReports(2)) << agent->ErrorOutput();
+    ASSERT_TRUE(WaitForReports(4)) << agent->ErrorOutput();
     LetItLook();
     const std::vector<TSReport> reports = Reports();
-    ASSERT_EQ(reports.size(), 4U);
-    EXPECT_EQ(reports[1].Name(), "a-slow-ALWAYS.log");
-    EXPECT_EQ(reports[1]["/request/upload-path"], "/nowhere/in two parts");
-}
-
-// The file's time tells how long the agent has waited: the clock need not run.
-TEST_F(RequestFaults, OneThatIsNeverClosedIsTakenInTheEnd)
-{
-    const auto agent = StartCollector();
-    const int patient = creat((kDrop / "a-patient-ALWAYS.log").c_str(), 0644);
-    const int future = creat((kDrop / "a-future-ALWAYS.log").c_str(), 0644);
-    ASSERT_EQ(write(patient, "/nowhere", 8), 8);
-    File(kGood);
-    ASSERT_TRUE(WaitForReports(1)) << agent->ErrorOutput();
-    EXPECT_EQ(Names(), TNames{kGood});
-
-    const timespec longAgo[] = {{1'000'000, 0}, {1'000'000, 0}};
-    const timespec later[] = {{0, UTIME_OMIT}, {0x7000'0000, 0}}; // the clock was set back since
-    EXPECT_EQ(futimens(patient, longAgo), 0);
-    EXPECT_EQ(futimens(future, later), 0);
-
-    EXPECT_TRUE(WaitForReports(3)) << agent->ErrorOutput();
-    std::vector<TSReport> reports = Reports();
-    std::sort(reports.begin(), reports.end(), [](const TSReport& a, const TSReport& b) {
-        return a.Name() < b.Name(); // both may be of one tick of the file system's clock
-    });
-    EXPECT_EQ(reports.at(0)["/request/filed"].substr(0, 4), "2029");
-    EXPECT_EQ(reports.at(1)["/request/upload-path"], "/nowhere");
-    close(patient);
-    close(future);
-}
-
-// Whoever was there before the agent made the directories its own.
-TEST_F(RequestFaults, WhatSomebodyHasPutAmongTheTakenIsNoneEither)
-{
-    const fs::path taken = kDrop / ".taken";
-    fs::create_directories(taken / "a-directory-ALWAYS.log/deep");
-    WriteFile(m_scratch / "file", "/secret");
-    fs::create_symlink(m_scratch / "file", taken / "a-link-ALWAYS.log");
-    fs::create_hard_link(m_scratch / "file", taken / "a-hardlink-ALWAYS.log");
-    ASSERT_EQ(mkfifo((taken / "a-fifo-ALWAYS.log").c_str(), 0666), 0);
-    WriteFile(taken / "nonsense", "NO_PATH");
-    const TNames names = NamesIn(taken);
-
-    const auto agent = StartCollector();
-
-    for (const std::string& name : names) {
-        EXPECT_TRUE(Says(*agent, "kel-agent: " + name + " in /tmp/kel_NDF ignored: "))
-            << agent->ErrorOutput();
-    }
-    EXPECT_EQ(ReadFile(m_scratch / "file"), "/secret");
-    File(kGood);
-    ASSERT_TRUE(WaitForReports(1)) << agent->ErrorOutput();
-    LetItLook();
-    EXPECT_EQ(Names(), (TNames{"look-once-ALWAYS.log", "look-twice-ALWAYS.log", kGood}));
-    EXPECT_EQ(CountOf(agent->ErrorOutput(), " ignored: "), names.size()) << agent->ErrorOutput();
-    EXPECT_EQ(NamesIn(taken), TNames{"a-directory-ALWAYS.log"});
-    EXPECT_TRUE(fs::exists(taken / "a-directory-ALWAYS.log/deep")) << "whose owner may turn on us";
-}
-
-TEST_F(RequestFaults, OneOfATimeThatCannotBeToldIsCollected)
-{
-    const auto agent = StartCollector();
-    WriteFile(m_scratch / "far", "NO_PATH");
-    const timespec far[] = {{0, UTIME_NOW}, {time_t(1) << 58, 0}};
-    ASSERT_EQ(utimensat(AT_FDCWD, (m_scratch / "far").c_str(), far, 0), 0);
-
-    fs::rename(m_scratch / "far", kDrop / kGood);
-
-    ASSERT_TRUE(WaitForReports(1)) << agent->ErrorOutput();
-    EXPECT_EQ(Reports().at(0)["/request/filed"], "-");
-}
-
-TEST_F(RequestFaults, OneThatCannotBeTakenYetWaits)
-{
-    const Mount drop(kDrop);
-    StartCollector(); // makes the directories
-    WriteFile(kDrop / kGood, "NO_PATH");
-    drop.Remount(MS_RDONLY);
-    const auto agent = StartCollector();
-
-    EXPECT_TRUE(
-        Says(*agent, "kel-agent: "s + kGood + " in /tmp/kel_NDF waits: Read-only file system\n"))
-        << agent->ErrorOutput();
-    drop.Remount(0);
-
-    EXPECT_TRUE(WaitForReports(1)) << agent->ErrorOutput();
-    EXPECT_EQ(CountOf(agent->ErrorOutput(), " waits: "), 1U) << agent->ErrorOutput();
-}
-
-TEST_F(RequestFaults, OneThatCannotBeRemovedHasOneReport)
-{
-    StartCollector(); // makes the directories
-    const fs::path request = kDrop / ".taken" / kGood;
-    WriteFile(request, "NO_PATH");
-    WriteFile(m_scratch / "mounted", "NO_PATH");
-    std::unique_ptr<ChildProcess> agent;
-    {
-        const Mount mounted = Mount::Bind(m_scratch / "mounted", request);
-        agent = StartCollector();
-
-        EXPECT_TRUE(
-            Says(*agent, "kel-agent: "s + kGood + " in /tmp/kel_NDF waits: it cannot be removed: "))
-            << agent->ErrorOutput();
-        LetItLook();
-        EXPECT_EQ(Names(), (TNames{"look-once-ALWAYS.log", "look-twice-ALWAYS.log", kGood}));
-        EXPECT_EQ(CountOf(agent->ErrorOutput(), " waits: "), 1U) << agent->ErrorOutput();
-    }
-
-    EXPECT_TRUE(WaitUntil([&] { return !fs::exists(request); }));
-}
-
-// The agent reads the kernel log when it has seen requests, and before it takes them.
-class TakingFaults : public RequestFaults
-{
-protected:
-    TakingFaults()
-    {
-        WriteFile(m_bus.Directory() + "/tools/dmesg",
-                  "#!/bin/sh\nwhile [ ! -e " + m_go.string() + " ]; do sleep 0.01; done\n");
-    }
-
-    // Starts an agent that finds these requests, and returns when it has seen them.
-    std::unique_ptr<ChildProcess> StartWith(const TNames& names) const
-    {
-        StartCollector(); // makes the directories
-        for (const std::string& name : names) {
-            WriteFile(kDrop / name, "/nowhere");
-        }
-        auto agent = StartCollector();
-        EXPECT_TRUE(Says(*agent, "kel-agent: process information: ")) << agent->ErrorOutput();
-        return agent;
-    }
-    void LetItTake() const { WriteFile(m_go, ""); }
-
-private:
-    const fs::path m_go = m_scratch / "go";
-};
-
-TEST_F(TakingFaults, OneThatHasGoneLeavesALine)
-{
-    const auto agent = StartWith({kGood});
-
-    fs::remove(kDrop / kGood);
-    LetItTake();
-
-    EXPECT_TRUE(Says(*agent, "kel-agent: "s + kGood + " in /tmp/kel_NDF ignored: it has gone\n"))
-        << agent->ErrorOutput();
-    EXPECT_EQ(Ids(), TNames());
-}
-
-TEST_F(TakingFaults, OneThatWasReplacedLeavesALine)
-{
-    const auto agent = StartWith({kGood});
-
-    fs::remove(kDrop / kGood);
-    fs::create_symlink("/etc/passwd", kDrop / kGood);
-    LetItTake();
-
-    EXPECT_TRUE(Says(*agent, "kel-agent: "s + kGood
-                                 + " in /tmp/kel_NDF ignored: it was replaced by something else\n"))
-        << agent->ErrorOutput();
-    EXPECT_EQ(Ids(), TNames());
-    EXPECT_EQ(NamesIn(kDrop / ".taken"), TNames());
-}
-
-TEST_F(TakingFaults, ManyThatAreWrittenToWithoutEndHaveNoMorePatienceThanOne)
-{
-    const TNames names = {"a-1-ALWAYS.log", "a-2-ALWAYS.log", "a-3-ALWAYS.log", "a-4-ALWAYS.log"};
-    const auto agent = StartWith(names);
-    std::vector<int> writers;
-    for (const std::string& name : names) {
-        writers.push_back(open((kDrop / name).c_str(), O_WRONLY | O_CLOEXEC));
-    }
-    const auto start = std::chrono::steady_clock::now();
-    {
-        const Repeat writing([&] {
-            for (const int writer : writers) {
-                EXPECT_EQ(futimens(writer, nullptr), 0);
-            }
-        });
-        LetItTake();
-        EXPECT_TRUE(WaitForReports(names.size())) << agent->ErrorOutput();
-    }
-
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(12)); // 5 each: 20
-    for (const int writer : writers) {
-        close(writer);
-    }
+    ASSERT_EQ(reports.size(), 6U);
+    EXPECT_EQ(reports[3].Name(), "a-slow-ALWAYS.log");
+    EXPECT_EQ(reports[3]["/request/upload-path"], "/nowhere/in two parts");
 }
 
 class ArtefactFaults : public ReportRoad
@@ -380,8 +173,6 @@ protected:
         return reason;
     }
 
-    const Scratch m_scratch;
-
 private:
     size_t m_number = 0;
 };
@@ -391,13 +182,12 @@ TEST_F(ArtefactFaults, WhatIsNoRegularFileIsNotCopied)
     ASSERT_EQ(mkfifo((m_scratch / "fifo").c_str(), 0666), 0);
     const auto agent = StartCollector();
 
-    for (const std::string& path :
-         {"/dev/zero"s, "/tmp"s, "/nowhere/at all"s, (m_scratch / "fifo").string(), "relative"s,
-          "/tmp/"s + std::string(300, 'x')}) {
-        const std::string reason = ReasonOf(*agent, path);
-
-        EXPECT_THAT(reason, Not(testing::AnyOf("", "(absent)", "null", "Success"))) << path;
+    for (const std::string& path : {"/dev/zero"s, "/tmp"s, (m_scratch / "fifo").string()}) {
+        EXPECT_EQ(ReasonOf(*agent, path), "it is no regular file") << path;
     }
+    EXPECT_EQ(ReasonOf(*agent, "/nowhere/at all"), "No such file or directory");
+    EXPECT_EQ(ReasonOf(*agent, "/tmp/" + std::string(300, 'x')), "File name too long");
+    EXPECT_EQ(ReasonOf(*agent, "relative"), "its path is not absolute");
 }
 
 TEST_F(ArtefactFaults, WhatTheRequesterMayNotReadIsNotCopied)
@@ -412,9 +202,8 @@ TEST_F(ArtefactFaults, WhatTheRequesterMayNotReadIsNotCopied)
     const auto agent = StartCollector();
     WriteFile(m_scratch / "probe", "");
     if (chown((m_scratch / "probe").c_str(), kNobody, static_cast<gid_t>(-1)) != 0) {
-        // A namespace of one user: there is nobody else, but the machine has its secrets.
         EXPECT_EQ(ReasonOf(*agent, "/etc/shadow"), "Permission denied");
-        return;
+        GTEST_SKIP() << "a namespace of one user: the machine's own secret alone was tried";
     }
 
     for (const std::string name : {"secret", "closed/open", "link"}) {
@@ -436,8 +225,10 @@ TEST_F(ArtefactFaults, WhatIsLargerThanTheLimitIsNotCopied)
     MakeSparse(m_scratch / "huge", 5ULL << 30U);
     const auto agent = StartCollector({"--max-bytes", "200000"});
 
-    EXPECT_GT(ReasonOf(*agent, m_scratch / "just too large").size(), 10U);
-    EXPECT_GT(ReasonOf(*agent, m_scratch / "huge").size(), 10U);
+    EXPECT_THAT(ReasonOf(*agent, m_scratch / "just too large"),
+                StartsWith("it has 200000 bytes, and there is room for "));
+    EXPECT_THAT(ReasonOf(*agent, m_scratch / "huge"),
+                StartsWith("it has 5368709120 bytes, and there is room for "));
     EXPECT_EQ(CountOf(agent->ErrorOutput(), " dropped: "), 0U) << "nothing is given up for it";
 }
 
@@ -448,29 +239,15 @@ TEST_F(ArtefactFaults, WhatIsLargerThanTheFreeSpaceIsNotCopied)
     MakeSparse(m_scratch / "huge", 5ULL << 30U);
     const auto agent = StartCollector({"--max-bytes", "4294967295"});
 
-    EXPECT_GT(ReasonOf(*agent, m_scratch / "large").size(), 10U);
-    EXPECT_GT(ReasonOf(*agent, m_scratch / "huge").size(), 10U);
+    EXPECT_THAT(ReasonOf(*agent, m_scratch / "large"),
+                StartsWith("it has 8388608 bytes, and there is room for "));
+    EXPECT_THAT(ReasonOf(*agent, m_scratch / "huge"),
+                StartsWith("it has 5368709120 bytes, and there is room for "));
 
     WriteFile(m_scratch / "small", std::string(1 << 20, 'x'));
     File(kGood, m_scratch / "small");
     ASSERT_TRUE(WaitForReports(3)) << agent->ErrorOutput();
     EXPECT_EQ(Reports().at(2)["/artefact/bytes"], std::to_string(1 << 20));
-}
-
-// A file of the system's that tells of no size, and has hundreds of gigabytes.
-TEST_F(ArtefactFaults, WhatHasNoEndIsCopiedNoFurtherThanTheLimit)
-{
-    const Mount state(m_stateDir, "size=64m");
-    const auto agent = StartCollector({"--max-bytes", "1000000"});
-    uintmax_t leastSpace = fs::space(m_stateDir).free;
-    {
-        const Repeat watch([&] {
-            leastSpace = std::min(leastSpace, fs::space(m_stateDir).free);
-            std::this_thread::sleep_for(std::chrono::microseconds(100));
-        });
-        EXPECT_GT(ReasonOf(*agent, "/proc/self/pagemap").size(), 10U);
-    }
-    EXPECT_GT(leastSpace, 60U << 20U);
 }
 
 class StateFaults : public ReportRoad
@@ -566,21 +343,6 @@ TEST_F(StateFaults, RequestsThatWaitOutliveTheAgent)
     };
     EXPECT_TRUE(WaitUntil(hasLatest)) << agent->ErrorOutput();
     EXPECT_LE(Ids().size(), 2U);
-}
-
-TEST_F(StateFaults, WhatAKilledAgentHasHalfMadeOrHalfRemovedGoes)
-{
-    for (const char* const name : {".new-0000000001", ".old-0000000007", "0000000002", "mine"}) {
-        fs::create_directories(m_reports / name / "deep");
-    }
-    WriteFile(m_reports / ".new-0000000001/report.json", "{");
-    const auto agent = StartCollector();
-
-    File(kGood);
-
-    EXPECT_TRUE(Says(*agent, "kel-agent: report 3: proc-good-ALWAYS.log in /tmp/kel_NDF"))
-        << agent->ErrorOutput();
-    EXPECT_EQ(NamesIn(m_reports), (TNames{"0000000002", "0000000003", "mine"}));
 }
 
 // A log whose reader comes to a halt: the agent stands still with its next line.
@@ -783,27 +545,6 @@ TEST_F(AgentFaults, BesideOneOfTheTestChannelEachReportIsMadeOnce)
         reports.push_back(std::move(report));
     }
     ExpectEachOnce(reports, {"both"}, 100);
-}
-
-// Each has what the other needs as soon as the one has the drop directories and the other the
-// state.
-TEST_F(AgentFaults, BesideOneOfTheTestChannelWithTheSameStateNoRequestWaitsForEver)
-{
-    const auto agent = StartCollector();
-    const auto tester = StartAgent({"--test"});
-    ASSERT_TRUE(Says(*tester, "kel-agent: /tmp/kel_NDF cannot be used: another agent uses it\n"))
-        << tester->ErrorOutput();
-
-    agent->Signal(SIGSTOP);
-    RequestSlot("proc", "slot");
-    // Only the tester can have it now; it need not.
-    WaitUntil([] { return Slot().empty(); }, std::chrono::milliseconds(1500));
-    agent->Signal(SIGCONT);
-    FileMany("both", 10);
-
-    EXPECT_TRUE(WaitForReports(11)) << agent->ErrorOutput() << tester->ErrorOutput();
-    LetItLook();
-    EXPECT_EQ(Ids().size(), 13U);
 }
 
 TEST_F(AgentFaults, ASignalWhileItCollectsEndsItInTimeWithNothingHalfWritten)

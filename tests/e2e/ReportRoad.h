@@ -26,6 +26,21 @@ struct TSReport
 
 typedef std::vector<std::string> TNames;
 
+/// A directory of the test's own, gone with it.
+class Scratch
+{
+public:
+    Scratch() { std::filesystem::create_directory(m_path); }
+    ~Scratch() { std::filesystem::remove_all(m_path); }
+    Scratch(const Scratch&) = delete;
+    Scratch& operator=(const Scratch&) = delete;
+
+    std::filesystem::path operator/(const std::string& name) const { return m_path / name; }
+
+private:
+    const std::filesystem::path m_path = "/tmp/scratch";
+};
+
 /// The road from a request to its report: the library, the drop directories and the key, an agent,
 /// and its directory of state. The agent's kernel log is the test's.
 class ReportRoad : public AgentRoad
@@ -87,6 +102,7 @@ protected:
     static void LetItLook();
 
     const std::filesystem::path m_reports;
+    const Scratch m_scratch;
 
 private:
     /// Drops what this process writes to standard output.
@@ -102,6 +118,9 @@ private:
         const int m_before;
     };
 };
+
+/// A request that is like any other.
+constexpr char kGood[] = "proc-good-ALWAYS.log";
 
 const std::filesystem::path kDrop = "/tmp/kel_NDF";
 const std::filesystem::path kRebootDrop = "/tmp/kel_NDF_reboot";

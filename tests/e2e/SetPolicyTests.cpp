@@ -91,26 +91,6 @@ TEST_F(SetPolicyRoad, WithoutADirectoryItIsNotStoredUntilThereIsOne)
     EXPECT_EQ(SetPolicy("<policy/>").m_exit, 0);
 }
 
-TEST_F(SetPolicyRoad, WhereTheDirectoryIsAFileItIsNotStored)
-{
-    std::filesystem::remove(m_stateDir);
-    std::ofstream(m_stateDir) << "text";
-
-    const TSFinished set = SetPolicy("<policy/>");
-
-    EXPECT_EQ(set.m_exit, 1) << Text(set);
-    EXPECT_EQ(set.m_output, "2 (could not be stored)\n");
-    EXPECT_EQ(ReadFile(m_stateDir), "text");
-}
-
-TEST_F(SetPolicyRoad, NothingIsNoPolicy)
-{
-    const TSFinished set = SetPolicy("");
-
-    EXPECT_EQ(set.m_exit, 1) << Text(set);
-    EXPECT_EQ(set.m_output, "1 (not well-formed)\n");
-}
-
 TEST_F(SetPolicyRoad, FourMebibytesAreAPolicy)
 {
     const std::string policy = "<policy>" + std::string(4 << 20, 'x') + "</policy>";
@@ -119,19 +99,6 @@ TEST_F(SetPolicyRoad, FourMebibytesAreAPolicy)
 
     EXPECT_EQ(set.m_exit, 0) << Text(set);
     EXPECT_TRUE(StoredPolicy() == policy);
-}
-
-TEST_F(SetPolicyRoad, ZeroBytesAreNoXmlAndDoNotHideWhatFollows)
-{
-    for (const std::string& policy :
-         {std::string("<policy/>\0", 10), std::string("<policy>\0</policy>", 18),
-          std::string("\0<policy/>", 10), std::string("<policy/>\0<broken>", 18)}) {
-        const TSFinished set = SetPolicy(policy);
-
-        EXPECT_EQ(set.m_exit, 1) << Text(set);
-        EXPECT_EQ(set.m_output, "1 (not well-formed)\n");
-    }
-    EXPECT_EQ(StoredPolicy(), "");
 }
 
 TEST_F(SetPolicyRoad, AMessageThatHoldsNoPolicyIsDeclinedWithoutMemoryAndTheAgentLivesOn)
