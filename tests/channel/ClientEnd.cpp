@@ -183,12 +183,6 @@ TEST_F(ClientCallbacks, AMessageOfTheAgentRunsThem)
     EXPECT_EQ(request, TBytes{0x41});
 }
 
-TEST_F(ClientCallbacks, AMessageWithoutOneIsAnsweredWithTheByteZero)
-{
-    EXPECT_EQ(m_agent.Send(SendBytes(2, 0)).m_bytes, TBytes{0});
-    EXPECT_TRUE(m_log.Has(kDebug, "Callback for type 2 is not registered"));
-}
-
 TEST_F(ClientCallbacks, AnApplicationThatIsGreetedAnswersWithNothing)
 {
     const TSReply reply = m_agent.Hello({1});
@@ -196,17 +190,6 @@ TEST_F(ClientCallbacks, AnApplicationThatIsGreetedAnswersWithNothing)
     EXPECT_TRUE(reply.IsOk());
     EXPECT_EQ(reply.m_signature, "");
     EXPECT_TRUE(m_log.Has(kDebug, "No message handler for Hello"));
-}
-
-TEST_F(ClientCallbacks, OneThatThrowsCountsAsNotHandledAndIsNamed)
-{
-    m_client->SetCallback(2, [](const TBytes&, TBytes& response) -> bool {
-        response = {1};
-        throw std::runtime_error("no");
-    });
-
-    EXPECT_EQ(m_agent.Send(SendBytes(2, 0)).m_bytes, TBytes{0});
-    EXPECT_TRUE(m_log.Has(kError, "Callback for type 2 has thrown: no"));
 }
 
 TEST_F(ClientCallbacks, OneMaySendWhileOtherThreadsRegister)

@@ -62,21 +62,6 @@ TEST_F(FanOut, ALateAnswerIsNotTakenForTheOneToTheNextMessage)
     EXPECT_EQ(sent.get(), TCounts(0, 1));
 }
 
-TEST_F(FanOut, SilenceRefusalErrorsAndNonsenseAreFailuresAloneAmongOthers)
-{
-    const TPeers peers = MakeClients(6);
-    peers[0]->SetAnswer("Send", TSAnswer::Nothing());
-    peers[1]->SetAnswer("Send", TSAnswer::Bytes({0}));
-    peers[2]->SetAnswer("Send", TSAnswer::Error("com.example.Error.Unheard"));
-    peers[3]->SetAnswer("Send", TSAnswer::Bytes({}));
-    peers[4]->SetAnswer("Send", TSAnswer::Other("('yes',)"));
-
-    EXPECT_EQ(m_server.SendMessage(5, {}, 500), TCounts(1, 5));
-    EXPECT_EQ(m_server.SendMessage(5, {}, 500), TCounts(1, 5)) << "and once more";
-
-    EXPECT_EQ(m_server.NumberOfClients(), 6u) << "nobody has left";
-}
-
 TEST_F(FanOut, AThousandHellosInARowCostOneClientAndOneMatchRule)
 {
     RawPeer peer(m_bus);

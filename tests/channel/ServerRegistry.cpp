@@ -97,21 +97,6 @@ TEST_F(ServerRegistry, AnEmptyHelloRegistersAClientThatGetsNothing)
     EXPECT_TRUE(m_peer.Calls("Send").empty());
 }
 
-TEST_F(ServerRegistry, AHelloOfThreeBytesNamesNoType)
-{
-    HelloOf(m_peer, {1, 0, 0});
-
-    EXPECT_EQ(m_server.NumberOfClients(), 1u);
-    EXPECT_EQ(TypesOf(m_peer), TTypes());
-}
-
-TEST_F(ServerRegistry, TheTrailingBytesOfAHelloAreIgnored)
-{
-    HelloOf(m_peer, {3, 0, 0, 0, 0xff, 0xff, 0xff, 0xff, 9, 0});
-
-    EXPECT_EQ(TypesOf(m_peer), (TTypes{-1, 3}));
-}
-
 TEST_F(ServerRegistry, AHelloOfAMillionBytesNamesAQuarterOfAMillionTypes)
 {
     std::vector<int> types(250'000);

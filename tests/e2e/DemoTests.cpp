@@ -79,54 +79,41 @@ TEST_F(Demo, ShowsTheRoadEndsWithItsResultAndLeavesNothing)
     ExpectNothingLeft();
 }
 
-TEST_F(Demo, FailsWhenThePolicyDoesNotArrive)
+struct TSFault
+{
+    const char* m_name;
+    const char* m_kelctl; // a shell's command line in its place
+    const char* m_result;
+};
+
+class FaultyDemo : public Demo, public testing::WithParamInterface<TSFault>
+{
+};
+
+TEST_P(FaultyDemo, FailsAndSaysWhy)
 {
     const TSFinished ended
-        = RunProgram({KEL_DEMO}, Environment(BinariesWithKelctl("echo '0 (accepted)'")));
-
-    EXPECT_EQ(ended.m_exit, 1);
-    EXPECT_THAT(
-        ended.m_errorOutput,
-        EndsWith("\nResult: FAILED: examples/policy.xml is not what the agent has stored\n"));
-    ExpectNothingLeft();
-}
-
-TEST_F(Demo, FailsWhenAMonitorDoesNotHear)
-{
-    const std::string kelctl
-        = "[ $1 != monitor ] || exec sleep 100; exec '" KEL_BINARIES "/tools/kelctl/kelctl' \"$@\"";
-
-    const TSFinished ended = RunProgram({KEL_DEMO}, Environment(BinariesWithKelctl(kelctl)));
+        = RunProgram({KEL_DEMO}, Environment(BinariesWithKelctl(GetParam().m_kelctl)));
 
     EXPECT_EQ(ended.m_exit, 1);
     EXPECT_THAT(ended.m_errorOutput,
-                EndsWith("\nResult: FAILED: a monitor has not heard of the policy\n"));
+                EndsWith(std::string("\nResult: FAILED: ") + GetParam().m_result + "\n"));
     ExpectNothingLeft();
 }
 
-TEST_F(Demo, FailsWhenAMalformedPolicyIsNotRefused)
-{
-    const TSFinished ended = RunProgram(
-        {KEL_DEMO},
-        Environment(BinariesWithKelctl("'" KEL_BINARIES "/tools/kelctl/kelctl' \"$@\" || :")));
+#define KELCTL "'" KEL_BINARIES "/tools/kelctl/kelctl' \"$@\""
 
-    EXPECT_EQ(ended.m_exit, 1);
-    EXPECT_THAT(ended.m_errorOutput,
-                EndsWith("\nResult: FAILED: kelctl's exit status is 0 instead of 1\n"));
-    ExpectNothingLeft();
-}
-
-TEST_F(Demo, FailsWhenAReportIsNotCollected)
-{
-    const std::string kelctl
-        = "[ $1 != report ] || exit 0; exec '" KEL_BINARIES "/tools/kelctl/kelctl' \"$@\"";
-
-    const TSFinished ended = RunProgram({KEL_DEMO}, Environment(BinariesWithKelctl(kelctl)));
-
-    EXPECT_EQ(ended.m_exit, 1);
-    EXPECT_THAT(ended.m_errorOutput, EndsWith("\nResult: FAILED: the file is not in the report\n"));
-    ExpectNothingLeft();
-}
+INSTANTIATE_TEST_SUITE_P(
+    Kelctl, FaultyDemo,
+    testing::Values(TSFault{"NoPolicyArrives", "echo '0 (accepted)'",
+                            "examples/policy.xml is not what the agent has stored"},
+                    TSFault{"AMonitorIsDeaf", "[ $1 != monitor ] || exec sleep 100; exec " KELCTL,
+                            "a monitor has not heard of the policy"},
+                    TSFault{"NothingIsRefused",
+                            KELCTL " || :", "kelctl's exit status is 0 instead of 1"},
+                    TSFault{"NoReportIsFiled", "[ $1 != report ] || exit 0; exec " KELCTL,
+                            "the file is not in the report"}),
+    [](const auto& fault) { return fault.param.m_name; });
 
 TEST_F(Demo, AnInterruptLeavesNothing)
 {

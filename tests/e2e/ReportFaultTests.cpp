@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -20,7 +19,6 @@
 
 #include "e2e/ReportRoad.h"
 #include "support/Mount.h"
-#include "support/Threads.h"
 
 namespace kel::test {
 
