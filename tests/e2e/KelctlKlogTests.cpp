@@ -152,9 +152,10 @@ TEST_F(KelctlKlog, AReaderThatIsSlowGetsEveryLine)
     const std::string line(400, 'x');
     SetKernelLog(Numbered(line, 0, 512));
 
-    const TSFinished read = RunInShell("'" KEL_NOT_IDLE "' '" KEL_CTL
-                                       "' klog --follow | { read -r first; echo \"$first\"; "
-                                       "sleep 0.3; exec head -n 511; }");
+    // A shell reads byte by byte.
+    const TSFinished read = RunInShell("'" KEL_NOT_IDLE "' '" KEL_CTL "' klog --follow | "
+                                       "for ((i = 0; i < 512; ++i)); do read -r line; "
+                                       "echo \"$line\"; done");
 
     EXPECT_EQ(read.m_output, Numbered(line, 0, 512)) << read.m_errorOutput;
     EXPECT_EQ(read.m_errorOutput, "kelctl: nobody reads the output\n");

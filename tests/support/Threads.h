@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <fstream>
 #include <functional>
 #include <future>
@@ -63,13 +64,16 @@ template <typename Function> auto CallUntilItSleeps(Function function)
     });
     const std::string stat
         = "/proc/self/task/" + std::to_string(thread->get_future().get()) + "/stat";
-    EXPECT_TRUE(WaitUntil([&] {
+    bool asleep = false;
+    WaitUntil([&] {
         std::ifstream stream(stat);
         std::string text;
         std::getline(stream, text);
         const size_t name = text.rfind(')');
-        return name != std::string::npos && text.compare(name, 3, ") S") == 0;
-    }));
+        asleep = name != std::string::npos && text.compare(name, 3, ") S") == 0;
+        return asleep || result.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    });
+    EXPECT_TRUE(asleep) << "it waits for nobody";
     return result;
 }
 
