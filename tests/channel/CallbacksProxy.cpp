@@ -88,22 +88,6 @@ TEST_F(CallbacksProxy, EveryChangeIsToldToTheAgentAtOnce)
     EXPECT_EQ(LatestHello(), HelloBytes({}));
 }
 
-TEST_F(CallbacksProxy, TheFunctionsSurviveARestartOfTheAgent)
-{
-    ASSERT_TRUE(m_proxy->SetPolicyUpdateCb(m_count));
-    StartAgent();
-    m_agent.ReleaseName();
-    ASSERT_TRUE(WaitUntil([&] { return !m_client->IsReady(); }));
-    ASSERT_TRUE(m_proxy->SetRequestProcessInfoCb(m_countAndRefuse));
-
-    ASSERT_TRUE(m_agent.OwnName());
-    ASSERT_TRUE(WaitUntil([&] { return m_client->IsReady(); }));
-
-    EXPECT_EQ(LatestHello(), HelloBytes({2, 4}));
-    EXPECT_EQ(m_agent.Send(SendBytes(2, 0)).m_bytes, TBytes{1});
-    EXPECT_EQ(m_called, 1);
-}
-
 TEST_F(CallbacksProxy, AResetEndsTheCallsAndMakesRoomForAnother)
 {
     ASSERT_TRUE(m_proxy->SetPolicyUpdateCb(m_count));

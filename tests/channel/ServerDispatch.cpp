@@ -130,20 +130,6 @@ TEST_P(ServerDispatchShort, ASendWithoutAWholeHeaderIsReportedAndHandledAsAnEmpt
 
 INSTANTIATE_TEST_SUITE_P(Sizes, ServerDispatchShort, testing::Range<size_t>(0, 5));
 
-TEST_F(ServerDispatch, ASendOfTheHeaderAloneCarriesNoData)
-{
-    TBytes request{0xee};
-    m_server.SetCallback(9, [&](const TBytes& bytes, TBytes&) {
-        request = bytes;
-        return true;
-    });
-
-    Send({0x09, 0x00, 0x00, 0x00, 0x00});
-
-    EXPECT_EQ(request, TBytes());
-    EXPECT_EQ(m_log.Count(FailedCheck("KELDbus", 283)), 0u);
-}
-
 TEST_F(ServerDispatch, EightMebibytesTravelBothWays)
 {
     TBytes data(8 * 1024 * 1024);

@@ -236,16 +236,6 @@ TEST_F(ServerSend, SeveralThreadsSendAtOnceAndEachCountsItsOwn)
     EXPECT_EQ(m_first.Calls("Send").size(), 200u);
 }
 
-TEST_F(ServerSend, EightMebibytesReachEverySubscriber)
-{
-    const TBytes data(8 * 1024 * 1024, 0x5a);
-    Subscribe(m_first, {5});
-    Subscribe(m_second, {5});
-
-    EXPECT_EQ(m_server.SendMessage(5, data, 20'000), TCounts(2, 0));
-    EXPECT_EQ(m_second.Calls("Send").at(0).m_bytes, SendBytes(5, 0, data));
-}
-
 TEST_F(ServerSend, AMessageWithoutAServerStartsNoCall)
 {
     // A message begins with its server.

@@ -102,18 +102,6 @@ TEST(ToolDocuments, TheManPagesHaveEveryOption)
     }
 }
 
-TEST(ToolDocuments, TheManPagesAreRenderedWithoutWarnings)
-{
-    for (const char* const page : {"kelctl/kelctl.1", "kel-agent/kel-agent.8"}) {
-        const TSFinished rendered
-            = RunProgram({"man", "--warnings", "-l", std::string(KEL_TOOLS "/") + page},
-                         {{"MANPAGER", "cat"}, {"LC_ALL", "C.UTF-8"}});
-        EXPECT_EQ(rendered.m_exit, 0);
-        EXPECT_EQ(rendered.m_errorOutput, "");
-        EXPECT_THAT(rendered.m_output, HasSubstr("DESCRIPTION"));
-    }
-}
-
 TEST(ToolDocuments, TheHelpTellsOfTheCommandsThatAreTestedHere)
 {
     const std::string help = RunProgram({KEL_CTL, "--help"}).m_output;

@@ -181,15 +181,6 @@ TEST_F(ControlProxy, AForgedLengthThrowsAtOnceAndCostsNoMemory)
     }
 }
 
-TEST_F(ControlProxy, AfterAFailureItWorksAsBefore)
-{
-    m_agent->m_response = TBytes(100, 'x');
-    EXPECT_THROW(m_proxy->SetPolicy("x"), boost::archive::archive_exception);
-
-    m_agent->m_response = ArchiveOf(7);
-    EXPECT_EQ(m_proxy->SetPolicy("x"), 7);
-}
-
 TEST_F(ControlProxy, HoldsTheClientForItsWholeLife)
 {
     EXPECT_EQ(m_agent.use_count(), 2);
