@@ -65,7 +65,7 @@ TEST_F(FanOut, ALateAnswerIsNotTakenForTheOneToTheNextMessage)
 TEST_F(FanOut, AThousandHellosInARowCostOneClientAndOneMatchRule)
 {
     RawPeer peer(m_bus);
-    const Traffic rules(&IsCall<kAddMatch>);
+    const Traffic<IsCall<kAddMatch>> rules;
     for (int i = 0; i < 1000; ++i) {
         peer.Post("Hello", Body(HelloBytes({i, 5})), true); // more than it may wait for
     }
@@ -79,7 +79,7 @@ TEST_F(FanOut, AThousandHellosInARowCostOneClientAndOneMatchRule)
 
 TEST_F(FanOut, EveryClientCostsOneMatchRule)
 {
-    const Traffic rules(&IsCall<kAddMatch>);
+    const Traffic<IsCall<kAddMatch>> rules;
 
     const TPeers peers = MakeClients(10);
 

@@ -175,7 +175,7 @@ TYPED_TEST(Teardown, AHandlerThatRunsElsewhereIsWaitedFor)
 
 TYPED_TEST(Teardown, ACallThatIsStillQueuedFindsTheEndGone)
 {
-    const Traffic calls(&IsCall<kSend>);
+    const Traffic<IsCall<kSend>> calls;
     std::atomic<int> handled(0);
     auto end = std::make_unique<TypeParam>(false);
     end->SetCallback(1, [&](const TBytes&, TBytes&) {

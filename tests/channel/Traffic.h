@@ -9,14 +9,11 @@
 
 namespace kel::test {
 
-/// Counts messages of this process's connection to the bus.
-class Traffic
+/// Counts messages of a kind on this process's connection to the bus.
+template <bool (*isCounted)(GDBusMessage*)> class Traffic
 {
 public:
-    typedef bool (*TFilter)(GDBusMessage*);
-
-    explicit Traffic(TFilter filter)
-        : m_counts(filter), m_pConnection(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr))
+    Traffic() : m_pConnection(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr))
     {
         HandOver(this);
         m_filter = g_dbus_connection_add_filter(m_pConnection, &Traffic::Filter, this, nullptr);
@@ -49,12 +46,12 @@ private:
     static GDBusMessage* Filter(GDBusConnection*, GDBusMessage* message, gboolean, gpointer traffic)
     {
         TakeOver(traffic);
-        auto& its = *static_cast<Traffic*>(traffic);
-        its.m_count += its.m_counts(message) ? 1 : 0;
+        if (isCounted(message)) {
+            ++static_cast<Traffic*>(traffic)->m_count;
+        }
         return message;
     }
 
-    const TFilter m_counts;
     GDBusConnection* m_pConnection; // one reference, released by the destructor
     guint m_filter;
     std::atomic<int> m_count{0};

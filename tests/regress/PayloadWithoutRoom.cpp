@@ -2,13 +2,14 @@
 
 #include <dlfcn.h>
 
+#include <atomic>
 #include <new>
 
 #include "channel/ChannelTest.h"
 
 namespace {
 
-bool noPayload = false;
+std::atomic<bool> noPayload(false);
 
 } // namespace
 

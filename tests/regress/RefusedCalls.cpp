@@ -19,7 +19,7 @@ TEST_F(FullConnection, ItsCallsFindTheRoomThatOthersMake)
     TPeers older = FillConnection();
     const TPeers peers = MakeSilentClients(8);
 
-    const Traffic refusals(&IsRefusal);
+    const Traffic<IsRefusal> refusals;
 
     std::future<TCounts> sent = SendInBackground(5, 60'000);
     EXPECT_TRUE(WaitUntil([&] { return refusals.Count() >= 8; }));

@@ -35,6 +35,7 @@ TEST_F(ServerTest, WhatAFunctionHeldIsGoneWithItsRemovalWhileItsAnswerIsStillToB
     EXPECT_EQ(held.use_count(), 1);
     atTheAnswer.m_goOn.Open();
     EXPECT_EQ(peer.WaitReply(call).m_bytes, TBytes{1});
+    m_loop.Settle();
 }
 
 } // namespace
