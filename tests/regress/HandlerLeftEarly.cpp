@@ -60,14 +60,15 @@ TEST(HandlerLeftEarly, ACallbackMayEndItsThread)
     called.m_request = SinkVariant(request);
     bool handled = false;
     called.m_end.SetCallback(4, [&](const auto&, auto&) -> bool {
-        handled = true;
+        handled = called.m_end.m_currentSender.empty();
         pthread_exit(&handled);
     });
 
     pthread_t thread{};
     const auto run = [](void* data) -> void* {
         auto& its = *static_cast<TSCalled*>(data);
-        its.m_end.m_HandleMessage(":1.7", its.m_request.get(), nullptr);
+        // Without a bus a sender has no name.
+        its.m_end.m_HandleMessage(nullptr, its.m_request.get(), nullptr);
         its.m_wentOn = true;
         return nullptr;
     };
