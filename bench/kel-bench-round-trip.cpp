@@ -101,7 +101,7 @@ void CompareWithRaw(TCDbusClient& client, GDBusConnection* pConnection, TCBounds
     {
         size_t m_size;
         double m_bound;
-    } cases[] = {{16, 1.05}, {1024, 1.05}, {64 * 1024, 1.05}, {1024 * 1024, 1.15}};
+    } cases[] = {{16, 1.02}, {1024, 1.02}, {64 * 1024, 1.02}, {1024 * 1024, 1.05}};
     for (const auto& [size, bound] : cases) {
         const TBytes data(size, 0x5a);
         TBytes response;

@@ -30,14 +30,12 @@ TCDeactivator::~TCDeactivator() { m_Deactivate(); }
 
 void TCDeactivator::RegisterDBUS(void (*fn)())
 {
-    std::set<void (*)()> fresh{fn};
     if (!m_LockUnlessBegun()) {
         KEL_ERROR("Unable to register user callback - already destroyed");
         return;
     }
     const TCLock registrations(m_mutex, std::adopt_lock);
-    m_instance.m_functions.merge(fresh);
-    if (fresh.empty()) {
+    if (m_instance.m_functions.insert(fn).second) {
         KEL_DEBUG("Register a new DBUS callback");
     } else {
         KEL_DEBUG("DBUS callback already registered");
