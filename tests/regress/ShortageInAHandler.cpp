@@ -90,6 +90,7 @@ TEST_F(ServerInShortage, ASendThatCannotBeHandledIsAnsweredWithNoMemory)
     EXPECT_GT(refused, 0u);
     EXPECT_TRUE(m_log.Mentions("has thrown: std::bad_alloc"));
     EXPECT_EQ(peer.Send(SendBytes(1, 0, {7})).m_bytes, (TBytes{1, 7}));
+    m_loop.Settle(); // the answer goes out first
     EXPECT_TRUE(m_server.m_currentSender.empty());
 }
 
@@ -137,6 +138,28 @@ TEST_F(ServerInShortage, AnAnswerIsCountedWithoutMemory)
     noCompletion = false;
 
     EXPECT_EQ(m_server.SendMessage(5, {}, 20'000), TCounts(1, 0));
+}
+
+// Not in a handler, but of the same class: what had been done when the "Hello" found no memory
+// stayed, and the caller had heard of an exception.
+TEST_F(ClientInShortage, ACallbackIsSetAndRemovedWhollyOrNotAtAll)
+{
+    StartAgent();
+    const TCDbus::TMessageCallback callback = [](const TBytes&, TBytes&) { return true; };
+    for (const bool removes : {false, true}) {
+        bool isOver = false;
+        for (size_t number = 1; !isOver; ++number) {
+            FailAllocation(number);
+            try {
+                EXPECT_TRUE(removes ? m_client->UnSetCallback(1)
+                                    : m_client->SetCallback(1, callback));
+                isOver = true;
+            } catch (const std::bad_alloc&) {
+                EXPECT_EQ(m_client->m_callbacks.count(1), removes ? 1u : 0u) << number;
+            }
+            FailAllocation(0);
+        }
+    }
 }
 
 TEST_F(ClientInShortage, ANameEventThatCannotBeHandledLeavesALineAndTheClientWorksOn)

@@ -39,9 +39,16 @@ bool TCDbusClient::SetCallback(int type, const TMessageCallback& handler)
     const TCReadLock state(m_stateMutex);
     const TCWriteLock callbacks(m_callbacksMutex);
     const bool inserted = m_callbacks.emplace(type, shared).second;
-    KEL_DEBUG("Type %d, result %d", type, inserted);
-    if (inserted && m_ready) {
-        m_SendHello();
+    try {
+        KEL_DEBUG("Type %d, result %d", type, inserted);
+        if (inserted && m_ready) {
+            m_SendHello();
+        }
+    } catch (...) {
+        if (inserted) {
+            m_callbacks.erase(type); // all of it or nothing
+        }
+        throw;
     }
     return inserted;
 }
@@ -52,16 +59,25 @@ bool TCDbusClient::UnSetCallback(int type)
     const TCReadLock state(m_stateMutex);
     const TCWriteLock callbacks(m_callbacksMutex);
     removed = m_callbacks.extract(type);
-    if (!removed.empty() && m_ready) {
-        m_SendHello();
+    const bool found = !removed.empty();
+    if (found && m_ready) {
+        try {
+            m_SendHello();
+        } catch (...) {
+            m_callbacks.insert(std::move(removed)); // all of it or nothing
+            throw;
+        }
     }
-    return !removed.empty();
+    return found;
 }
 
 bool TCDbusClient::SendMessage(int type, const std::vector<unsigned char>& data,
                                std::vector<unsigned char>& response, bool async)
 {
-    if (!m_IsSendable(t_dbusSendMethod, kRequestHeaderSize + data.size())) {
+    const size_t size = MessageSize({m_busName, m_objectPath, t_interfaceName, t_dbusSendMethod},
+                                    false, kRequestHeaderSize + data.size());
+    if (size > kBusMessageLimit) {
+        KEL_ERROR("Unable to send %zu bytes, the bus takes %zu", size, kBusMessageLimit);
         return false;
     }
     const TCReadLock state(m_stateMutex);
@@ -171,9 +187,6 @@ bool TCDbusClient::m_SendHello()
 {
     KEL_DEBUG("Send hello %s", m_uniqueName.c_str());
 
-    if (!m_IsSendable(t_dbusHelloMethod, m_callbacks.size() * kTypeSize)) {
-        return false;
-    }
     std::vector<unsigned char> types(m_callbacks.size() * kTypeSize);
     size_t offset = 0;
     for (const auto& [type, callback] : m_callbacks) {
@@ -194,19 +207,9 @@ bool TCDbusClient::m_SendHello()
 bool TCDbusClient::m_WakeServer()
 {
     // A message callback that sends holds the mutex already, on this thread.
-    const TCCallbackHold callbacks(*this, m_callbacksMutex);
+    bool ended = false; // not by a "Hello"
+    const TCCallbackHold callbacks(*this, m_callbacksMutex, ended);
     return m_SendHello();
-}
-
-bool TCDbusClient::m_IsSendable(const char* method, size_t size) const
-{
-    const size_t whole
-        = MessageSize({m_busName, m_objectPath, t_interfaceName, method}, false, size);
-    if (whole > kBusMessageLimit) {
-        KEL_ERROR("Unable to send %zu bytes, the bus takes %zu", whole, kBusMessageLimit);
-        return false;
-    }
-    return true;
 }
 
 void TCDbusClient::m_NameAppeared(GDBusConnection* connection, const char* name, const char* owner,

@@ -50,9 +50,6 @@ private:
                                void* userData);
     static void m_NameVanished(GDBusConnection* connection, const char* name, void* userData);
 
-    // Whether the bus takes a message with so many bytes of payload; an error line when not.
-    KEL_HIDDEN bool m_IsSendable(const char* method, size_t size) const;
-
     // Of the agent's name; 0 when none.
     unsigned int m_watcherId KEL_GUARDED_BY(m_startStopMutex);
     // The agent; one reference, taken by t_Start, released by t_Stop.
