@@ -112,6 +112,21 @@ TEST_F(UntoldClient, IsForgottenByTheNextSendAndHasItsLineOnce)
     EXPECT_EQ(CountComplaints(), 1u) << "said once";
 }
 
+TEST_F(UntoldClient, IsForgottenByTheSendDuringWhichItDies)
+{
+    const TPeers peers = MakeClients(20, {6});
+    RawPeer dies(m_bus);
+    Subscribe(dies, {5});
+    dies.SetAnswer("Send", TSAnswer::Nothing());
+
+    std::future<TCounts> sent = SendInBackground(5, 20'000);
+    ASSERT_TRUE(dies.WaitForCalls("Send", 1));
+    dies.Vanish();
+
+    EXPECT_EQ(sent.get(), TCounts(0, 1));
+    EXPECT_EQ(m_server.NumberOfClients(), 20u);
+}
+
 TEST_F(UntoldClient, HasAReplacementThatIsAClientLikeAnyOther)
 {
     TPeers peers = MakeClients(24);

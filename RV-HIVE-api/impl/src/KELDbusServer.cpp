@@ -77,10 +77,6 @@ bool IsTimeToProbe(size_t clients)
     return clients >= kFirst && (clients & (clients - 1)) == 0;
 }
 
-// Makes "tell of a client's end, unless it is forgotten" one step: the bus's event and a send that
-// fails may learn of the same end on two threads. Before the state mutex.
-TCMutex endMutex;
-
 } // namespace
 
 // One call to one client. It belongs to the sending thread, which waits on the future; the private
@@ -108,8 +104,8 @@ struct TCDbusServer::TSAsyncMessage final : public TCFanOut::ICall
         promise.set_value(handled);
     }
 
-    // Instead of End(), for a client whose name is unknown to whoever answered: an application may
-    // hand on such an error of a call of its own, but the bus knows.
+    // Instead of End(), for a client that is not there, as it seems: an application may hand on
+    // such an error of a call of its own, but the bus knows.
     void EndWhenTheBusHasBeenAsked()
     {
         const auto answered = [](GObject* connection, GAsyncResult* result, gpointer message) {
@@ -140,6 +136,9 @@ struct TCDbusServer::TSRuleProbe
     static void Ask(GDBusConnection* connection)
     {
         CallBus(connection, "AddMatch", kRule, -1, &TSRuleProbe::Answered, nullptr);
+        // At once, whether or not it was granted: the bus takes the two in order, so that the rule
+        // is nobody's loss.
+        CallBus(connection, "RemoveMatch", kRule, -1, nullptr, nullptr);
     }
 
 private:
@@ -149,15 +148,14 @@ private:
         TCGlibError error;
         const TGlibPtr<GVariant> reply(
             g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, error.Out()));
-        if (!error.IsSet()) {
-            CallBus(G_DBUS_CONNECTION(connection), "RemoveMatch", kRule, -1, nullptr, nullptr);
-        } else if (!isTold.exchange(true)) {
+        if (error.Is(G_DBUS_ERROR_LIMITS_EXCEEDED) && !isTold.exchange(true)) {
             KEL_ERROR("Not told of the end of clients any more, errno %d: %s", error.Code(),
                       error.Message());
         }
     }
 
-    static constexpr char kRule[] = "type='signal',interface='com.norvale.kel.IControl'"; // of none
+    static constexpr char kRule[]
+        = "type='signal',interface='com.norvale.kel.IControl'"; // nobody sends such a signal
 };
 
 TCDbusServer::TSClient::TSClient() : m_pProxy(nullptr), m_watchId(0) {}
@@ -249,10 +247,13 @@ TCDbusServer::SendMessage(int type, const std::vector<unsigned char>& data, int 
     for (const auto& message : messages) {
         ++(message->m_future.get() ? successes : failures);
     }
+    bool isUntold = false;
     for (const auto& message : messages) {
-        if (message->m_isGone && m_TellEnd(g_dbus_proxy_get_name(message->m_pProxy.get()))) {
-            TSRuleProbe::Ask(m_pConnection); // why has the bus not told of it?
-        }
+        isUntold |= message->m_isGone
+                    && m_ClientNameVanished(g_dbus_proxy_get_name(message->m_pProxy.get()));
+    }
+    if (isUntold) {
+        TSRuleProbe::Ask(m_pConnection); // why has the bus not told of it?
     }
     KEL_DEBUG("Callback result: success %zu, fails %zu", successes, failures);
     return {successes, failures};
@@ -316,7 +317,7 @@ void TCDbusServer::m_NameAcquired(GDBusConnection*, const char*)
 
 void TCDbusServer::m_ClientNameVanished(GDBusConnection*, const char* name)
 {
-    std::map<std::string, TSClient>::node_type client; // its types are destroyed behind the lock
+    TClients::node_type client;
     {
         const TCWriteLock state(m_stateMutex);
         client = m_clients.extract(name);
@@ -342,7 +343,7 @@ void TCDbusServer::m_HandleHelloMessage(const char* sender, GVariant* parameters
     if (client == m_clients.end()) {
         KEL_DEBUG("A new client %s", sender);
 
-        std::map<std::string, TSClient> fresh;
+        TClients fresh;
         TSClient& made = fresh[sender]; // from here on nothing throws that would leave it half made
         TCGlibError error;
         made.m_pProxy = g_dbus_proxy_new_sync(m_pConnection, kClientProxyFlags, nullptr, sender,
@@ -356,8 +357,7 @@ void TCDbusServer::m_HandleHelloMessage(const char* sender, GVariant* parameters
             &TSGlibEvent<TCDbusServer, GDBusConnection*,
                          const char*>::Enter<&TCDbusServer::m_ClientHasGone>,
             AsUserData(TicketOf(*this)), nullptr);
-        m_clients.merge(fresh);
-        client = m_clients.find(sender);
+        client = m_clients.insert(fresh.extract(fresh.begin())).position;
         if (IsTimeToProbe(m_clients.size())) {
             TSRuleProbe::Ask(m_pConnection);
         }
@@ -402,22 +402,26 @@ bool TCDbusServer::m_IsSendable(const char* name, size_t size, int timeout) cons
     return true;
 }
 
-bool TCDbusServer::m_TellEnd(const char* name)
+// The bus's event and a send that fails may learn of the same end on two threads: who takes the
+// client out of the registry is the one to tell.
+bool TCDbusServer::m_ClientNameVanished(const char* name)
 {
-    const TCLock end(endMutex);
+    TClients::node_type client; // destroyed behind the lock: it may hold millions of types
     {
-        const TCReadLock state(m_stateMutex);
-        if (m_clients.count(name) == 0) {
+        const TCWriteLock state(m_stateMutex);
+        client = m_clients.extract(name);
+        if (client.empty()) {
             return false;
         }
+        KEL_DEBUG("Client name %s has vanished, user_data %p", name, static_cast<void*>(this));
     }
-    m_ClientNameVanished(m_pConnection, name, this);
+    m_DestroyClient(client.mapped());
     return true;
 }
 
 void TCDbusServer::m_ClientHasGone(GDBusConnection*, const char* name, void* userData)
 {
-    static_cast<TCDbusServer*>(userData)->m_TellEnd(name);
+    static_cast<TCDbusServer*>(userData)->m_ClientNameVanished(name);
 }
 
 void TCDbusServer::m_AsyncReadyCallback(GObject* source, GAsyncResult* result,
@@ -434,7 +438,8 @@ void TCDbusServer::m_AsyncReadyCallback(GObject* source, GAsyncResult* result,
     }
     if (error.IsSet()) {
         KEL_ERROR("Sending message from %s error, errno %d", name, error.Code());
-        if (error.Is(G_DBUS_ERROR_SERVICE_UNKNOWN) || error.Is(G_DBUS_ERROR_NAME_HAS_NO_OWNER)) {
+        if (error.Is(G_DBUS_ERROR_SERVICE_UNKNOWN) || error.Is(G_DBUS_ERROR_NAME_HAS_NO_OWNER)
+            || error.Is(G_DBUS_ERROR_NO_REPLY)) {
             message->EndWhenTheBusHasBeenAsked();
         } else {
             message->End(false);

@@ -34,8 +34,6 @@ TCFanOut::TCFanOut(GMainContext* context, int timeout)
       m_left(0)
 {}
 
-TCFanOut::~TCFanOut() = default;
-
 void TCFanOut::Start()
 {
     m_refused.set_capacity(m_calls.size());
@@ -66,7 +64,6 @@ void TCFanOut::Refused(ICall& call)
 
 void TCFanOut::m_StartAll()
 {
-    m_deadline = TCDeadline(m_timeout, g_get_monotonic_time());
     // No answer is read before this is done: they come through the context, too.
     for (ICall* call : m_calls) {
         call->Start(m_timeout);

@@ -18,6 +18,7 @@ public:
     /// @param now      monotonic, in microseconds (g_get_monotonic_time), like all times here.
     TCDeadline(int timeout, gint64 now);
 
+    /// Whether the time-out has passed.
     bool IsOver(gint64 now) const { return now >= m_end; }
 
     /// The time-out of a call that starts now, in milliseconds: at least 1, so that GDBus ends the
@@ -53,10 +54,10 @@ public:
     };
 
     TCFanOut(GMainContext* context, int timeout);
-    ~TCFanOut();
     TCFanOut(const TCFanOut&) = delete;
     TCFanOut& operator=(const TCFanOut&) = delete;
 
+    /// Adds a call, which has to live until it has ended. Before Start().
     void Add(ICall& call) { m_calls.push_back(&call); }
 
     /// Has the context's thread start all calls. Throws std::bad_alloc, with nothing started; from
@@ -71,6 +72,7 @@ public:
     /// The bus had no room for a call. Only while HasTime().
     void Refused(ICall& call);
 
+    /// Whether there is time for one more attempt.
     bool HasTime() const { return !m_deadline.IsOver(g_get_monotonic_time()); }
 
     /// What is left for a call, in milliseconds: see TCDeadline.
@@ -85,7 +87,7 @@ private:
 
     GMainContext* const m_pContext; // not owned
     const int m_timeout;
-    TCDeadline m_deadline;
+    const TCDeadline m_deadline; // counted from the construction
     std::vector<ICall*> m_calls;
     boost::circular_buffer<ICall*> m_refused; // in the order of their refusal
     size_t m_left;                            // calls that have not ended

@@ -79,12 +79,13 @@ private:
     KEL_HIDDEN std::string m_BlockedSender() KEL_EXCLUDES(m_messageMutex);
     KEL_HIDDEN bool m_IsSendable(const char* name, size_t size, int timeout) const;
     // A client's name is no more: tells of it and forgets the client; false when that is done.
-    KEL_HIDDEN bool m_TellEnd(const char* name) KEL_EXCLUDES(m_stateMutex);
+    KEL_HIDDEN bool m_ClientNameVanished(const char* name) KEL_EXCLUDES(m_stateMutex);
     KEL_HIDDEN static void m_ClientHasGone(GDBusConnection* connection, const char* name,
                                            void* userData);
 
     unsigned int m_ownerId; // of the bus name; 0 when none
-    std::map<std::string, TSClient> m_clients KEL_GUARDED_BY(m_stateMutex); // by unique name
+    typedef std::map<std::string, TSClient> TClients;
+    TClients m_clients KEL_GUARDED_BY(m_stateMutex); // by unique name
 
     // The private loop. Made once by t_Start, released by t_Stop.
     boost::thread m_loopThread;
