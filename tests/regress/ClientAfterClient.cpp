@@ -73,6 +73,36 @@ TEST_F(ClientAfterClient, MayBeTakenInsideACallbackOfTheEndingOne)
     EXPECT_TRUE(WaitUntil([&] { return next->IsReady(); }));
 }
 
+TEST_F(ChannelTest, AServerMayBeginWhileTheLastOneWaitsForItsCallback)
+{
+    RawPeer peer(m_bus);
+    Gate inside;
+    Gate leave;
+    auto last = std::make_unique<TCDbusServer>(false);
+    peer.SetTarget(last->GetUniqueName());
+    last->SetCallback(1, [&](const TBytes&, TBytes&) {
+        inside.Open();
+        leave.Wait();
+        return true;
+    });
+    peer.Post("Send", Body(SendBytes(1, 1)), true);
+    inside.Wait();
+    m_log.Clear();
+    std::future<void> ended = std::async(std::launch::async, [&] { last.reset(); });
+
+    std::unique_ptr<TCDbusServer> next;
+    const auto begin = [&] {
+        next = std::make_unique<TCDbusServer>(false);
+        return next->m_registrationId != 0;
+    };
+    EXPECT_TRUE(WaitUntil(begin)) << "the last one has the object path while it waits";
+
+    EXPECT_EQ(ended.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+    leave.Open();
+    ended.wait();
+    EXPECT_EQ(peer.Send(SendBytes(2, 0)).m_bytes, TBytes{0}) << "the next one answers";
+}
+
 } // namespace
 
 } // namespace kel::test

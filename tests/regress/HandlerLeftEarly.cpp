@@ -1,6 +1,9 @@
-// A call whose handler was left by an exception, or by the end of its thread, was never given back.
+// A call whose handler was left by an exception, or by the end of its thread, was never given back;
+// and an end that its callback had dropped was used on the way out of a thread that ended.
 
 #include <pthread.h>
+
+#include <memory>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -18,6 +21,7 @@ class TCEnd : public TCDbus
 {
 public:
     TCEnd() : TCDbus(false) {}
+    ~TCEnd() override { t_EndHandlers(); }
     bool SetCallback(int type, const TMessageCallback& callback) override
     {
         return m_callbacks.emplace(type, callback).second;
@@ -82,6 +86,36 @@ TEST(HandlerLeftEarly, ACallbackMayEndItsThread)
     EXPECT_THAT(TakeMessages(log), testing::IsEmpty()) << "which is no failure of the callback";
     ASSERT_TRUE(called.m_end.m_callbacksMutex.try_lock()) << "nothing stays locked";
     called.m_end.m_callbacksMutex.unlock();
+}
+
+// Under AddressSanitizer an end that is used after it has gone is seen.
+TEST(HandlerLeftEarly, ACallbackMayDropItsEndAndEndItsThread)
+{
+    struct TSCalled
+    {
+        std::unique_ptr<TCEnd> m_pEnd = std::make_unique<TCEnd>();
+        TGlibPtr<GVariant> m_request;
+    } called;
+    GVariant* request = nullptr;
+    called.m_pEnd->t_ConvertBytes(4, false, {}, request);
+    called.m_request = SinkVariant(request);
+    called.m_pEnd->SetCallback(4, [&](const auto&, auto&) -> bool {
+        called.m_pEnd.reset();
+        pthread_exit(&called);
+    });
+
+    pthread_t thread{};
+    const auto run = [](void* data) -> void* {
+        auto& its = *static_cast<TSCalled*>(data);
+        its.m_pEnd->m_HandleMessage(":1.7", its.m_request.get(), nullptr);
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&thread, nullptr, run, &called), 0);
+    void* result = nullptr;
+    pthread_join(thread, &result);
+
+    EXPECT_EQ(result, &called);
+    EXPECT_EQ(called.m_pEnd, nullptr);
 }
 
 } // namespace

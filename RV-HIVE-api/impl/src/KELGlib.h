@@ -86,6 +86,7 @@ public:
     {
         g_dbus_method_invocation_return_value(m_call.release(), floating);
     }
+    /// Answers with an error of D-Bus's.
     void Fail(GDBusError code, const char* message)
     {
         g_dbus_method_invocation_return_error_literal(m_call.release(), G_DBUS_ERROR, code,
@@ -111,6 +112,7 @@ inline std::pair<const unsigned char*, size_t> BytesOf(GVariant* value)
     return {static_cast<const unsigned char*>(bytes), size};
 }
 
+/// Attaches a source to a context, with the priority of events.
 inline void Attach(GSource* source, GMainContext* context, GSourceFunc function, gpointer data)
 {
     g_source_set_priority(source, G_PRIORITY_DEFAULT);

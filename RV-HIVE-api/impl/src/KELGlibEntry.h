@@ -27,9 +27,8 @@ template <typename Step> bool RunGuarded(const char* what, Step step)
     }
 }
 
-/// What GLib is given in place of a static event handler of an end's class.
-///
-/// @param Arguments  the handler's, without the user data, which is last.
+/// What GLib is given in place of a static event handler of an end's class. The arguments are the
+/// handler's, without the user data, which is last.
 template <typename End, typename... Arguments> struct TSGlibEvent
 {
     /// Calls the handler with the end that the ticket stands for; with a stale one it does nothing.

@@ -123,12 +123,12 @@ TCHandlerStay::~TCHandlerStay()
     handlerGate->m_left.notify_all();
 }
 
-TCCallbackHold::TCCallbackHold(const TCDbus& end,
-                               TCSharedMutex& mutex) KEL_NO_THREAD_SAFETY_ANALYSIS
+TCCallbackHold::TCCallbackHold(const TCDbus& end, TCSharedMutex& mutex,
+                               bool& ended) KEL_NO_THREAD_SAFETY_ANALYSIS
     : m_end(end),
       m_mutex(mutex),
       m_locked(!IsHeldHere(end)),
-      m_ended(false),
+      m_ended(ended),
       m_pOuter(innermostHold)
 {
     if (m_locked) {

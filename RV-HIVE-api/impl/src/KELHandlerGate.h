@@ -60,13 +60,11 @@ inline void* AsUserData(TTicket ticket) { return reinterpret_cast<void*>(ticket)
 class KEL_SCOPED_CAPABILITY TCCallbackHold
 {
 public:
-    TCCallbackHold(const TCDbus& end, TCSharedMutex& mutex) KEL_ACQUIRE_SHARED(mutex);
+    /// @param ended  set when the callback destroys the end: then nothing of it is left to touch.
+    TCCallbackHold(const TCDbus& end, TCSharedMutex& mutex, bool& ended) KEL_ACQUIRE_SHARED(mutex);
     ~TCCallbackHold() KEL_RELEASE();
     TCCallbackHold(const TCCallbackHold&) = delete;
     TCCallbackHold& operator=(const TCCallbackHold&) = delete;
-
-    /// Whether the callback has destroyed the end: then nothing of it is left to touch.
-    bool HasEnded() const { return m_ended; }
 
 private:
     friend void CloseGate(const TCDbus& end);
@@ -76,7 +74,7 @@ private:
     const TCDbus& m_end;
     TCSharedMutex& m_mutex;
     const bool m_locked; // not when a callback around this one has done it: see TCSharedMutex
-    bool m_ended;
+    bool& m_ended;
     TCCallbackHold* m_pOuter; // this thread's hold around this one
 };
 

@@ -57,10 +57,11 @@ inline std::set<int> ReadTypes(const std::vector<unsigned char>& bytes)
 /// one, and the process ends with its connection. What to do on a bus with another limit:
 /// docs/porting.md.
 constexpr size_t kBusMessageLimit = 32 * 1024 * 1024;
+static_assert(kBusMessageLimit <= 64 * 1024 * 1024,
+              "the body is one array, and D-Bus ends it there");
 
-/// The size of a message on the bus, by the D-Bus Specification's "Marshaling" and "Message
-/// Format": 16 bytes, the header's fields, each padded to 8 bytes, and the body, which is one
-/// array of bytes.
+/// The size of a message on the bus, by D-Bus's rules of marshalling: 16 bytes, the header's
+/// fields, each padded to 8 bytes, and the body, which is one array of bytes.
 ///
 /// @param names   the object path and names in the header, the destination among them.
 /// @param serial  whether there is the number of the call that a reply is for.
