@@ -52,6 +52,12 @@ TEST_F(KernelLogThroughALink, TakesTheLinksPlace)
     EXPECT_EQ(m_lines, std::vector<std::string>{"one"});
     EXPECT_EQ(Read(target), "precious");
     EXPECT_FALSE(fs::is_symlink(m_snapshot));
+
+    fs::remove(m_snapshot);
+    fs::create_hard_link(target, m_snapshot);
+    lastShared = " ";
+    EXPECT_TRUE(Dump());
+    EXPECT_EQ(Read(target), "precious") << "it has a second name";
 }
 
 TEST_F(KernelLogThroughALink, TakesAFifosPlaceOrHasNothing)

@@ -60,7 +60,7 @@ void TCDebug::EnableFileLog(bool enable)
         snprintf(path, sizeof(path), "/tmp/kel_%s_%d.log", program.c_str(), getpid());
 
         // Anybody may have put a link there, for the name can be guessed.
-        m_logFile = ToStream(OpenOwnFile(path, O_RDWR | O_APPEND), "a+");
+        m_logFile = ToStream(OpenOwnFile(path, O_RDWR | O_APPEND | O_CLOEXEC), "a+");
         if (m_logFile == nullptr) {
             // To the main buffer at info, and without a second copy, on purpose: this line is for
             // the program that asked, and the sink it asked for is the one that failed.

@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <optional>
 
 #include "KELDescriptor.h"
 #include "KELDirectoryWalk.h"

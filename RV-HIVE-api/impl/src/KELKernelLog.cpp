@@ -47,8 +47,8 @@ void RunWhenIdle()
 bool ClearPlace()
 {
     struct stat status;
-    return lstat(kSnapshot, &status) != 0 || S_ISREG(status.st_mode) || S_ISDIR(status.st_mode)
-           || unlink(kSnapshot) == 0;
+    return lstat(kSnapshot, &status) != 0 || S_ISDIR(status.st_mode)
+           || (S_ISREG(status.st_mode) && status.st_nlink < 2) || unlink(kSnapshot) == 0;
 }
 
 // The snapshot's lines but the empty ones; false when it cannot be opened.

@@ -12,7 +12,7 @@ enum DumpCondition : int { DUMP_CONDITION_NONE = 0 };
 
 /// Collects the lines of the kernel log that are new since the last call in this process: at most
 /// the last 512 lines, without empty ones, by way of "/tmp/Device_Tracker.log", which takes the
-/// place of a link or FIFO of that name.
+/// place of a link, a FIFO or a file with a second name.
 ///
 /// Leaves the calling thread in the idle scheduling class, on purpose: a collector is to run in
 /// idle time from then on. Thread-safe: calls wait for one another on DTLock.
