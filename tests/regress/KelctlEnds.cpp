@@ -1,4 +1,5 @@
-// kelctl ended without its current directory, and not by a signal when its reader had stopped.
+// kelctl failed without a reason in a directory that had been removed, and ignored SIGTERM while
+// its reader had stopped.
 
 #include <fcntl.h>
 #include <signal.h>

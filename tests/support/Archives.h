@@ -15,7 +15,6 @@ constexpr size_t kSignatureAt = sizeof(size_t);
 constexpr size_t kVersionAt = kSignatureAt + sizeof("serialization::archive") - 1;
 constexpr size_t kNativeAt = kVersionAt + 2;
 constexpr size_t kStringLengthAt = kNativeAt + 8;
-constexpr size_t kStringAt = kStringLengthAt + sizeof(size_t);
 
 /// What the archive library makes of a value.
 template <typename Value> std::vector<unsigned char> ArchiveOf(const Value& value)

@@ -1,5 +1,5 @@
 // Every object that the library makes when it is loaded, in one file, because one file alone
-// fixes an order: made from top to bottom, destroyed at unload from bottom to top. So the
+// fixes an order: made from top to bottom, destroyed at exit from bottom to top. So the
 // deactivator finds, when it ends the singletons, the policy and the log above it still in place;
 // the holders below it are never freed and serve at any time.
 

@@ -35,8 +35,8 @@ public:
 
     /// Ends the singleton for good. Who holds it keeps a working object. Nothing in the library
     /// calls this: register it with TCDeactivator::RegisterDBUS() to have it called at exit. A
-    /// program that loads the library itself (dlopen) ends it before it closes the library, or
-    /// events go on to reach the program's functions: the library stays loaded for them.
+    /// program that loads the library itself (dlopen) resets its functions, and ends the singleton,
+    /// before it closes the library: that stays loaded, and events go on to reach the functions.
     static void Destroy();
 
 private:

@@ -9,7 +9,7 @@
 
 namespace kel {
 
-/// The switch that is thrown once, when the process exits or the library is unloaded, so that the
+/// The switch that is thrown once, when the process exits, so that the
 /// singletons that talk over the channel let go of it before the rest of the static state goes.
 ///
 /// Threads: every operation from any thread, before, during and after process exit.

@@ -66,10 +66,10 @@ public:
     TCStaticRwLock(const TCStaticRwLock&) = delete;
     TCStaticRwLock& operator=(const TCStaticRwLock&) = delete;
 
-    void lock() { pthread_rwlock_wrlock(&m_lock); }
-    void unlock() { pthread_rwlock_unlock(&m_lock); }
-    void lock_shared() { pthread_rwlock_rdlock(&m_lock); }
-    void unlock_shared() { pthread_rwlock_unlock(&m_lock); }
+    void lock() KEL_ACQUIRE() { pthread_rwlock_wrlock(&m_lock); }
+    void unlock() KEL_RELEASE() { pthread_rwlock_unlock(&m_lock); }
+    void lock_shared() KEL_ACQUIRE_SHARED() { pthread_rwlock_rdlock(&m_lock); }
+    void unlock_shared() KEL_RELEASE() { pthread_rwlock_unlock(&m_lock); }
 
 private:
     pthread_rwlock_t m_lock = PTHREAD_RWLOCK_INITIALIZER;

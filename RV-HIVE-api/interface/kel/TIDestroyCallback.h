@@ -11,7 +11,7 @@ class KEL_EXPORT TIDestroyCallback
 public:
     virtual ~TIDestroyCallback() {}
 
-    /// Called once, at process exit or when the library is unloaded, before the library's
+    /// Called once, when the process exits, before the library's
     /// singletons are ended. Must return quickly and must not call TCDeactivator.
     virtual void OnDestroy() = 0;
 };
