@@ -29,8 +29,8 @@ constexpr unsigned int kEmptyReply = 304;
 
 // The block of the last payload of a middle size, kept for the next one: fresh memory costs a page
 // fault for every 4 KiB, which is most of what packing costs there.
-constexpr size_t kSmallBlock = 4 * 1024;
-constexpr size_t kSpareBlock = 128 * 1024;
+constexpr size_t kSmallBlock = 4'096;
+constexpr size_t kSpareBlock = 131'072;
 TCMutex spareMutex;
 void* pSpare KEL_GUARDED_BY(spareMutex) = nullptr;
 

@@ -52,13 +52,14 @@ inline std::set<int> ReadTypes(const std::vector<unsigned char>& bytes)
     return std::set<int>(types.begin(), types.end());
 }
 
+constexpr size_t kMebibyte = 1'048'576;
+
 /// The largest message, header included, that a stock system bus takes: max_message_size in
 /// dbus-daemon(1) and in the defaults of a bus of type "system". It disconnects who sends a larger
 /// one, and the process ends with its connection. What to do on a bus with another limit:
 /// docs/porting.md.
-constexpr size_t kBusMessageLimit = 32 * 1024 * 1024;
-static_assert(kBusMessageLimit <= 64 * 1024 * 1024,
-              "the body is one array, and D-Bus ends it there");
+constexpr size_t kBusMessageLimit = 32 * kMebibyte;
+static_assert(kBusMessageLimit <= 64 * kMebibyte, "the body is one array, and D-Bus ends it there");
 
 /// The size of a message on the bus, by D-Bus's rules of marshalling: 16 bytes, the header's
 /// fields, each padded to 8 bytes, and the body, which is one array of bytes.
