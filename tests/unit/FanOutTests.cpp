@@ -55,14 +55,14 @@ TEST(Deadline, LeavesACallAtLeastAMillisecond)
 }
 
 /// A call that does what the test says when it is started.
-class Call final : public TCFanOut::ICall
+struct Call
 {
-public:
-    void Start(int timeout) override
+    static void Start(void* call, int timeout)
     {
-        m_timeouts.push_back(timeout);
-        if (m_onStart) {
-            m_onStart(*this);
+        Call& self = *static_cast<Call*>(call);
+        self.m_timeouts.push_back(timeout);
+        if (self.m_onStart) {
+            self.m_onStart(self);
         }
     }
 
@@ -80,11 +80,11 @@ protected:
 
 TEST_F(FanOut, StartsAllCallsTogetherOnTheContextsThread)
 {
-    TCFanOut fanOut(m_context.get(), 700);
+    TCFanOut fanOut(m_context.get(), 700, &Call::Start);
     Call first;
     Call second;
-    fanOut.Add(first);
-    fanOut.Add(second);
+    fanOut.Add(&first);
+    fanOut.Add(&second);
 
     fanOut.Start();
     EXPECT_THAT(first.m_timeouts, ElementsAre());
@@ -96,17 +96,17 @@ TEST_F(FanOut, StartsAllCallsTogetherOnTheContextsThread)
 
 TEST_F(FanOut, StartsRefusedCallsInTheirOrderAsOthersEnd)
 {
-    TCFanOut fanOut(m_context.get(), 60'000);
+    TCFanOut fanOut(m_context.get(), 60'000, &Call::Start);
     Call ending;
     Call first;
     Call second;
     for (Call* const call : {&ending, &first, &second}) {
-        fanOut.Add(*call);
+        fanOut.Add(call);
     }
     fanOut.Start();
     Iterate();
-    fanOut.Refused(first);
-    fanOut.Refused(second);
+    fanOut.Refused(&first);
+    fanOut.Refused(&second);
 
     fanOut.Ended();
 
@@ -121,19 +121,19 @@ TEST_F(FanOut, StartsRefusedCallsInTheirOrderAsOthersEnd)
 
 TEST_F(FanOut, LooksForRoomThatOthersMake)
 {
-    TCFanOut fanOut(m_context.get(), 60'000);
+    TCFanOut fanOut(m_context.get(), 60'000, &Call::Start);
     std::vector<Call> calls(20);
     int room = 0; // nobody has any yet
     size_t started = 0;
     for (Call& call : calls) {
         call.m_onStart = [&](Call& self) {
             if (room == 0) {
-                fanOut.Refused(self);
+                fanOut.Refused(&self);
             } else {
                 ++started;
             }
         };
-        fanOut.Add(call);
+        fanOut.Add(&call);
     }
     fanOut.Start();
     Iterate();
@@ -156,18 +156,18 @@ TEST_F(FanOut, LooksForRoomThatOthersMake)
 
 TEST_F(FanOut, StartsAllThatAreLeftWhenTheTimeIsOver)
 {
-    TCFanOut fanOut(m_context.get(), 50);
+    TCFanOut fanOut(m_context.get(), 50, &Call::Start);
     std::vector<Call> calls(20);
     size_t ended = 0;
     for (Call& call : calls) {
         call.m_onStart = [&](Call& self) {
             if (fanOut.HasTime()) {
-                fanOut.Refused(self);
+                fanOut.Refused(&self);
             } else {
                 ++ended;
             }
         };
-        fanOut.Add(call);
+        fanOut.Add(&call);
     }
 
     fanOut.Start();

@@ -81,7 +81,7 @@ bool IsTimeToProbe(size_t clients)
 
 // One call to one client. It belongs to the sending thread, which waits on the future; the private
 // thread borrows it from m_SendMessage until the promise is fulfilled.
-struct TCDbusServer::TSAsyncMessage final : public TCFanOut::ICall
+struct TCDbusServer::TSAsyncMessage
 {
     TSAsyncMessage(TCDbusServer* pServer, GDBusProxy* pProxy)
         : m_pServer(pServer), m_future(m_promise.get_future()),
@@ -89,10 +89,10 @@ struct TCDbusServer::TSAsyncMessage final : public TCFanOut::ICall
           m_timeout(-1), m_pFanOut(nullptr)
     {}
 
-    void Start(int timeout) override
+    static void Start(void* message, int timeout)
     {
-        m_timeout = timeout;
-        m_SendMessage(this);
+        static_cast<TSAsyncMessage*>(message)->m_timeout = timeout;
+        m_SendMessage(message);
     }
 
     // The last that the private thread does with it. Out of the message first: the sender destroys
@@ -206,7 +206,7 @@ TCDbusServer::SendMessage(int type, const std::vector<unsigned char>& data, int 
     size_t failures = 0;
     TGlibPtr<GVariant> parameters;
     std::vector<std::unique_ptr<TSAsyncMessage>> messages;
-    TCFanOut fanOut(m_pContext, timeout);
+    TCFanOut fanOut(m_pContext, timeout, &TSAsyncMessage::Start);
     {
         const TCReadLock state(m_stateMutex);
         if (!m_ready || m_clients.empty()) {
@@ -238,7 +238,7 @@ TCDbusServer::SendMessage(int type, const std::vector<unsigned char>& data, int 
             messages.push_back(std::make_unique<TSAsyncMessage>(this, client.m_pProxy));
             messages.back()->m_pParameters = parameters.get();
             messages.back()->m_pFanOut = &fanOut;
-            fanOut.Add(*messages.back());
+            fanOut.Add(messages.back().get());
         }
         if (!messages.empty()) {
             fanOut.Start();
@@ -433,7 +433,7 @@ void TCDbusServer::m_AsyncReadyCallback(GObject* source, GAsyncResult* result,
     TCGlibError error;
     const TGlibPtr<GVariant> reply(g_dbus_proxy_call_finish(proxy, result, error.Out()));
     if (IsForPendingReplies(error) && message->m_pFanOut->HasTime()) {
-        message->m_pFanOut->Refused(*message);
+        message->m_pFanOut->Refused(message);
         return;
     }
     if (error.IsSet()) {

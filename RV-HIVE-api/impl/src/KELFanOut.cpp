@@ -29,9 +29,9 @@ int TCDeadline::Left(gint64 now) const
     return static_cast<int>(std::max<gint64>((m_end - now) / kMillisecond, 1));
 }
 
-TCFanOut::TCFanOut(GMainContext* context, int timeout)
-    : m_pContext(context), m_timeout(timeout), m_deadline(timeout, g_get_monotonic_time()),
-      m_left(0)
+TCFanOut::TCFanOut(GMainContext* context, int timeout, TStart start)
+    : m_pContext(context), m_timeout(timeout), m_pStart(start),
+      m_deadline(timeout, g_get_monotonic_time()), m_left(0)
 {}
 
 void TCFanOut::Start()
@@ -54,9 +54,9 @@ void TCFanOut::Ended()
     }
 }
 
-void TCFanOut::Refused(ICall& call)
+void TCFanOut::Refused(void* call)
 {
-    m_refused.push_back(&call);
+    m_refused.push_back(call);
     if (m_timer == nullptr) {
         m_Arm();
     }
@@ -65,16 +65,16 @@ void TCFanOut::Refused(ICall& call)
 void TCFanOut::m_StartAll()
 {
     // No answer is read before this is done: they come through the context, too.
-    for (ICall* call : m_calls) {
-        call->Start(m_timeout);
+    for (void* call : m_calls) {
+        m_pStart(call, m_timeout);
     }
 }
 
 void TCFanOut::m_Restart()
 {
-    ICall* const call = m_refused.front();
+    void* const call = m_refused.front();
     m_refused.pop_front();
-    call->Start(TimeLeft());
+    m_pStart(call, TimeLeft());
 }
 
 void TCFanOut::m_Arm()

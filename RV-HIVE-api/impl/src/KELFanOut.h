@@ -42,23 +42,16 @@ private:
 class TCFanOut
 {
 public:
-    /// One call. It tells the fan-out once of each start whether it has ended or was refused.
-    class ICall
-    {
-    public:
-        /// Starts the call with a time-out in milliseconds.
-        virtual void Start(int timeout) = 0;
+    /// Starts one call with a time-out in milliseconds. The call tells the fan-out once of each
+    /// start whether it has ended or was refused.
+    typedef void (*TStart)(void* call, int timeout);
 
-    protected:
-        ~ICall() = default;
-    };
-
-    TCFanOut(GMainContext* context, int timeout);
+    TCFanOut(GMainContext* context, int timeout, TStart start);
     TCFanOut(const TCFanOut&) = delete;
     TCFanOut& operator=(const TCFanOut&) = delete;
 
     /// Adds a call, which has to live until it has ended. Before Start().
-    void Add(ICall& call) { m_calls.push_back(&call); }
+    void Add(void* call) { m_calls.push_back(call); }
 
     /// Has the context's thread start all calls. Throws std::bad_alloc, with nothing started; from
     /// then on nothing is allocated but by GLib.
@@ -70,7 +63,7 @@ public:
     void Ended();
 
     /// The bus had no room for a call. Only while HasTime().
-    void Refused(ICall& call);
+    void Refused(void* call);
 
     /// Whether there is time for one more attempt.
     bool HasTime() const { return !m_deadline.IsOver(g_get_monotonic_time()); }
@@ -87,11 +80,12 @@ private:
 
     GMainContext* const m_pContext; // not owned
     const int m_timeout;
+    const TStart m_pStart;
     const TCDeadline m_deadline; // counted from the construction
-    std::vector<ICall*> m_calls;
-    boost::circular_buffer<ICall*> m_refused; // in the order of their refusal
-    size_t m_left;                            // calls that have not ended
-    TGlibPtr<GSource> m_timer;                // null when none is under way
+    std::vector<void*> m_calls;
+    boost::circular_buffer<void*> m_refused; // in the order of their refusal
+    size_t m_left;                           // calls that have not ended
+    TGlibPtr<GSource> m_timer;               // null when none is under way
 };
 
 } // namespace kel
