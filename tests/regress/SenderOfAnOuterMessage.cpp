@@ -1,9 +1,11 @@
 // A callback that iterated the main context forgot who had sent its own message, and the server
 // called the very client that was blocked.
 
-#include "channel/ChannelTest.h"
+#include <atomic>
 
 #include <gio/gio.h>
+
+#include "channel/ChannelTest.h"
 
 namespace kel::test {
 
@@ -33,7 +35,7 @@ protected:
 
     RawPeer m_outer{m_bus};
     RawPeer m_inner{m_bus};
-    unsigned char m_innerFlag = 0;
+    std::atomic<unsigned char> m_innerFlag{0};
     bool m_nested = false;
     TCounts m_counts;
 };
@@ -41,6 +43,7 @@ protected:
 TEST_F(SenderOfAnOuterMessage, IsNotCalledAfterANestedMessage)
 {
     EXPECT_EQ(m_outer.Send(SendBytes(1, 0)).m_bytes, TBytes{1});
+    m_loop.Settle();
 
     EXPECT_EQ(m_counts, TCounts(0, 1));
     EXPECT_TRUE(m_outer.Calls("Send").empty());
@@ -53,6 +56,7 @@ TEST_F(SenderOfAnOuterMessage, IsNotCalledAfterANestedMessageThatNobodyWaitsFor)
     m_innerFlag = 1;
 
     EXPECT_EQ(m_outer.Send(SendBytes(1, 0)).m_bytes, TBytes{1});
+    m_loop.Settle();
 
     EXPECT_EQ(m_counts, TCounts(0, 1));
     EXPECT_TRUE(m_outer.Calls("Send").empty());
