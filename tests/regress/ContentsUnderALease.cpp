@@ -1,68 +1,11 @@
 // GetFileContents() failed at once on a file under another process's lease, where an open waits.
 
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <csignal>
-
 #include "FileSystemTests.h"
+#include "Lessee.h"
 
 namespace kel::test {
 
 namespace {
-
-// Another process with a lease on a file, which ends, and the lease with it, when the kernel tells
-// it that somebody opens the file: that is what SIGIO does to a process.
-class Lessee
-{
-public:
-    explicit Lessee(const fs::path& path)
-    {
-        int channel[2];
-        if (pipe2(channel, O_CLOEXEC) != 0) {
-            throw std::runtime_error("no pipe");
-        }
-        m_child = fork();
-        if (m_child == 0) {
-            signal(SIGIO, SIG_DFL);
-            const int file = open(path.c_str(), O_RDWR | O_CLOEXEC);
-            const char taken = fcntl(file, F_SETLEASE, F_WRLCK) == 0 ? 'y' : 'n';
-            if (write(channel[1], &taken, 1) == 1) {
-                pause();
-            }
-            _exit(1);
-        }
-        close(channel[1]);
-        char taken = 'n';
-        m_taken = read(channel[0], &taken, 1) == 1 && taken == 'y';
-        close(channel[0]);
-    }
-    ~Lessee()
-    {
-        if (m_child > 0) {
-            kill(m_child, SIGKILL);
-            waitpid(m_child, nullptr, 0);
-        }
-    }
-    Lessee(const Lessee&) = delete;
-    Lessee& operator=(const Lessee&) = delete;
-
-    bool HasLease() const { return m_taken; }
-
-    // The signal that has ended it.
-    int End()
-    {
-        int status = 0;
-        waitpid(m_child, &status, 0);
-        m_child = -1;
-        return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
-    }
-
-private:
-    pid_t m_child;
-    bool m_taken;
-};
 
 class ContentsUnderALease : public FileSystemTest
 {

@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <thread>
 
 namespace kel {
 
@@ -15,9 +17,28 @@ TCDescriptor::~TCDescriptor()
     }
 }
 
+namespace {
+
+// Opens without waiting, but for somebody's lease: the agent takes one for a moment, to see whether
+// a request is still being written. The kernel asks for it back, and a later attempt finds it gone.
+// Who keeps a lease for longer than a second is not the agent.
+int OpenSoon(const char* path, int flags)
+{
+    constexpr int kAttempts = 1000;
+    for (int attempt = 0;; ++attempt) {
+        const int descriptor = open(path, flags, 0666);
+        if (descriptor >= 0 || errno != EWOULDBLOCK || attempt == kAttempts) {
+            return descriptor;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+} // namespace
+
 int OpenOwnFile(const char* path, int flags)
 {
-    const int descriptor = open(path, flags | O_CREAT | O_NOFOLLOW | O_NONBLOCK, 0666);
+    const int descriptor = OpenSoon(path, flags | O_CREAT | O_NOFOLLOW | O_NONBLOCK);
     struct stat status;
     if (descriptor < 0
         || (fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink < 2)) {

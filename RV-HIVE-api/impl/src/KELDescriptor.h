@@ -21,8 +21,8 @@ private:
 };
 
 /// Opens a regular file to write to, or makes it, where anybody may have put something else under
-/// its name: follows no link in the last place, waits for nobody, and refuses whatever has no bytes
-/// of its own or a second name.
+/// its name: follows no link in the last place, waits for nobody (for another process's lease a
+/// second at most), and refuses whatever has no bytes of its own or a second name.
 ///
 /// @param flags  of open(), the access mode among them.
 /// @return the descriptor, for the caller to close; -1 and errno.
