@@ -1,6 +1,5 @@
 #include <kel/KELDbus.h>
 
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -29,7 +28,7 @@ constexpr unsigned int kEmptyReply = 304;
 
 // The block of the last payload of a middle size, kept for the next one: fresh memory costs a page
 // fault for every 4 KiB, which is most of what packing costs there.
-constexpr size_t kSmallBlock = 4'096;
+constexpr size_t kSmallBlock = 32'768;
 constexpr size_t kSpareBlock = 131'072;
 TCMutex spareMutex;
 void* pSpare KEL_GUARDED_BY(spareMutex) = nullptr;
@@ -48,7 +47,7 @@ void* TakeBlock(size_t size)
     if (pBlock == nullptr) {
         pBlock = g_try_malloc(size);
     }
-    if (pBlock == nullptr) {
+    if (pBlock == nullptr && size != 0) {
         throw std::bad_alloc();
     }
     return pBlock;
@@ -68,21 +67,16 @@ void KeepBlock(void* pBlock)
 GVariant* Pack(const unsigned char* header, size_t headerSize,
                const std::vector<unsigned char>& data)
 {
-    constexpr size_t kCacheLine = 64; // whole ones are copied faster
     const size_t size = headerSize + data.size();
-    const size_t blockSize = size + kCacheLine;
-    void* const block = TakeBlock(blockSize);
-    const size_t beyond = (reinterpret_cast<std::uintptr_t>(block) + headerSize) % kCacheLine;
-    unsigned char* const buffer = static_cast<unsigned char*>(block) + (kCacheLine - beyond);
+    unsigned char* const buffer = static_cast<unsigned char*>(TakeBlock(size));
     if (headerSize != 0) {
         std::memcpy(buffer, header, headerSize);
     }
     if (!data.empty()) {
         std::memcpy(buffer + headerSize, data.data(), data.size());
     }
-    GVariant* array
-        = g_variant_new_from_data(G_VARIANT_TYPE("ay"), buffer, size, TRUE,
-                                  IsMiddleSize(blockSize) ? &KeepBlock : &g_free, block);
+    GVariant* array = g_variant_new_from_data(G_VARIANT_TYPE("ay"), buffer, size, TRUE,
+                                              IsMiddleSize(size) ? &KeepBlock : &g_free, buffer);
     return g_variant_new_tuple(&array, 1);
 }
 
