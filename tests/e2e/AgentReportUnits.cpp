@@ -8,8 +8,8 @@
 
 #include <gmock/gmock.h>
 
-#include "ReportStore.h"
-#include "Request.h"
+#include "reports/ReportStore.h"
+#include "requests/Request.h"
 #include "support/PrivateBus.h"
 
 namespace kel::test {

@@ -12,9 +12,9 @@
 
 #include <gmock/gmock.h>
 
-#include "PolicyArchive.h"
-#include "PolicyStore.h"
-#include "PolicyText.h"
+#include "policy/PolicyArchive.h"
+#include "policy/PolicyStore.h"
+#include "policy/PolicyText.h"
 #include "support/Archives.h"
 #include "support/PrivateBus.h"
 

@@ -8,8 +8,8 @@
 #include <glib-unix.h>
 #include <glib.h>
 
-#include "PolicyArchive.h"
-#include "PolicyText.h"
+#include "policy/PolicyArchive.h"
+#include "policy/PolicyText.h"
 
 using namespace boost::placeholders;
 

@@ -7,8 +7,8 @@
 
 #include "Announcer.h"
 #include "Collector.h"
-#include "PolicyStore.h"
-#include "ReportStore.h"
+#include "policy/PolicyStore.h"
+#include "reports/ReportStore.h"
 
 typedef struct _GMainLoop GMainLoop;
 

@@ -10,11 +10,10 @@
 
 #include <kel/IDbusServer.h>
 
-#include "Files.h"
-#include "ReportStore.h"
-#include "ReportText.h"
-#include "RequestDrop.h"
-#include "RequestSlot.h"
+#include "common/Files.h"
+#include "reports/Reporter.h"
+#include "requests/RequestDrop.h"
+#include "requests/RequestSlot.h"
 
 namespace kel {
 namespace agent {
@@ -58,30 +57,20 @@ private:
     void m_WaitForRequests(bool soon);
     bool m_Collect();
     std::vector<TSFound> m_Find(bool& unfinished);
-    void m_AskApplications();
-    void m_ReadKernelLog();
     bool m_Serve(const TSFound& found, bool& open, std::string& reason);
-    bool m_Report(const TSRequest& request, std::string& reason);
-    void m_AddArtefact(const TCReportDraft& draft, uint64_t room, TSReport& report);
     void m_LetWait(const TSFound& found, const std::string& reason);
     bool m_IsStopped() const;
 
-    IDbusServer& m_server;
-    TCReportStore m_store;
+    TCReporter m_reporter;
     std::array<TCRequestDrop, 2> m_drops;
     TCRequestSlot m_slot;
 
-    // What is known when a report is made.
-    std::pair<size_t, size_t> m_applications;
-    std::vector<std::string> m_kernelLines; // not in any report yet
-    std::set<TSFound> m_waiting;            // whose reason to wait was told
-    std::set<TSFound> m_stillWaiting;       // of those that were found last
-    // Stamps of requests that have a report, and may still be there.
-    std::string m_newestStamp;         // of the report that was the newest when we began to collect
-    std::set<std::string> m_unremoved; // of what could not be removed
+    std::set<TSFound> m_waiting;       // whose reason to wait was told
+    std::set<TSFound> m_stillWaiting;  // of those that were found last
+    std::set<std::string> m_unremoved; // stamps of requests that have a report and are still there
 
-    TCDescriptor m_changes; // of the drop directories
-    TCDescriptor m_stop;    // readable from Stop() on
+    tools::TCDescriptor m_changes; // of the drop directories
+    tools::TCDescriptor m_stop;    // readable from Stop() on
 
     std::thread m_thread;
 };

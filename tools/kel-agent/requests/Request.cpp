@@ -1,4 +1,4 @@
-#include "Request.h"
+#include "requests/Request.h"
 
 #include <algorithm>
 #include <iterator>

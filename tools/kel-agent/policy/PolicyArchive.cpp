@@ -1,4 +1,4 @@
-#include "PolicyArchive.h"
+#include "policy/PolicyArchive.h"
 
 #include <cstring>
 #include <sstream>

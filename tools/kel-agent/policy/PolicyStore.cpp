@@ -1,4 +1,4 @@
-#include "PolicyStore.h"
+#include "policy/PolicyStore.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,10 +8,13 @@
 #include <cstdio>
 #include <cstring>
 
-#include "Files.h"
+#include "common/Files.h"
 
 namespace kel {
 namespace agent {
+
+using tools::TCDescriptor;
+using tools::WriteNewFile;
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "Files.h"
-#include "Request.h"
+#include "OwnDirectory.h"
+#include "requests/Request.h"
 
 namespace kel {
 namespace agent {

@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-#include "Request.h"
+#include "requests/Request.h"
 
 namespace kel {
 namespace agent {

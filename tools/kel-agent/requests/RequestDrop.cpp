@@ -1,4 +1,4 @@
-#include "RequestDrop.h"
+#include "requests/RequestDrop.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -17,7 +17,9 @@
 namespace kel {
 namespace agent {
 
+using tools::ListNames;
 using tools::Printable;
+using tools::TCDescriptor;
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "Request.h"
+#include "requests/Request.h"
 
 namespace kel {
 namespace agent {

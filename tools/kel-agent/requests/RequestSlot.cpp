@@ -1,4 +1,4 @@
-#include "RequestSlot.h"
+#include "requests/RequestSlot.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -13,13 +13,15 @@
 // Not the library's look-up, which asks for each key once and keeps what it got.
 #include <vconf.h>
 
-#include "Files.h"
+#include "common/Files.h"
 #include "common/Text.h"
 
 namespace kel {
 namespace agent {
 
 using tools::Printable;
+using tools::TCDescriptor;
+using tools::WriteNewFile;
 
 namespace {
 

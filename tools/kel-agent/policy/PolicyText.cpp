@@ -1,4 +1,4 @@
-#include "PolicyText.h"
+#include "policy/PolicyText.h"
 
 #include <cstring>
 #include <memory>

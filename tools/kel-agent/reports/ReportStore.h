@@ -4,7 +4,7 @@
 #include <map>
 #include <string>
 
-#include "Files.h"
+#include "OwnDirectory.h"
 
 namespace kel {
 namespace agent {
@@ -84,7 +84,7 @@ private:
     TCReportStore& m_store;
     const uint64_t m_id;
     const std::string m_path;
-    TCDescriptor m_directory;
+    tools::TCDescriptor m_directory;
 };
 
 } // namespace agent

@@ -1,4 +1,4 @@
-#include "ReportText.h"
+#include "reports/ReportText.h"
 
 #include <nlohmann/json.hpp>
 

@@ -1,4 +1,4 @@
-#include "ReportStore.h"
+#include "reports/ReportStore.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -15,6 +15,9 @@
 
 namespace kel {
 namespace agent {
+
+using tools::ListNames;
+using tools::WriteNewFile;
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "Artefact.h"
+#include "reports/Artefact.h"
 
 #include <fcntl.h>
 #include <grp.h>
@@ -13,10 +13,13 @@
 
 #include <kel/KELFileSystem.h>
 
-#include "Files.h"
+#include "common/Files.h"
 
 namespace kel {
 namespace agent {
+
+using tools::TCDescriptor;
+using tools::WriteAll;
 
 namespace {
 

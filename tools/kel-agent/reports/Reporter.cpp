@@ -1,0 +1,159 @@
+#include "reports/Reporter.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <future>
+#include <iterator>
+
+#include <kel/ICallbacks.h>
+#include <kel/KELFileSystem.h>
+
+#include "common/KernelLog.h"
+#include "common/Text.h"
+#include "reports/Artefact.h"
+
+namespace kel {
+namespace agent {
+
+using tools::Printable;
+using tools::TCOutcome;
+
+namespace {
+
+constexpr int kAnswerTimeout = 5000; // of the applications, in ms
+
+// What is not the artefact's: a report.json holds a path and two names, each byte of which may
+// need six; the kernel log may take a quarter of all.
+constexpr uint64_t kTextRoom = 48U << 10;
+constexpr uint64_t kKernelLogShare = 4;
+constexpr size_t kMostKernelLines = 4096;
+
+std::string ReadReport(const std::string& directory)
+{
+    std::vector<unsigned char> text;
+    if (directory.empty() || !TSFileSystem::GetFileContents(directory + "/" + kReportFile, text)) {
+        return "";
+    }
+    return {text.begin(), text.end()};
+}
+
+// The newest lines that fit.
+std::string Join(const std::vector<std::string>& lines, uint64_t room, size_t& count)
+{
+    uint64_t size = 0;
+    auto first = lines.end();
+    while (first != lines.begin() && size + std::prev(first)->size() + 1 <= room) {
+        --first;
+        size += first->size() + 1;
+    }
+    std::string text;
+    text.reserve(size);
+    for (auto line = first; line != lines.end(); ++line) {
+        text.append(*line).push_back('\n');
+    }
+    count = static_cast<size_t>(lines.end() - first);
+    return text;
+}
+
+} // namespace
+
+TCReporter::TCReporter(IDbusServer& server, const std::string& stateDirectory,
+                       const TCReportStore::TSLimits& limits)
+    : m_server(server), m_store(stateDirectory, limits)
+{}
+
+TCOutcome TCReporter::Open()
+{
+    std::string reason;
+    if (!m_store.Open(reason)) {
+        return TCOutcome::Failed(reason);
+    }
+    // A killed agent may have got as far as that, and no further.
+    m_newestStamp = StampIn(ReadReport(m_store.Newest()));
+    return TCOutcome();
+}
+
+void TCReporter::Gather()
+{
+    m_AskApplications();
+    m_ReadKernelLog();
+}
+
+void TCReporter::m_AskApplications()
+{
+    m_applications = m_server.SendMessage(ICallbacks::REQUEST_PROCESS_INFO, {}, kAnswerTimeout);
+    std::fprintf(stderr, "kel-agent: process information: %zu handled, %zu not\n",
+                 m_applications.first, m_applications.second);
+}
+
+void TCReporter::m_ReadKernelLog()
+{
+    // It leaves its thread in the idle scheduling class. Requests are not to wait until a busy
+    // device has nothing else to do.
+    std::string reason;
+    std::vector<std::string> lines = std::async(std::launch::async, [&reason] {
+                                         std::vector<std::string> text;
+                                         tools::ReadKernelLog(text, reason);
+                                         return text;
+                                     }).get();
+    if (!reason.empty()) {
+        std::fprintf(stderr, "kel-agent: the kernel log is not read: %s\n", reason.c_str());
+    }
+    m_kernelLines.insert(m_kernelLines.end(), std::make_move_iterator(lines.begin()),
+                         std::make_move_iterator(lines.end()));
+    if (m_kernelLines.size() > kMostKernelLines) {
+        m_kernelLines.erase(m_kernelLines.begin(), m_kernelLines.end() - kMostKernelLines);
+    }
+}
+
+TCOutcome TCReporter::Report(const TSRequest& request)
+{
+    std::string reason;
+    TCReportDraft draft(m_store);
+    if (!draft.Begin(reason)) {
+        return TCOutcome::Failed(reason);
+    }
+    TSReport report = {draft.Id(), {}, request, {}, "", m_applications, 0};
+    clock_gettime(CLOCK_REALTIME, &report.m_time);
+    uint64_t room = m_store.Limits().m_bytes - kTextRoom;
+
+    const std::string kernelLog = Join(m_kernelLines, room / kKernelLogShare, report.m_kernelLines);
+    if (report.m_kernelLines > 0 && !draft.Write(kKernelLogFile, kernelLog, reason)) {
+        return TCOutcome::Failed(reason);
+    }
+    room -= kernelLog.size();
+    m_AddArtefact(draft, room, report);
+    const std::string text = Describe(report);
+    const uint64_t size = text.size() + kernelLog.size() + report.m_artefactSize.value_or(0);
+    if (!draft.Write(kReportFile, text, reason) || !draft.Finish(size, reason)) {
+        return TCOutcome::Failed(reason);
+    }
+    m_kernelLines.clear();
+    std::fprintf(stderr, "kel-agent: report %llu: %s in %s collected\n",
+                 static_cast<unsigned long long>(report.m_id), Printable(request.m_name).c_str(),
+                 request.m_source.c_str());
+    return TCOutcome();
+}
+
+// A report without its artefact is better than none.
+void TCReporter::m_AddArtefact(const TCReportDraft& draft, uint64_t room, TSReport& report)
+{
+    const TSRequest& request = report.m_request;
+    report.m_noArtefact = request.m_noPath;
+    uint64_t size = 0;
+    if (request.m_uploadPath && request.m_user
+        && CopyArtefact(*request.m_uploadPath, {*request.m_user, request.m_group},
+                        draft.PathOf(kArtefactFile), room, size, report.m_noArtefact)) {
+        report.m_artefactSize = size;
+    }
+    if (!report.m_noArtefact.empty()) {
+        std::fprintf(stderr, "kel-agent: report %llu: artefact %s not copied: %s\n",
+                     static_cast<unsigned long long>(report.m_id),
+                     Printable(request.m_uploadPath.value_or("")).c_str(),
+                     report.m_noArtefact.c_str());
+    }
+}
+
+} // namespace agent
+} // namespace kel

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <kel/IDbusServer.h>
+
+#include "common/Outcome.h"
+#include "reports/ReportStore.h"
+#include "reports/ReportText.h"
+#include "requests/Request.h"
+
+namespace kel {
+namespace agent {
+
+/// Makes reports of requests.
+///
+/// Threads: one at a time.
+class TCReporter
+{
+public:
+    /// @param server  asked to ask the applications; outlives this object.
+    TCReporter(IDbusServer& server, const std::string& stateDirectory,
+               const TCReportStore::TSLimits& limits);
+    TCReporter(const TCReporter&) = delete;
+    TCReporter& operator=(const TCReporter&) = delete;
+
+    /// Has the directory of reports for this agent alone, until Close().
+    tools::TCOutcome Open();
+    void Close() { m_store.Close(); }
+
+    /// Gathers what the reports that follow are to tell of all applications and of the kernel. Only
+    /// for requests that are about to be served: it costs every application a message.
+    void Gather();
+
+    /// Whether the newest report was made of this request, by an agent that was then killed. It is
+    /// open.
+    bool IsReported(const TSRequest& request) const { return request.m_stamp == m_newestStamp; }
+
+    /// Makes a report that has reached the disk. It is open.
+    ///
+    /// @return failed when none could be made: nothing is there of it, and the next one has no
+    ///         better prospects.
+    tools::TCOutcome Report(const TSRequest& request);
+
+private:
+    void m_AskApplications();
+    void m_ReadKernelLog();
+    void m_AddArtefact(const TCReportDraft& draft, uint64_t room, TSReport& report);
+
+    IDbusServer& m_server;
+    TCReportStore m_store;
+    std::string m_newestStamp; // of the report that was the newest when the store was opened
+    std::pair<size_t, size_t> m_applications;
+    std::vector<std::string> m_kernelLines; // not in any report yet
+};
+
+} // namespace agent
+} // namespace kel
