@@ -1,5 +1,6 @@
 // Who is registered with the agent, for what, and for how long.
 
+#include <atomic>
 #include <set>
 
 #include "channel/ChannelTest.h"
@@ -126,15 +127,26 @@ TEST_F(ServerRegistry, AClientThatLeavesTheBusIsForgotten)
     Subscribe(m_peer, {1});
     Subscribe(stays, {1});
     ASSERT_EQ(m_server.NumberOfClients(), 2u);
+    std::atomic<int> released(0);
+    const auto count = [](gpointer number, GObject*) { ++*static_cast<std::atomic<int>*>(number); };
+    for (const auto& [name, client] : m_server.m_clients) {
+        g_object_weak_ref(G_OBJECT(client.m_pProxy), count, &released);
+    }
 
     m_peer.Vanish();
 
     EXPECT_TRUE(WaitUntil([&] { return m_server.NumberOfClients() == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return released == 1; })) << "the proxy, and its match rules";
     EXPECT_TRUE(m_log.Has(kDebug, Pointer("Client name %s has vanished, user_data %p",
                                           m_peer.Name().c_str(), &m_server)))
         << m_log.Text();
     EXPECT_EQ(m_log.Count(FailedCheck("KELDbusServer", 256)), 0u);
     EXPECT_EQ(m_server.SendMessage(1, {}, 1000), TCounts(1, 0));
+
+    TCDbusServer::m_ClientNameVanished(m_server.m_pConnection, stays.Name().c_str(), &m_server);
+
+    EXPECT_EQ(m_server.NumberOfClients(), 0u);
+    EXPECT_TRUE(WaitUntil([&] { return released == 2; })) << "of one that we were told of, too";
 }
 
 TEST_F(ServerRegistry, TheVanishingOfAStrangerIsReported)
