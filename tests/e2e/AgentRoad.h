@@ -9,17 +9,16 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "support/ChildProcess.h"
 #include "support/PrivateBus.h"
 #include "support/RawPeer.h"
+#include "support/Sandbox.h"
 
 namespace kel::test {
 
 /// The road from kelctl over a private bus to kel-agent and its directory of state: real
 /// processes, all gone with the fixture.
-class AgentRoad : public testing::Test
+class AgentRoad : public SandboxTest
 {
 protected:
     explicit AgentRoad(const PrivateBus::TSOptions& options = {});

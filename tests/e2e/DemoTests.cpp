@@ -1,66 +1,15 @@
 // scripts/demo, with the programs of this build.
 
 #include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-
-#include <cerrno>
-#include <filesystem>
-#include <fstream>
 
 #include <gmock/gmock.h>
 
-#include "support/ChildProcess.h"
-#include "support/PrivateBus.h"
+#include "e2e/DemoTest.h"
 
 namespace kel::test {
 
 using testing::EndsWith;
 using testing::HasSubstr;
-
-namespace {
-
-// Whether every process that has been left to us has ended, too.
-bool NothingRuns() { return waitpid(-1, nullptr, WNOHANG) < 0 && errno == ECHILD; }
-
-} // namespace
-
-class Demo : public testing::Test
-{
-protected:
-    Demo() : m_directory(MakeDirectory()), m_scratch(m_directory + "/it's <a> & \"b\" %20 $HOME")
-    {
-        std::filesystem::create_directory(m_scratch);
-        prctl(PR_SET_CHILD_SUBREAPER, 1);
-    }
-    ~Demo() override { std::filesystem::remove_all(m_directory); }
-
-    ChildProcess::TEnvironment Environment(const std::string& binaries) const
-    {
-        return {{"KEL_DEMO_BINARIES", binaries}, {"TMPDIR", m_scratch}};
-    }
-
-    // A build directory with a kelctl of ours.
-    std::string BinariesWithKelctl(const std::string& script) const
-    {
-        const std::filesystem::path tools = m_directory + "/build/tools";
-        std::filesystem::create_directories(tools / "kelctl");
-        std::filesystem::create_directory_symlink(KEL_BINARIES "/tools/kel-agent",
-                                                  tools / "kel-agent");
-        std::ofstream(tools / "kelctl/kelctl") << "#!/bin/sh\n" << script << "\n";
-        std::filesystem::permissions(tools / "kelctl/kelctl", std::filesystem::perms::owner_all);
-        return m_directory + "/build";
-    }
-
-    void ExpectNothingLeft() const
-    {
-        EXPECT_TRUE(std::filesystem::is_empty(m_scratch));
-        EXPECT_TRUE(WaitUntil(NothingRuns, std::chrono::seconds(1)));
-    }
-
-    const std::string m_directory;
-    const std::string m_scratch;
-};
 
 TEST_F(Demo, ShowsTheRoadEndsWithItsResultAndLeavesNothing)
 {

@@ -15,7 +15,7 @@ typedef std::vector<std::string> TWords;
 
 /// What kelctl finds on a device without a bus: the agent's directory of state, the drop
 /// directories, the key-value store and the kernel log, all empty and gone with the fixture.
-class KelctlTest : public testing::Test
+class KelctlTest : public SandboxTest
 {
 protected:
     KelctlTest();

@@ -21,7 +21,7 @@ int AsNobody(const std::function<int()>& function)
 
 TEST(StoreOfSomebodyElse, IsNotUsed)
 {
-    ASSERT_TRUE(kel::test::Sandbox::IsEntered());
+    kel::test::Sandbox::Need();
     const auto refuses = [] { return Set() != 0 && !Owned(vconf_get_str("memory/key")) ? 0 : 2; };
 
     fs::create_symlink(kElsewhere, kNobodys);

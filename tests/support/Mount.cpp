@@ -18,9 +18,8 @@ namespace {
 
 const std::string& MadeDirectory(const std::string& directory)
 {
-    if (Sandbox::IsEntered()) {
-        std::filesystem::create_directories(directory);
-    }
+    Sandbox::Need();
+    std::filesystem::create_directories(directory);
     return directory;
 }
 
@@ -39,9 +38,7 @@ Mount::Mount(const std::string& source, const std::string& target, const char* t
              unsigned long flags, const std::string& options)
     : m_target(target)
 {
-    if (!Sandbox::IsEntered()) {
-        throw std::runtime_error("outside the sandbox");
-    }
+    Sandbox::Need();
     if (mount(source.c_str(), target.c_str(), type, flags, options.c_str()) != 0) {
         throw std::runtime_error("mounting on " + target + ": " + strerror(errno));
     }

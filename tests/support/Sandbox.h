@@ -1,6 +1,6 @@
 #pragma once
 
-#include <string>
+#include <gtest/gtest.h>
 
 namespace kel::test {
 
@@ -14,11 +14,23 @@ class Sandbox
 {
 public:
     /// Starts this program again inside a sandbox and does not return; returns when it is inside
-    /// already, or when the machine permits no namespaces.
+    /// already, or when nobody may make a namespace here: then it runs the tests that need none.
     static void Enter(char** arguments);
 
-    /// Whether this process is inside. A test that writes to one of those directories asserts it.
+    /// Whether this process is inside.
     static bool IsEntered();
+
+    /// Ends the running test as a skipped one, by an exception, where this process is not inside.
+    static void Need();
+};
+
+/// What tests derive from that write to one of those directories, or start an agent, which does.
+/// Where there is no sandbox such a test is skipped before anything of it runs, also its
+/// TearDown(): what that removes would be the machine's.
+class SandboxTest : public testing::Test
+{
+protected:
+    SandboxTest() { Sandbox::Need(); }
 };
 
 /// Runs the program's GoogleTest tests, in a sandbox.

@@ -29,7 +29,7 @@ bool IsRunning(pid_t process)
 
 TEST(Sandbox, HidesWhatTestsWriteAndTheMarkersOfADevice)
 {
-    ASSERT_TRUE(Sandbox::IsEntered());
+    Sandbox::Need();
     for (const char* const path : {"/etc/release", "/etc/debug", "/opt/x", "/run/x", "/tmp/x"}) {
         EXPECT_FALSE(std::filesystem::exists(path)) << path;
         std::ofstream(path) << "written";

@@ -80,7 +80,7 @@ std::vector<std::string> FilesInTmp()
 }
 
 // Every test starts with an instance as at load, and with empty directories.
-class Debug : public testing::Test
+class Debug : public kel::test::SandboxTest
 {
 protected:
     Debug()
@@ -90,11 +90,7 @@ protected:
         traces.clear();
     }
 
-    void SetUp() override
-    {
-        ASSERT_TRUE(kel::test::Sandbox::IsEntered());
-        m_Clean();
-    }
+    void SetUp() override { m_Clean(); }
 
     void TearDown() override
     {

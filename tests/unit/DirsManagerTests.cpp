@@ -51,12 +51,11 @@ void MakeFile(const fs::path& path)
 }
 
 // The fields of the library's own, as before its first call.
-class DirsManager : public testing::Test
+class DirsManager : public kel::test::SandboxTest
 {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(kel::test::Sandbox::IsEntered());
         m_Clear();
         TCDirsManager::KELMode = 0;
         TCDirsManager::PolicyMode = 0;

@@ -16,6 +16,7 @@
 
 #include "support/LogRecorder.h"
 #include "support/Mount.h"
+#include "support/Sandbox.h"
 
 namespace kel::test {
 
@@ -68,7 +69,7 @@ private:
 };
 
 /// An empty directory, in the sandbox's "/tmp", and a record of the log.
-class FileSystemTest : public testing::Test
+class FileSystemTest : public SandboxTest
 {
 protected:
     FileSystemTest();

@@ -10,12 +10,11 @@
 
 namespace {
 
-class HostVconf : public testing::Test
+class HostVconf : public kel::test::SandboxTest
 {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(kel::test::Sandbox::IsEntered());
         fs::remove_all(m_root);
         fs::remove_all(m_nobodys);
         setenv("KEL_HOST_VCONF_DIR", m_root.c_str(), 1);
@@ -251,12 +250,11 @@ TEST_F(HostVconf, AnotherUsersStoreIsTheUsersOwn)
               0);
 }
 
-class HostSystemInfo : public testing::Test
+class HostSystemInfo : public kel::test::SandboxTest
 {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(kel::test::Sandbox::IsEntered());
         fs::remove("/etc/os-release"); // the sandbox's link
     }
     void TearDown() override

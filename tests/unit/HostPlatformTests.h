@@ -70,7 +70,7 @@ inline bool BecomeNobody()
 }
 
 // Mounted file systems of memory, with an entry in sysfs that says where their "device" hangs.
-class HostUsb : public testing::Test
+class HostUsb : public kel::test::SandboxTest
 {
 protected:
     void SetUp() override { ASSERT_EQ(usb_device_init(), 0); }

@@ -42,12 +42,11 @@ std::vector<std::string> Names(const fs::path& directory)
 
 typedef std::vector<std::string> TNames;
 
-class IssueReport : public testing::Test
+class IssueReport : public kel::test::SandboxTest
 {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(kel::test::Sandbox::IsEntered());
         for (const fs::path& directory : {kDrop, kRebootDrop}) {
             fs::remove_all(directory);
             fs::create_directory(directory);

@@ -82,12 +82,11 @@ TLines Numbered(const std::string& word, size_t count)
     return lines;
 }
 
-class KernelLog : public testing::Test
+class KernelLog : public kel::test::SandboxTest
 {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(kel::test::Sandbox::IsEntered());
         m_path = getenv("PATH");
         fs::remove_all(kSnapshot);
         fs::remove_all(kTools);
