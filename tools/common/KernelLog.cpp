@@ -1,12 +1,18 @@
 #include "KernelLog.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include <kel/KELKernelLog.h>
+
+#include "common/Files.h"
 
 namespace kel {
 namespace tools {
@@ -14,45 +20,140 @@ namespace tools {
 namespace {
 
 constexpr char kSnapshot[] = "/tmp/Device_Tracker.log";
+constexpr char kAside[] = "/tmp/.Device_Tracker.XXXXXX";
+constexpr int kTries = 8; // somebody may put another thing there as fast as it is removed
+
+// Of what somebody has put into a directory. What is beyond stays, in a directory of ours.
+constexpr size_t kMostRemoved = 10000;
+constexpr int kDeepest = 32;
+
+// Opens a directory in which nobody else can do anything any more. A link is not followed.
+TCDescriptor OpenFrozen(int parent, const char* name)
+{
+    TCDescriptor directory(
+        openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (directory.IsOpen()
+        && (fchown(directory.Get(), geteuid(), getegid()) != 0
+            || fchmod(directory.Get(), S_IRWXU) != 0)) {
+        directory.Reset();
+    }
+    return directory;
+}
+
+void Remove(int parent, const char* name, int depth, size_t& count) // NOLINT(misc-no-recursion)
+{
+    if (unlinkat(parent, name, 0) == 0 || errno != EISDIR || depth > kDeepest) {
+        return;
+    }
+    const TCDescriptor directory = OpenFrozen(parent, name);
+    const std::unique_ptr<DIR, int (*)(DIR*)> stream(
+        directory.IsOpen() ? fdopendir(dup(directory.Get())) : nullptr, &closedir);
+    const dirent* entry = nullptr;
+    while (stream && count > 0 && (entry = readdir(stream.get())) != nullptr) {
+        if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) {
+            --count;
+            Remove(directory.Get(), entry->d_name, depth + 1, count);
+        }
+    }
+    unlinkat(parent, name, AT_REMOVEDIR);
+}
+
+// In one step, whatever is in there; then what was there is removed. False with errno set when it
+// cannot be moved.
+bool MoveDirectoryAway()
+{
+    char aside[sizeof(kAside)];
+    std::memcpy(aside, kAside, sizeof(kAside));
+    if (mkdtemp(aside) == nullptr) {
+        return false;
+    }
+    const bool moved = rename(kSnapshot, aside) == 0;
+    const int error = errno;
+    size_t count = kMostRemoved;
+    Remove(AT_FDCWD, aside, 0, count);
+    errno = error;
+    return moved;
+}
 
 // Has an empty file of its own there. Anybody may have been there before: a link would lead what is
-// written elsewhere, a FIFO would stop us for good, and a file's content would pass for the
-// kernel's. Nobody else can replace what we have made, because /tmp is sticky.
+// written elsewhere, a FIFO would stop us for good, a directory would keep the file out, and a
+// file's content would pass for the kernel's. Nobody else can replace what we have made, because
+// /tmp is sticky.
 class TCSnapshotPlace
 {
 public:
-    explicit TCSnapshotPlace(std::string& reason)
+    TCSnapshotPlace()
     {
-        unlink(kSnapshot);
-        const int file = open(kSnapshot, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-        m_ours = file >= 0;
-        if (m_ours) {
-            close(file);
-        } else {
-            reason = std::string(kSnapshot) + ": " + std::strerror(errno);
+        for (int i = 0; i < kTries && !m_file.IsOpen() && m_IsFreed(); ++i) {
+            m_file.Reset(open(kSnapshot, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+        }
+        if (!m_file.IsOpen()) {
+            m_outcome = TCOutcome::Failed(std::string(kSnapshot)
+                                          + ": what is in its place cannot be removed: "
+                                          + std::strerror(errno));
         }
     }
     ~TCSnapshotPlace()
     {
-        if (m_ours) {
+        if (m_file.IsOpen()) {
             unlink(kSnapshot);
         }
     }
     TCSnapshotPlace(const TCSnapshotPlace&) = delete;
     TCSnapshotPlace& operator=(const TCSnapshotPlace&) = delete;
 
-    bool IsOurs() const { return m_ours; }
+    const TCOutcome& Outcome() const { return m_outcome; }
+
+    // How many lines the snapshot has, without the empty ones.
+    size_t CountLines() const
+    {
+        size_t lines = 0;
+        char last = '\n';
+        char text[4096];
+        off_t offset = 0;
+        for (ssize_t n; (n = pread(m_file.Get(), text, sizeof(text), offset)) > 0; offset += n) {
+            for (const char* next = text; next < text + n; last = *next++) {
+                lines += last == '\n' && *next != '\n' ? 1 : 0;
+            }
+        }
+        return lines;
+    }
 
 private:
-    bool m_ours;
+    static bool m_IsFreed()
+    {
+        return unlink(kSnapshot) == 0 || errno == ENOENT
+               || (errno == EISDIR && MoveDirectoryAway());
+    }
+
+    TCDescriptor m_file;
+    TCOutcome m_outcome;
 };
+
+bool IsAnyDelivered()
+{
+    pthread_mutex_lock(&DTLock);
+    const bool delivered = lastShared != " ";
+    pthread_mutex_unlock(&DTLock);
+    return delivered;
+}
 
 } // namespace
 
-bool ReadKernelLog(std::vector<std::string>& lines, std::string& reason)
+TCOutcome ReadKernelLog(TSKernelLines& read)
 {
-    const TCSnapshotPlace place(reason);
-    return place.IsOurs() && DumpKernelLog(lines, DUMP_CONDITION_NONE);
+    read = TSKernelLines();
+    const TCSnapshotPlace place;
+    if (!place.Outcome()) {
+        return place.Outcome();
+    }
+    const bool delivered = IsAnyDelivered();
+    DumpKernelLog(read.m_lines, DUMP_CONDITION_NONE);
+    const size_t there = place.CountLines();
+    read.m_isMute = there == 0;
+    // The last known line and all before it are left out; where none is, it was not there.
+    read.m_gap = delivered && there > 0 && read.m_lines.size() == there;
+    return TCOutcome();
 }
 
 } // namespace tools

@@ -60,14 +60,14 @@ std::string Text(const std::vector<std::string>& lines)
 
 EStatus PrintOnce()
 {
-    std::vector<std::string> lines;
-    std::string reason;
-    if (!tools::ReadKernelLog(lines, reason)) {
+    tools::TSKernelLines read;
+    const tools::TCOutcome outcome = tools::ReadKernelLog(read);
+    if (read.m_lines.empty()) {
         std::fprintf(stderr, "kelctl: no line of the kernel log can be had%s%s\n",
-                     reason.empty() ? "" : ": ", reason.c_str());
+                     outcome ? "" : ": ", outcome.Reason().c_str());
         return EStatus::Negative;
     }
-    const std::string text = Text(lines);
+    const std::string text = Text(read.m_lines);
     std::fwrite(text.data(), 1, text.size(), stdout);
     return FlushOutput();
 }
@@ -92,14 +92,14 @@ EStatus TCFollower::Run()
 {
     std::string known; // the reason that was told
     while (!m_status) {
-        std::vector<std::string> lines;
-        std::string reason;
-        if (tools::ReadKernelLog(lines, reason)) {
-            m_Print(Text(lines));
-        } else if (!reason.empty() && reason != known) {
-            std::fprintf(stderr, "kelctl: the kernel log is not read: %s\n", reason.c_str());
+        tools::TSKernelLines read;
+        const tools::TCOutcome outcome = tools::ReadKernelLog(read);
+        m_Print(Text(read.m_lines));
+        if (!outcome && outcome.Reason() != known) {
+            std::fprintf(stderr, "kelctl: the kernel log is not read: %s\n",
+                         outcome.Reason().c_str());
         }
-        known = reason;
+        known = outcome.Reason();
         m_Wait(0, kPeriod);
     }
     return *m_status;

@@ -51,6 +51,28 @@ TJson DescribeArtefact(const TSReport& report)
     return TJson();
 }
 
+TJson DescribeApplications(const std::optional<TAnswers>& answers)
+{
+    if (!answers) {
+        return {{"handled", TJson()}, {"failed", TJson()}, {"late", true}};
+    }
+    return {{"handled", answers->first}, {"failed", answers->second}};
+}
+
+TJson DescribeKernelLog(const TSKernelLog& log)
+{
+    constexpr const char* kStates[] = {"complete", "late", "unavailable"};
+    TJson text;
+    text["file"] = log.m_lines > 0 ? TJson(kKernelLogFile) : TJson();
+    text["lines"] = log.m_lines;
+    text["state"] = kStates[static_cast<size_t>(log.m_state)];
+    if (!log.m_reason.empty()) {
+        text["reason"] = log.m_reason;
+    }
+    text["gap"] = log.m_gap;
+    return text;
+}
+
 // A USB stick's policy is told by the device mode alone: the path is that of the device's own.
 TJson DescribePolicy()
 {
@@ -102,10 +124,8 @@ std::string Describe(const TSReport& report)
     text["time"] = IsoTime(report.m_time);
     text["request"] = DescribeRequest(report.m_request);
     text["artefact"] = DescribeArtefact(report);
-    text["applications"]
-        = {{"handled", report.m_applications.first}, {"failed", report.m_applications.second}};
-    text["kernel-log"] = {{"file", report.m_kernelLines > 0 ? TJson(kKernelLogFile) : TJson()},
-                          {"lines", report.m_kernelLines}};
+    text["applications"] = DescribeApplications(report.m_applications);
+    text["kernel-log"] = DescribeKernelLog(report.m_kernelLog);
     text["policy"] = DescribePolicy();
     text["system"] = DescribeSystem();
     return text.dump(kIndent, ' ', false, TJson::error_handler_t::replace) + "\n";

@@ -10,6 +10,20 @@
 namespace kel {
 namespace agent {
 
+/// How many applications have handled a question, and how many have not.
+typedef std::pair<size_t, size_t> TAnswers;
+
+/// What a report tells of its kernel log.
+struct TSKernelLog
+{
+    enum class EState { Complete, Late, Unavailable };
+
+    EState m_state;
+    std::string m_reason; // unless it is complete
+    bool m_gap;           // lines may be missing since the report before
+    size_t m_lines;
+};
+
 /// What a report tells, but for its files.
 struct TSReport
 {
@@ -20,8 +34,8 @@ struct TSReport
     std::optional<uint64_t> m_artefactSize; // when there is one
     std::string m_noArtefact;               // why there is none, when one was asked for
 
-    std::pair<size_t, size_t> m_applications; // that have handled the question, and that have not
-    size_t m_kernelLines;
+    std::optional<TAnswers> m_applications; // none when they are not known yet
+    TSKernelLog m_kernelLog;
 };
 
 // The files of a report.

@@ -1,15 +1,17 @@
 #include "reports/Reporter.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
-#include <future>
 #include <iterator>
 
 #include <kel/ICallbacks.h>
 #include <kel/KELFileSystem.h>
 
-#include "common/KernelLog.h"
 #include "common/Text.h"
 #include "reports/Artefact.h"
 
@@ -18,10 +20,12 @@ namespace agent {
 
 using tools::Printable;
 using tools::TCOutcome;
+using namespace std::chrono_literals;
 
 namespace {
 
 constexpr int kAnswerTimeout = 5000; // of the applications, in ms
+constexpr auto kPatience = 1s;       // with the applications and the kernel log
 
 // What is not the artefact's: a report.json holds a path and two names, each byte of which may
 // need six; the kernel log may take a quarter of all.
@@ -56,12 +60,34 @@ std::string Join(const std::vector<std::string>& lines, uint64_t room, size_t& c
     return text;
 }
 
+// The thread that reads the kernel log cannot be told to end while a "dmesg" does not, and it uses
+// the library's variables, which the end of the process destroys.
+void EndWithoutDestructors()
+{
+    on_exit(
+        [](int status, void*) {
+            std::fflush(nullptr);
+            _exit(status);
+        },
+        nullptr);
+}
+
 } // namespace
 
 TCReporter::TCReporter(IDbusServer& server, const std::string& stateDirectory,
                        const TCReportStore::TSLimits& limits)
-    : m_server(server), m_store(stateDirectory, limits)
+    : m_server(server),
+      m_store(stateDirectory, limits), m_kernelLog{TSKernelLog::EState::Late, "", false, 0}
 {}
+
+TCReporter::~TCReporter()
+{
+    if (!m_reading.WaitForEnd(std::chrono::steady_clock::now() + kPatience)) {
+        EndWithoutDestructors();
+    }
+    while (!m_question.WaitForEnd(std::chrono::steady_clock::now() + kPatience)) {
+    }
+}
 
 TCOutcome TCReporter::Open()
 {
@@ -76,35 +102,49 @@ TCOutcome TCReporter::Open()
 
 void TCReporter::Gather()
 {
-    m_AskApplications();
-    m_ReadKernelLog();
+    if (auto late = m_reading.Take(0s)) {
+        m_TakeKernelLog(std::move(*late));
+    }
+    m_question.Begin([this] {
+        const TAnswers answers
+            = m_server.SendMessage(ICallbacks::REQUEST_PROCESS_INFO, {}, kAnswerTimeout);
+        std::fprintf(stderr, "kel-agent: process information: %zu handled, %zu not\n",
+                     answers.first, answers.second);
+        return answers;
+    });
+    // It leaves its thread in the idle scheduling class: on a busy device it may take long.
+    m_reading.Begin([] {
+        TSRead read;
+        read.m_outcome = tools::ReadKernelLog(read.m_log);
+        return read;
+    });
+    m_applications = m_question.Take(kPatience);
+    if (auto read = m_reading.Take(kPatience)) {
+        m_TakeKernelLog(std::move(*read));
+    } else {
+        m_kernelLog.m_state = TSKernelLog::EState::Late;
+        m_kernelLog.m_reason = "it was not read within " + std::to_string(kPatience.count()) + " s";
+    }
 }
 
-void TCReporter::m_AskApplications()
+void TCReporter::m_TakeKernelLog(TSRead read)
 {
-    m_applications = m_server.SendMessage(ICallbacks::REQUEST_PROCESS_INFO, {}, kAnswerTimeout);
-    std::fprintf(stderr, "kel-agent: process information: %zu handled, %zu not\n",
-                 m_applications.first, m_applications.second);
-}
-
-void TCReporter::m_ReadKernelLog()
-{
-    // It leaves its thread in the idle scheduling class. Requests are not to wait until a busy
-    // device has nothing else to do.
-    std::string reason;
-    std::vector<std::string> lines = std::async(std::launch::async, [&reason] {
-                                         std::vector<std::string> text;
-                                         tools::ReadKernelLog(text, reason);
-                                         return text;
-                                     }).get();
-    if (!reason.empty()) {
+    const std::string reason
+        = read.m_log.m_isMute ? "dmesg gives no line" : read.m_outcome.Reason();
+    if (!read.m_outcome && reason != m_kernelLog.m_reason) {
         std::fprintf(stderr, "kel-agent: the kernel log is not read: %s\n", reason.c_str());
     }
+    m_kernelLog.m_state
+        = reason.empty() ? TSKernelLog::EState::Complete : TSKernelLog::EState::Unavailable;
+    m_kernelLog.m_reason = reason;
+    std::vector<std::string>& lines = read.m_log.m_lines;
     m_kernelLines.insert(m_kernelLines.end(), std::make_move_iterator(lines.begin()),
                          std::make_move_iterator(lines.end()));
-    if (m_kernelLines.size() > kMostKernelLines) {
+    const bool tooMany = m_kernelLines.size() > kMostKernelLines;
+    if (tooMany) {
         m_kernelLines.erase(m_kernelLines.begin(), m_kernelLines.end() - kMostKernelLines);
     }
+    m_kernelLog.m_gap = m_kernelLog.m_gap || read.m_log.m_gap || tooMany;
 }
 
 TCOutcome TCReporter::Report(const TSRequest& request)
@@ -114,12 +154,12 @@ TCOutcome TCReporter::Report(const TSRequest& request)
     if (!draft.Begin(reason)) {
         return TCOutcome::Failed(reason);
     }
-    TSReport report = {draft.Id(), {}, request, {}, "", m_applications, 0};
+    TSReport report = {draft.Id(), {}, request, {}, "", m_applications, m_kernelLog};
     clock_gettime(CLOCK_REALTIME, &report.m_time);
     uint64_t room = m_store.Limits().m_bytes - kTextRoom;
 
-    const std::string kernelLog = Join(m_kernelLines, room / kKernelLogShare, report.m_kernelLines);
-    if (report.m_kernelLines > 0 && !draft.Write(kKernelLogFile, kernelLog, reason)) {
+    const std::string kernelLog = m_KernelLog(room / kKernelLogShare, report.m_kernelLog);
+    if (!kernelLog.empty() && !draft.Write(kKernelLogFile, kernelLog, reason)) {
         return TCOutcome::Failed(reason);
     }
     room -= kernelLog.size();
@@ -130,10 +170,18 @@ TCOutcome TCReporter::Report(const TSRequest& request)
         return TCOutcome::Failed(reason);
     }
     m_kernelLines.clear();
+    m_kernelLog.m_gap = false;
     std::fprintf(stderr, "kel-agent: report %llu: %s in %s collected\n",
                  static_cast<unsigned long long>(report.m_id), Printable(request.m_name).c_str(),
                  request.m_source.c_str());
     return TCOutcome();
+}
+
+std::string TCReporter::m_KernelLog(uint64_t room, TSKernelLog& log) const
+{
+    std::string text = Join(m_kernelLines, room, log.m_lines);
+    log.m_gap = log.m_gap || log.m_lines < m_kernelLines.size();
+    return text;
 }
 
 // A report without its artefact is better than none.

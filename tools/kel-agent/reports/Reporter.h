@@ -1,13 +1,16 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <kel/IDbusServer.h>
 
+#include "common/KernelLog.h"
 #include "common/Outcome.h"
+#include "reports/LateResult.h"
 #include "reports/ReportStore.h"
 #include "reports/ReportText.h"
 #include "requests/Request.h"
@@ -24,6 +27,9 @@ public:
     /// @param server  asked to ask the applications; outlives this object.
     TCReporter(IDbusServer& server, const std::string& stateDirectory,
                const TCReportStore::TSLimits& limits);
+
+    /// Returns when no application is asked any more: at most 5 s later.
+    ~TCReporter();
     TCReporter(const TCReporter&) = delete;
     TCReporter& operator=(const TCReporter&) = delete;
 
@@ -33,6 +39,10 @@ public:
 
     /// Gathers what the reports that follow are to tell of all applications and of the kernel. Only
     /// for requests that are about to be served: it costs every application a message.
+    ///
+    /// Who answers late does not delay them: it returns after a second at most, and the reports
+    /// tell that an answer was late. Late lines of the kernel log are in the reports after the next
+    /// one.
     void Gather();
 
     /// Whether the newest report was made of this request, by an agent that was then killed. It is
@@ -46,14 +56,24 @@ public:
     tools::TCOutcome Report(const TSRequest& request);
 
 private:
-    void m_AskApplications();
-    void m_ReadKernelLog();
+    struct TSRead
+    {
+        tools::TCOutcome m_outcome;
+        tools::TSKernelLines m_log;
+    };
+
+    void m_TakeKernelLog(TSRead read);
+    std::string m_KernelLog(uint64_t room, TSKernelLog& log) const;
     void m_AddArtefact(const TCReportDraft& draft, uint64_t room, TSReport& report);
 
     IDbusServer& m_server;
     TCReportStore m_store;
     std::string m_newestStamp; // of the report that was the newest when the store was opened
-    std::pair<size_t, size_t> m_applications;
+
+    TCLateResult<TAnswers> m_question;
+    TCLateResult<TSRead> m_reading; // in the idle class
+    std::optional<TAnswers> m_applications;
+    TSKernelLog m_kernelLog;                // of the next report
     std::vector<std::string> m_kernelLines; // not in any report yet
 };
 

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <future>
+#include <optional>
+#include <thread>
+#include <utility>
+
+namespace kel {
+namespace agent {
+
+/// The result of work that may take long: it is done on a thread of its own, once at a time, and
+/// whoever wants the result waits for a while, and then goes on without.
+///
+/// Nothing waits for the work at the end of this object: it may use what is there for good, or
+/// WaitForEnd() comes before.
+///
+/// Threads: one at a time.
+template <typename Result> class TCLateResult
+{
+public:
+    typedef std::chrono::steady_clock TClock;
+
+    /// Begins, unless the work is still under way. A result that nobody has taken is dropped.
+    void Begin(std::function<Result()> work)
+    {
+        if (!WaitForEnd(TClock::now())) {
+            return;
+        }
+        std::packaged_task<Result()> task(std::move(work));
+        std::future<Result> result = task.get_future();
+        std::thread(std::move(task)).detach();
+        m_result = std::move(result);
+        m_begun = TClock::now();
+    }
+
+    /// The result, once; nothing when there is none until so long after the begin of the work.
+    std::optional<Result> Take(TClock::duration patience)
+    {
+        if (!m_result.valid() || !WaitForEnd(m_begun + patience)) {
+            return std::nullopt;
+        }
+        return m_result.get();
+    }
+
+    /// Waits until no work is under way, or until a time. True when none is.
+    bool WaitForEnd(TClock::time_point end) const
+    {
+        return !m_result.valid() || m_result.wait_until(end) == std::future_status::ready;
+    }
+
+private:
+    std::future<Result> m_result; // none, or of work that has begun
+    TClock::time_point m_begun;
+};
+
+} // namespace agent
+} // namespace kel
