@@ -219,7 +219,7 @@ TEST_F(ArtefactFaults, WhatTheRequesterMayNotReadIsNotCopied)
 
 TEST_F(ArtefactFaults, WhatIsLargerThanTheLimitIsNotCopied)
 {
-    MakeSparse(m_scratch / "just too large", 200000);
+    WriteFile(m_scratch / "just too large", std::string(200000, 'x'));
     MakeSparse(m_scratch / "huge", 5ULL << 30U);
     const auto agent = StartCollector({"--max-bytes", "200000"});
 
@@ -233,7 +233,7 @@ TEST_F(ArtefactFaults, WhatIsLargerThanTheLimitIsNotCopied)
 TEST_F(ArtefactFaults, WhatIsLargerThanTheFreeSpaceIsNotCopied)
 {
     const Mount state(m_stateDir, "size=8m");
-    MakeSparse(m_scratch / "large", 8 << 20);
+    WriteFile(m_scratch / "large", std::string(8 << 20, 'x'));
     MakeSparse(m_scratch / "huge", 5ULL << 30U);
     const auto agent = StartCollector({"--max-bytes", "4294967295"});
 

@@ -18,7 +18,6 @@
 #include <kel/KELDirsManager.h>
 
 #include "common/Text.h"
-#include "reports/Artefact.h"
 
 namespace kel {
 namespace agent {
@@ -71,7 +70,6 @@ void TCCollector::Stop()
 
 void TCCollector::m_Run()
 {
-    LeaveGroups();
     TCDirsManager::Initialize();
     while (!m_IsStopped()) {
         bool unfinished = false;

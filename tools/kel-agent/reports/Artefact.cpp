@@ -1,123 +1,42 @@
 #include "reports/Artefact.h"
 
 #include <fcntl.h>
-#include <grp.h>
-#include <sys/fsuid.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
+#include <poll.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <thread>
+#include <vector>
 
 #include <kel/KELFileSystem.h>
 
-#include "common/Files.h"
+#include "reports/ArtefactReader.h"
 
 namespace kel {
 namespace agent {
 
 using tools::TCDescriptor;
-using tools::WriteAll;
+using tools::TCOutcome;
+using namespace std::chrono_literals;
 
 namespace {
 
+typedef std::chrono::steady_clock TClock;
+
 constexpr mode_t kMode = 0600;
-constexpr size_t kBlock = 64U << 10;
 constexpr uint64_t kSpareRoom = 1U << 20; // for the rest of the report
 
-// This thread's access to files is another user's, for the length of a scope.
-class TCBorrowedRights
-{
-public:
-    explicit TCBorrowedRights(const TSRequester& requester)
-        : m_borrowed(requester.m_user == geteuid())
-    {
-        if (m_borrowed) {
-            return; // they are ours
-        }
-        setfsgid(requester.m_group);
-        setfsuid(requester.m_user);
-        // They tell of no failure, but what is in force: an invalid id changes nothing.
-        m_borrowed = static_cast<uid_t>(setfsuid(static_cast<uid_t>(-1))) == requester.m_user
-                     && static_cast<gid_t>(setfsgid(static_cast<gid_t>(-1))) == requester.m_group
-                     && getgroups(0, nullptr) == 0; // see LeaveGroups()
-    }
-    ~TCBorrowedRights()
-    {
-        setfsuid(geteuid());
-        setfsgid(getegid());
-    }
-    TCBorrowedRights(const TCBorrowedRights&) = delete;
-    TCBorrowedRights& operator=(const TCBorrowedRights&) = delete;
-
-    bool AreBorrowed() const { return m_borrowed; }
-
-private:
-    bool m_borrowed;
-};
-
-// What is open already, by the path under which this process can open it again.
-std::string PathOf(const TCDescriptor& file)
-{
-    return "/proc/self/fd/" + std::to_string(file.Get());
-}
-
-// Opens a regular file for reading, with the rights of the requester.
-TCDescriptor Open(const std::string& path, const TSRequester& requester, struct stat& status,
-                  std::string& reason)
-{
-    const TCBorrowedRights rights(requester);
-    if (!rights.AreBorrowed()) {
-        reason = "the agent must not read it for user " + std::to_string(requester.m_user);
-        return TCDescriptor();
-    }
-    const TCDescriptor place(open(path.c_str(), O_PATH | O_CLOEXEC)); // without opening the file
-    if (!place.IsOpen() || fstat(place.Get(), &status) != 0) {
-        reason = std::strerror(errno);
-        return TCDescriptor();
-    }
-    if (!S_ISREG(status.st_mode)) {
-        reason = "it is no regular file";
-        return TCDescriptor();
-    }
-    // The kernel has regular files that wait for content, when they are let.
-    TCDescriptor file(open(PathOf(place).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    if (!file.IsOpen()) {
-        reason = std::strerror(errno);
-    }
-    return file;
-}
-
-// Copies all there is, to the disk, but no more than there is room for.
-bool Copy(int from, int to, uint64_t room, uint64_t& size, std::string& reason)
-{
-    std::string block;
-    uint64_t copied = 0;
-    for (;;) {
-        block.resize(kBlock);
-        const ssize_t n = read(from, block.data(), block.size());
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        block.resize(n > 0 ? static_cast<size_t>(n) : 0);
-        if (copied + block.size() > room) {
-            reason = "it has more bytes than it tells of, and there is room for "
-                     + std::to_string(room);
-            return false;
-        }
-        if (n < 0 || !WriteAll(to, block) || (n == 0 && fsync(to) != 0)) {
-            reason = std::strerror(errno);
-            return false;
-        }
-        if (n == 0) {
-            size = copied;
-            return true;
-        }
-        copied += block.size();
-    }
-}
+// All others wait meanwhile: the files of a user may take so long at once, and have them wait a
+// sixth of all time in the long run.
+constexpr auto kMostTime = 10s;
+constexpr int kForgotten = 6;      // seconds in which one of them is forgotten
+constexpr auto kUsualTime = 100ms; // of one file: it does not count
+constexpr auto kLeastTime = 1s;    // with less it is not tried
+constexpr auto kLongestPause = 2s; // without a byte
+constexpr auto kEnd = 100ms;       // of a reader that was ended
 
 uint64_t FreeSpace(const std::string& path)
 {
@@ -125,49 +44,226 @@ uint64_t FreeSpace(const std::string& path)
     return mebibytes > 0 ? static_cast<uint64_t>(mebibytes) << 20 : 0;
 }
 
-} // namespace
-
-void LeaveGroups()
+std::string ThereIsRoomFor(uint64_t room)
 {
-    // Not setgroups(), which speaks for all threads of the process. Without the privilege it fails,
-    // and nobody else's rights are taken.
-    syscall(SYS_setgroups, 0, nullptr);
+    return ", and there is room for " + std::to_string(room);
 }
 
-bool CopyArtefact(const std::string& path, const TSRequester& requester,
-                  const std::string& destination, uint64_t room, uint64_t& size,
-                  std::string& reason)
+// A file in the making. It is gone with this object, unless it was kept.
+class TCCopy
 {
-    if (path.empty() || path[0] != '/') {
-        reason = "its path is not absolute";
-        return false;
+public:
+    explicit TCCopy(const std::string& path)
+        : m_path(path),
+          m_file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMode)),
+          m_isOurs(m_file.IsOpen())
+    {}
+    ~TCCopy()
+    {
+        if (m_isOurs) {
+            unlink(m_path.c_str());
+        }
     }
-    struct stat status;
-    const TCDescriptor file = Open(path, requester, status, reason);
-    if (!file.IsOpen()) {
-        return false;
-    }
+    TCCopy(const TCCopy&) = delete;
+    TCCopy& operator=(const TCCopy&) = delete;
 
-    const auto parent = boost::filesystem::path(destination).parent_path().string();
-    const uint64_t space = FreeSpace(parent);
-    room = std::min(room, space - std::min(space, kSpareRoom));
-    const auto expected = static_cast<uint64_t>(status.st_size);
-    if (expected > room) {
-        reason = "it has " + std::to_string(expected) + " bytes, and there is room for "
-                 + std::to_string(room);
-        return false;
-    }
-    // Not the library's copy, which ends where the file ends: some have no end, and others grow.
-    const TCDescriptor copy(
-        open(destination.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMode));
-    if (copy.IsOpen() && Copy(file.Get(), copy.Get(), room, size, reason)) {
+    bool IsOpen() const { return m_file.IsOpen(); }
+
+    // Each of them: true on success, otherwise false with errno set.
+
+    bool Write(const std::vector<char>& data, uint64_t offset) const
+    {
+        size_t written = 0;
+        while (written < data.size()) {
+            const ssize_t n = pwrite(m_file.Get(), data.data() + written, data.size() - written,
+                                     static_cast<off_t>(offset + written));
+            if (n < 0 && errno != EINTR) {
+                return false;
+            }
+            written += n > 0 ? static_cast<size_t>(n) : 0;
+        }
         return true;
     }
-    if (!copy.IsOpen()) {
-        reason = std::strerror(errno);
+    bool Keep(uint64_t size)
+    {
+        m_isOurs
+            = ftruncate(m_file.Get(), static_cast<off_t>(size)) != 0 || fsync(m_file.Get()) != 0;
+        return !m_isOurs;
     }
-    TSFileSystem::RemoveFile(destination);
-    return false;
+
+private:
+    const std::string m_path;
+    const TCDescriptor m_file;
+    bool m_isOurs;
+};
+
+// The frames that a reader sends, until a time. What it says is not believed blindly: it may be
+// that the reader is another user's by now.
+class TCFrames
+{
+public:
+    TCFrames(const TCDescriptor& pipe, TClock::time_point end) : m_pipe(pipe), m_end(end) {}
+
+    // For all that came.
+    TClock::duration Waited() const { return m_waited; }
+
+    // The next one, and its data; an outcome that tells why there is none.
+    TCOutcome Next(TSFrame& frame, std::vector<char>& data)
+    {
+        TCOutcome outcome = m_Read(reinterpret_cast<char*>(&frame), sizeof(frame));
+        data.resize(outcome && frame.m_kind == TSFrame::Data
+                        ? std::min<size_t>(frame.m_size, kMostOfAFrame)
+                        : 0);
+        return outcome ? m_Read(data.data(), data.size()) : outcome;
+    }
+
+private:
+    TCOutcome m_Read(char* to, size_t size)
+    {
+        while (size > 0) {
+            const auto start = TClock::now();
+            const auto left = std::min<TClock::duration>(m_end - start, kLongestPause);
+            const auto time = std::chrono::ceil<std::chrono::milliseconds>(left).count();
+            pollfd ready = {m_pipe.Get(), POLLIN, 0};
+            const int events = time > 0 ? poll(&ready, 1, static_cast<int>(time)) : 0;
+            m_waited += TClock::now() - start;
+            if (events == 0) {
+                return TCOutcome::Failed("its reading takes too long");
+            }
+            const ssize_t n = events > 0 ? read(m_pipe.Get(), to, size) : -1;
+            if (n == 0) {
+                return TCOutcome::Failed("its reading was ended");
+            }
+            if (n < 0 && errno != EINTR) {
+                return TCOutcome::Failed(std::strerror(errno));
+            }
+            to += std::max<ssize_t>(n, 0);
+            size -= static_cast<size_t>(std::max<ssize_t>(n, 0));
+        }
+        return TCOutcome();
+    }
+
+    const TCDescriptor& m_pipe;
+    const TClock::time_point m_end;
+    TClock::duration m_waited = {};
+};
+
+// Why there are no more data, in the words of a report.
+std::string ReasonOf(const TSFrame& last, const TSReading& reading)
+{
+    switch (last.m_kind) {
+    case TSFrame::Failed:
+        return std::strerror(static_cast<int>(last.m_size));
+    case TSFrame::Foreign:
+        return "the agent must not read it for user " + std::to_string(reading.m_rights.m_user);
+    case TSFrame::NoFile:
+        return "it is no regular file";
+    case TSFrame::TooLarge:
+        return "it has " + std::to_string(last.m_number) + " bytes"
+               + ThereIsRoomFor(reading.m_room);
+    default:
+        return "its reading has failed";
+    }
+}
+
+TCOutcome Receive(TCFrames& frames, const TSReading& reading, TCCopy& copy, TSArtefact& copied)
+{
+    uint64_t written = 0;
+    uint64_t end = 0; // of what there is
+    TSFrame frame;
+    std::vector<char> data;
+    for (;;) {
+        const TCOutcome next = frames.Next(frame, data);
+        if (!next) {
+            return next;
+        }
+        if (frame.m_kind == TSFrame::End && frame.m_number >= end
+            && frame.m_number <= reading.m_longest) {
+            break;
+        }
+        if (frame.m_kind != TSFrame::Data || frame.m_number < end) {
+            return TCOutcome::Failed(ReasonOf(frame, reading));
+        }
+        written += data.size();
+        end = frame.m_number + data.size();
+        if (written > reading.m_room || end > reading.m_longest) {
+            return TCOutcome::Failed("it has more bytes than it tells of"
+                                     + ThereIsRoomFor(reading.m_room));
+        }
+        if (!copy.Write(data, frame.m_number)) {
+            return TCOutcome::Failed(std::strerror(errno));
+        }
+    }
+    if (!copy.Keep(frame.m_number)) {
+        return TCOutcome::Failed(std::strerror(errno));
+    }
+    copied = {frame.m_number, written};
+    return TCOutcome();
+}
+
+} // namespace
+
+TCOutcome TCArtefactCopier::Copy(const std::string& path, uid_t user,
+                                 const std::string& destination, uint64_t room, TSArtefact& copied)
+{
+    if (path.empty() || path[0] != '/') {
+        return TCOutcome::Failed("its path is not absolute");
+    }
+    const TClock::duration time = m_TimeFor(user);
+    if (time < kLeastTime || !m_HasEnded(user)) {
+        return TCOutcome::Failed("other files of user " + std::to_string(user)
+                                 + " have taken too long");
+    }
+    const uint64_t space = FreeSpace(boost::filesystem::path(destination).parent_path().string());
+    TSReading reading = {path, user == geteuid() ? TSRights{user, 0, {}} : RightsOf(user),
+                         std::min(room, space - std::min(space, kSpareRoom)), m_longest,
+                         std::chrono::seconds(kMostTime).count() + 1};
+
+    TCOutcome outcome;
+    {
+        const TCArtefactReader reader(reading);
+        if (reader.Id() < 0) {
+            return TCOutcome::Failed(std::strerror(errno));
+        }
+        m_readers[user] = reader.Id();
+        TCCopy copy(destination);
+        TCFrames frames(reader.Pipe(), TClock::now() + time);
+        outcome = copy.IsOpen() ? Receive(frames, reading, copy, copied)
+                                : TCOutcome::Failed(std::strerror(errno));
+        const auto counted = std::max<TClock::duration>(frames.Waited() - kUsualTime, 0s);
+        m_waited[user] = {kMostTime - time + counted, TClock::now()};
+    }
+    for (const auto end = TClock::now() + kEnd; !m_HasEnded(user) && TClock::now() < end;) {
+        std::this_thread::sleep_for(100us);
+    }
+    return outcome;
+}
+
+// How long the next file of a user may take.
+TCArtefactCopier::TClock::duration TCArtefactCopier::m_TimeFor(uid_t user)
+{
+    const auto waited = m_waited.find(user);
+    if (waited == m_waited.end()) {
+        return kMostTime;
+    }
+    const auto forgotten = (TClock::now() - waited->second.m_at) / kForgotten;
+    const auto left = waited->second.m_time - forgotten;
+    return kMostTime - std::max<TClock::duration>(left, 0s);
+}
+
+// A process that waits for a file system cannot be ended, and is not waited for.
+bool TCArtefactCopier::m_HasEnded(uid_t user)
+{
+    const auto reader = m_readers.find(user);
+    if (reader == m_readers.end()) {
+        return true;
+    }
+    const pid_t ended = waitpid(reader->second, nullptr, WNOHANG);
+    if (ended == 0 || (ended < 0 && errno == EINTR)) {
+        return false;
+    }
+    m_readers.erase(reader);
+    return true;
 }
 
 } // namespace agent

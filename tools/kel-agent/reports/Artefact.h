@@ -2,39 +2,60 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
+#include <map>
 #include <string>
+
+#include "common/Outcome.h"
 
 namespace kel {
 namespace agent {
 
-/// Whose rights a file is read with.
-struct TSRequester
+/// What was copied.
+struct TSArtefact
 {
-    uid_t m_user;
-    gid_t m_group;
+    uint64_t m_size;    // its length
+    uint64_t m_written; // without the holes, which the copy has, too
 };
 
-/// Gives up the supplementary groups of the calling thread, for good: what a group of the agent's
-/// may read is not for those whose rights CopyArtefact() takes.
-void LeaveGroups();
+/// Copies the files that applications want in their reports. Each is read by a process that has
+/// become the user who asks, so that nobody gets at another's file by way of the agent, and that
+/// may wait for a file system that never answers, so that the agent does not.
+///
+/// Threads: one at a time.
+class TCArtefactCopier
+{
+public:
+    /// @param longest  the length that no artefact may exceed, whatever its holes.
+    explicit TCArtefactCopier(uint64_t longest) : m_longest(longest) {}
 
-/// Copies the file that an application wants in its report.
-///
-/// It is read with the rights of whom asks, so that nobody gets at another's file by way of the
-/// agent, and only a regular file is opened: opening some devices has effects.
-///
-/// @param requester    the user must be the agent's own, unless the agent is privileged.
-/// @param destination  a path at which nothing is; there is nothing on failure either.
-/// @param room         in bytes.
-/// @param size         the copy's, on success; untouched otherwise.
-/// @param reason       replaced by one line on failure; untouched otherwise.
-/// @return true on success.
-///
-/// Threads: any; the rights are those of the calling thread alone, for the length of the call.
-bool CopyArtefact(const std::string& path, const TSRequester& requester,
-                  const std::string& destination, uint64_t room, uint64_t& size,
-                  std::string& reason);
+    /// Copies a regular file.
+    ///
+    /// @param user         must be the agent's own, unless the agent is privileged.
+    /// @param destination  a path at which nothing is; there is nothing on failure either.
+    /// @param room         in bytes; holes take none.
+    /// @param copied       set on success; untouched otherwise.
+    tools::TCOutcome Copy(const std::string& path, uid_t user, const std::string& destination,
+                          uint64_t room, TSArtefact& copied);
+
+private:
+    typedef std::chrono::steady_clock TClock;
+
+    /// The time that the agent has waited for a user's files; some of it is forgotten each second.
+    struct TSWaited
+    {
+        TClock::duration m_time;
+        TClock::time_point m_at;
+    };
+
+    TClock::duration m_TimeFor(uid_t user);
+    bool m_HasEnded(uid_t user);
+
+    const uint64_t m_longest;
+    std::map<uid_t, TSWaited> m_waited;
+    std::map<uid_t, pid_t> m_readers; // that were ended, and are not gone yet
+};
 
 } // namespace agent
 } // namespace kel

@@ -13,7 +13,6 @@
 #include <kel/KELFileSystem.h>
 
 #include "common/Text.h"
-#include "reports/Artefact.h"
 
 namespace kel {
 namespace agent {
@@ -76,8 +75,8 @@ void EndWithoutDestructors()
 
 TCReporter::TCReporter(IDbusServer& server, const std::string& stateDirectory,
                        const TCReportStore::TSLimits& limits)
-    : m_server(server),
-      m_store(stateDirectory, limits), m_kernelLog{TSKernelLog::EState::Late, "", false, 0}
+    : m_server(server), m_store(stateDirectory, limits),
+      m_copier(limits.m_bytes), m_kernelLog{TSKernelLog::EState::Late, "", false, 0}
 {}
 
 TCReporter::~TCReporter()
@@ -163,9 +162,10 @@ TCOutcome TCReporter::Report(const TSRequest& request)
         return TCOutcome::Failed(reason);
     }
     room -= kernelLog.size();
-    m_AddArtefact(draft, room, report);
+    uint64_t size = kernelLog.size();
+    m_AddArtefact(draft, room, report, size);
     const std::string text = Describe(report);
-    const uint64_t size = text.size() + kernelLog.size() + report.m_artefactSize.value_or(0);
+    size += text.size();
     if (!draft.Write(kReportFile, text, reason) || !draft.Finish(size, reason)) {
         return TCOutcome::Failed(reason);
     }
@@ -185,15 +185,21 @@ std::string TCReporter::m_KernelLog(uint64_t room, TSKernelLog& log) const
 }
 
 // A report without its artefact is better than none.
-void TCReporter::m_AddArtefact(const TCReportDraft& draft, uint64_t room, TSReport& report)
+void TCReporter::m_AddArtefact(const TCReportDraft& draft, uint64_t room, TSReport& report,
+                               uint64_t& size)
 {
     const TSRequest& request = report.m_request;
     report.m_noArtefact = request.m_noPath;
-    uint64_t size = 0;
-    if (request.m_uploadPath && request.m_user
-        && CopyArtefact(*request.m_uploadPath, {*request.m_user, request.m_group},
-                        draft.PathOf(kArtefactFile), room, size, report.m_noArtefact)) {
-        report.m_artefactSize = size;
+    if (request.m_uploadPath && request.m_user) {
+        TSArtefact artefact;
+        const TCOutcome copied = m_copier.Copy(*request.m_uploadPath, *request.m_user,
+                                               draft.PathOf(kArtefactFile), room, artefact);
+        if (copied) {
+            report.m_artefactSize = artefact.m_size;
+            size += artefact.m_written;
+        } else {
+            report.m_noArtefact = copied.Reason();
+        }
     }
     if (!report.m_noArtefact.empty()) {
         std::fprintf(stderr, "kel-agent: report %llu: artefact %s not copied: %s\n",

@@ -10,6 +10,7 @@
 
 #include "common/KernelLog.h"
 #include "common/Outcome.h"
+#include "reports/Artefact.h"
 #include "reports/LateResult.h"
 #include "reports/ReportStore.h"
 #include "reports/ReportText.h"
@@ -64,10 +65,11 @@ private:
 
     void m_TakeKernelLog(TSRead read);
     std::string m_KernelLog(uint64_t room, TSKernelLog& log) const;
-    void m_AddArtefact(const TCReportDraft& draft, uint64_t room, TSReport& report);
+    void m_AddArtefact(const TCReportDraft& draft, uint64_t room, TSReport& report, uint64_t& size);
 
     IDbusServer& m_server;
     TCReportStore m_store;
+    TCArtefactCopier m_copier;
     std::string m_newestStamp; // of the report that was the newest when the store was opened
 
     TCLateResult<TAnswers> m_question;

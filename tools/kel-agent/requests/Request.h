@@ -25,7 +25,6 @@ struct TSRequest
     std::optional<std::string> m_uploadPath;
     std::string m_noPath; // why there is none, when one was given
     std::optional<uid_t> m_user;
-    gid_t m_group = 0;
 
     timespec m_filed = {};
     std::string m_stamp; // tells it from all others, also from a later one of the same name

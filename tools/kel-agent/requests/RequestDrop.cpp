@@ -231,7 +231,6 @@ bool TCRequestDrop::m_Read(const std::string& name, TSRequest& request, std::str
     read.m_name = name;
     read.m_reboot = m_reboot;
     read.m_user = status.st_uid;
-    read.m_group = status.st_gid;
     read.m_filed = status.st_mtim;
     read.m_stamp = Stamp(status);
     const std::string content = ReadContent(file.Get());

@@ -1,0 +1,310 @@
+#include "reports/ArtefactReader.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <linux/capability.h>
+#include <pwd.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <iterator>
+
+namespace kel {
+namespace agent {
+
+namespace {
+
+constexpr gid_t kNobodysGroup = 65534;
+constexpr size_t kMostOfAnEntry = 1U << 20; // of the user database
+constexpr int kPipe = 0;                    // the reader's one descriptor
+
+// From here on to StartReader() all is for the reader: a process with one of the threads that the
+// agent has, so that nothing in it may take a lock or reserve memory.
+
+struct TSBlock
+{
+    TSFrame m_frame;
+    char m_data[kMostOfAFrame];
+};
+TSBlock block; // not on a stack of unknown size; each reader has its own
+
+[[noreturn]] void Say(TSFrame::EKind kind, uint64_t number = 0, size_t size = 0)
+{
+    const TSFrame last = {kind, static_cast<uint32_t>(size), number};
+    _exit(write(kPipe, &last, sizeof(last)) == sizeof(last) ? 0 : 1);
+}
+
+[[noreturn]] void SayFailed(int error) { Say(TSFrame::Failed, 0, static_cast<size_t>(error)); }
+
+// Sends what is in the block. Whoever does not want it ends the reader with SIGPIPE.
+void SendBlock(uint64_t offset, size_t size)
+{
+    block.m_frame = {TSFrame::Data, static_cast<uint32_t>(size), offset};
+    const char* next = reinterpret_cast<const char*>(&block);
+    const char* const end = block.m_data + size;
+    while (next < end) {
+        const ssize_t n = write(kPipe, next, static_cast<size_t>(end - next));
+        if (n < 0 && errno != EINTR) {
+            _exit(1);
+        }
+        next += std::max<ssize_t>(n, 0);
+    }
+}
+
+void CloseAllBut(int pipe)
+{
+    dup2(pipe, kPipe);
+#ifdef SYS_close_range
+    if (syscall(SYS_close_range, kPipe + 1U, ~0U, 0U) == 0) {
+        return;
+    }
+#endif
+    rlimit files = {};
+    getrlimit(RLIMIT_NOFILE, &files);
+    for (rlim_t file = kPipe + 1; file < files.rlim_cur; ++file) {
+        close(static_cast<int>(file));
+    }
+}
+
+void ForgetSignals()
+{
+    struct sigaction byDefault = {};
+    byDefault.sa_handler = SIG_DFL;
+    for (int signal = 1; signal < NSIG; ++signal) {
+        sigaction(signal, &byDefault, nullptr);
+    }
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+bool HasCapabilities()
+{
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3] = {};
+    return syscall(SYS_capget, &header, sets) != 0
+           || std::any_of(std::begin(sets), std::end(sets), [](const __user_cap_data_struct& set) {
+                  return (set.effective | set.permitted) != 0;
+              });
+}
+
+// For good. The agent's own user reads with the agent's rights.
+bool Become(const TSRights& rights)
+{
+    const uid_t user = rights.m_user;
+    return user == geteuid()
+           || (setgroups(rights.m_groups.size(), rights.m_groups.data()) == 0
+               && setresgid(rights.m_group, rights.m_group, rights.m_group) == 0
+               && setresuid(user, user, user) == 0 && !HasCapabilities());
+}
+
+void Limit(int resource, rlim_t most)
+{
+    const rlimit limit = {most, most};
+    setrlimit(static_cast<__rlimit_resource_t>(resource), &limit);
+}
+
+// Nobody else of the same user gets at its memory, which was the agent's, and it has no other life
+// than to read.
+void Confine(const TSReading& reading, pid_t agent)
+{
+    prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
+    prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+    prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0); // void when the user changes: so after that
+    if (getppid() != agent) {
+        _exit(1);
+    }
+    alarm(reading.m_time); // also where the agent must not kill it: it has no CAP_KILL
+    Limit(RLIMIT_CPU, reading.m_time);
+    Limit(RLIMIT_DATA, 0);
+    Limit(RLIMIT_CORE, 0);
+    Limit(RLIMIT_FSIZE, 0);
+    Limit(RLIMIT_NPROC, 0);
+}
+
+// A regular file alone: to open some devices has effects.
+int OpenFile(const char* path, struct stat& status)
+{
+    const int place = open(path, O_PATH | O_CLOEXEC); // without opening the file
+    if (place < 0 || fstat(place, &status) != 0) {
+        SayFailed(errno);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        Say(TSFrame::NoFile);
+    }
+    // The kernel has regular files that wait for content, when they are let. The place is the
+    // lowest free descriptor, for all others are closed.
+    const int file = open("/proc/self/fd/1", O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (file < 0) {
+        SayFailed(errno);
+    }
+    return file;
+}
+
+// The data from a place on, up to the next hole. Many a file knows of no holes, and many a file of
+// the kernel's of no size.
+struct TSExtent
+{
+    off_t m_begin;
+    off_t m_end;
+};
+constexpr off_t kNoEnd = INT64_MAX;
+
+// Nothing is there when it begins at the end of all.
+TSExtent NextExtent(int file, const struct stat& status, off_t from)
+{
+    if (status.st_size == 0) {
+        return {from, kNoEnd};
+    }
+    const off_t begin = lseek(file, from, SEEK_DATA);
+    if (begin < 0 && errno == ENXIO) {
+        return {kNoEnd, kNoEnd};
+    }
+    const off_t end = begin < from ? -1 : lseek(file, begin, SEEK_HOLE);
+    return end > begin ? TSExtent{begin, end} : TSExtent{from, kNoEnd};
+}
+
+// What is in there without the holes; the size where that is not known.
+uint64_t DataIn(int file, const struct stat& status)
+{
+    uint64_t data = 0;
+    off_t next = 0;
+    for (;;) {
+        const TSExtent extent = NextExtent(file, status, next);
+        if (extent.m_begin == kNoEnd) {
+            return data;
+        }
+        if (extent.m_end == kNoEnd) {
+            return static_cast<uint64_t>(status.st_size);
+        }
+        data += static_cast<uint64_t>(extent.m_end - extent.m_begin);
+        next = extent.m_end;
+    }
+}
+
+off_t LengthOf(int file)
+{
+    struct stat status;
+    if (fstat(file, &status) != 0) {
+        SayFailed(errno);
+    }
+    return status.st_size;
+}
+
+[[noreturn]] void Read(const TSReading& reading)
+{
+    struct stat status;
+    const int file = OpenFile(reading.m_path.c_str(), status);
+    const auto length = static_cast<uint64_t>(status.st_size);
+    if (length > reading.m_longest) {
+        Say(TSFrame::TooLarge, length);
+    }
+    const uint64_t data = length > reading.m_room ? DataIn(file, status) : 0;
+    if (data > reading.m_room) {
+        Say(TSFrame::TooLarge, data);
+    }
+    off_t next = 0;
+    for (;;) {
+        const TSExtent extent = NextExtent(file, status, next);
+        if (extent.m_begin == kNoEnd) {
+            Say(TSFrame::End, static_cast<uint64_t>(std::max(LengthOf(file), next)));
+        }
+        next = extent.m_begin;
+        while (next < extent.m_end) {
+            const auto size = std::min<off_t>(extent.m_end - next, sizeof(block.m_data));
+            const ssize_t n = pread(file, block.m_data, static_cast<size_t>(size), next);
+            if (n == 0) {
+                Say(TSFrame::End, static_cast<uint64_t>(next)); // it has become shorter
+            }
+            if (n > 0) {
+                SendBlock(static_cast<uint64_t>(next), static_cast<size_t>(n));
+                next += n;
+            } else if (errno != EINTR) {
+                SayFailed(errno);
+            }
+        }
+    }
+}
+
+[[noreturn]] void BeReader(const TSReading& reading, int pipe, pid_t agent)
+{
+    ForgetSignals();
+    CloseAllBut(pipe);
+    if (!Become(reading.m_rights)) {
+        Say(TSFrame::Foreign);
+    }
+    Confine(reading, agent);
+    Read(reading);
+}
+
+pid_t StartReader(const TSReading& reading, int pipe)
+{
+    // No handler of the agent's runs in the reader.
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    const pid_t agent = getpid();
+    const pid_t reader = fork();
+    if (reader == 0) {
+        BeReader(reading, pipe, agent);
+    }
+    const int error = errno;
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    errno = error;
+    return reader;
+}
+
+} // namespace
+
+TSRights RightsOf(uid_t user)
+{
+    TSRights rights = {user, kNobodysGroup, {}};
+    std::vector<char> text(1U << 10);
+    passwd entry;
+    passwd* found = nullptr;
+    while (getpwuid_r(user, &entry, text.data(), text.size(), &found) == ERANGE
+           && text.size() < kMostOfAnEntry) {
+        text.resize(2 * text.size());
+    }
+    if (found == nullptr) {
+        return rights;
+    }
+    rights.m_group = found->pw_gid;
+    int count = 32;
+    rights.m_groups.resize(static_cast<size_t>(count));
+    while (getgrouplist(found->pw_name, found->pw_gid, rights.m_groups.data(), &count) < 0
+           && static_cast<size_t>(count) > rights.m_groups.size()) {
+        rights.m_groups.resize(static_cast<size_t>(count));
+    }
+    rights.m_groups.resize(std::min(rights.m_groups.size(), static_cast<size_t>(count)));
+    return rights;
+}
+
+TCArtefactReader::TCArtefactReader(const TSReading& reading)
+{
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        return;
+    }
+    m_pipe.Reset(ends[0]);
+    const tools::TCDescriptor readers(ends[1]);
+    m_id = StartReader(reading, readers.Get());
+}
+
+TCArtefactReader::~TCArtefactReader()
+{
+    if (m_id > 0) {
+        kill(m_id, SIGKILL);
+    }
+}
+
+} // namespace agent
+} // namespace kel
