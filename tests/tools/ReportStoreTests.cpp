@@ -15,6 +15,7 @@ namespace kel::test {
 
 using agent::TCReportDraft;
 using agent::TCReportStore;
+using agent::TOwner;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -26,12 +27,11 @@ protected:
     ReportStore() : m_state(MakeDirectory()) {}
     ~ReportStore() override { std::filesystem::remove_all(m_state); }
 
-    // A report with a file of so many bytes.
-    bool Add(TCReportStore& store, size_t size)
+    // A report of a user, with a file of so many bytes.
+    static bool Add(TCReportStore& store, size_t size, const TOwner& owner = 0)
     {
-        TCReportDraft draft(store);
-        return draft.Begin(m_reason) && draft.Write("file", std::string(size, 'x'), m_reason)
-               && draft.Finish(size, m_reason);
+        TCReportDraft draft(store, owner);
+        return draft.Begin() && draft.Write("file", std::string(size, 'x')) && draft.Finish(size);
     }
 
     std::vector<std::string> Names() const
@@ -44,39 +44,37 @@ protected:
     }
 
     const std::string m_state;
-    std::string m_reason;
 };
 
 TEST_F(ReportStore, NumbersReportsAndGoesOnWhereTheLastOneStopped)
 {
     {
         TCReportStore store(m_state, {10, 1000});
-        ASSERT_TRUE(store.Open(m_reason)) << m_reason;
-        EXPECT_EQ(store.Newest(), "");
+        ASSERT_TRUE(store.Open());
         EXPECT_TRUE(Add(store, 1));
         EXPECT_TRUE(Add(store, 1));
     }
     TCReportStore store(m_state, {10, 1000});
-    ASSERT_TRUE(store.Open(m_reason)) << m_reason;
+    ASSERT_TRUE(store.Open());
     EXPECT_TRUE(Add(store, 1));
 
     EXPECT_THAT(Names(), UnorderedElementsAre("0000000001", "0000000002", "0000000003"));
-    EXPECT_EQ(store.Newest(), m_state + "/reports/0000000003");
+    const std::string newest = m_state + "/reports/0000000003";
     struct stat status = {};
-    ASSERT_EQ(stat((store.Newest() + "/file").c_str(), &status), 0);
+    ASSERT_EQ(stat((newest + "/file").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0600U);
-    ASSERT_EQ(stat(store.Newest().c_str(), &status), 0);
+    ASSERT_EQ(stat(newest.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0700U);
 }
 
 TEST_F(ReportStore, ADraftThatIsNotFinishedLeavesNothing)
 {
     TCReportStore store(m_state, {10, 1000});
-    ASSERT_TRUE(store.Open(m_reason)) << m_reason;
+    ASSERT_TRUE(store.Open());
     {
-        TCReportDraft draft(store);
-        ASSERT_TRUE(draft.Begin(m_reason)) << m_reason;
-        ASSERT_TRUE(draft.Write("file", "text", m_reason)) << m_reason;
+        TCReportDraft draft(store, 0);
+        ASSERT_TRUE(draft.Begin());
+        ASSERT_TRUE(draft.Write("file", "text"));
         EXPECT_THAT(Names(), ElementsAre(".new-0000000001"));
     }
     EXPECT_THAT(Names(), IsEmpty());
@@ -90,7 +88,7 @@ TEST_F(ReportStore, WhatAKilledAgentHasLeftIsRemovedAndWhatIsNoReportStays)
     }
     TCReportStore store(m_state, {1, 1000});
 
-    ASSERT_TRUE(store.Open(m_reason)) << m_reason;
+    ASSERT_TRUE(store.Open());
     EXPECT_THAT(Names(), UnorderedElementsAre("0000000004", "notes"));
 
     EXPECT_TRUE(Add(store, 1));
@@ -100,7 +98,7 @@ TEST_F(ReportStore, WhatAKilledAgentHasLeftIsRemovedAndWhatIsNoReportStays)
 TEST_F(ReportStore, TheOldestGiveWayToANewOne)
 {
     TCReportStore store(m_state, {3, 1000});
-    ASSERT_TRUE(store.Open(m_reason)) << m_reason;
+    ASSERT_TRUE(store.Open());
     for (int i = 0; i < 4; ++i) {
         EXPECT_TRUE(Add(store, 100));
     }
@@ -118,16 +116,59 @@ TEST_F(ReportStore, SmallerLimitsHoldFromTheStartOn)
 {
     {
         TCReportStore store(m_state, {10, 1000});
-        ASSERT_TRUE(store.Open(m_reason)) << m_reason;
+        ASSERT_TRUE(store.Open());
         for (int i = 0; i < 5; ++i) {
             EXPECT_TRUE(Add(store, 100));
         }
     }
     TCReportStore store(m_state, {10, 250});
 
-    ASSERT_TRUE(store.Open(m_reason)) << m_reason;
+    ASSERT_TRUE(store.Open());
 
     EXPECT_THAT(Names(), UnorderedElementsAre("0000000004", "0000000005"));
+}
+
+TEST_F(ReportStore, TellsWhomTheNewestIsOfAsFarAsItsTextDoes)
+{
+    constexpr const char* texts[] = {
+        R"({"request": {"user": 7, "stamp": "a stamp"}})",
+        R"({"request": {"user": -7, "stamp": 7}})",
+        R"({"request": {"user": 4294967296}})",
+        R"({"request": []})",
+        "[1]",
+        "no JSON",
+    };
+    TCReportStore store(m_state, {10, 1 << 20});
+    ASSERT_TRUE(store.Open());
+    EXPECT_EQ(store.Newest().m_stamp, "");
+
+    for (const char* const text : texts) {
+        TCReportDraft draft(store, 7);
+        ASSERT_TRUE(draft.Begin() && draft.Write("report.json", text) && draft.Finish(1));
+
+        const agent::TSOrigin origin = store.Newest();
+        EXPECT_EQ(origin.m_stamp, text == texts[0] ? "a stamp" : "") << text;
+        EXPECT_EQ(origin.m_user, text == texts[0] ? TOwner(7) : std::nullopt) << text;
+    }
+}
+
+TEST_F(ReportStore, KnowsWhoseReportsAnEarlierAgentHasMadeAndHowMuchTheyHaveWritten)
+{
+    for (const char* const name : {"0000000001", "0000000002", "0000000003"}) {
+        const std::string report = m_state + "/reports/" + name;
+        std::filesystem::create_directories(report);
+        std::ofstream(report + "/report.json")
+            << R"({"request": {"user": )" << (name[9] == '1' ? "1000" : "2000") << "}}";
+        std::ofstream(report + "/artefact").flush();
+        std::filesystem::resize_file(report + "/artefact", 1 << 20); // a hole
+    }
+    TCReportStore store(m_state, {3, 100000});
+
+    ASSERT_TRUE(store.Open());
+    EXPECT_TRUE(Add(store, 1, 3000));
+
+    EXPECT_THAT(Names(), UnorderedElementsAre("0000000001", "0000000003", "0000000004"))
+        << "nothing is dropped for holes, and of two users that with two gives one";
 }
 
 TEST_F(ReportStore, OneAgentAtATimeHasIt)
@@ -135,27 +176,26 @@ TEST_F(ReportStore, OneAgentAtATimeHasIt)
     TCReportStore other(m_state, {10, 1000});
     {
         TCReportStore store(m_state, {10, 1000});
-        ASSERT_TRUE(store.Open(m_reason)) << m_reason;
+        ASSERT_TRUE(store.Open());
 
-        EXPECT_FALSE(other.Open(m_reason));
-        EXPECT_EQ(m_reason, m_state + "/reports: another agent uses it");
+        EXPECT_EQ(other.Open().Reason(), m_state + "/reports: another agent uses it");
     }
-    EXPECT_TRUE(other.Open(m_reason));
+    EXPECT_TRUE(other.Open());
 }
 
 TEST_F(ReportStore, IsMadeAnewWhereItWasRemoved)
 {
     TCReportStore store(m_state, {10, 1000});
-    ASSERT_TRUE(store.Open(m_reason)) << m_reason;
+    ASSERT_TRUE(store.Open());
     EXPECT_TRUE(Add(store, 1));
     std::filesystem::remove_all(m_state);
 
-    EXPECT_FALSE(store.Open(m_reason)) << "the state directory is not the agent's to make";
-    EXPECT_THAT(m_reason, HasSubstr("No such file or directory"));
+    EXPECT_THAT(store.Open().Reason(), HasSubstr("No such file or directory"))
+        << "the state directory is not the agent's to make";
     EXPECT_FALSE(Add(store, 1));
 
     std::filesystem::create_directory(m_state);
-    ASSERT_TRUE(store.Open(m_reason)) << m_reason;
+    ASSERT_TRUE(store.Open());
     EXPECT_TRUE(Add(store, 1));
     EXPECT_THAT(Names(), ElementsAre("0000000001"));
 }

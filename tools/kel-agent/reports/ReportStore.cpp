@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 #include <vector>
 
 #include <kel/KELFileSystem.h>
@@ -17,6 +18,8 @@ namespace kel {
 namespace agent {
 
 using tools::ListNames;
+using tools::TCDescriptor;
+using tools::TCOutcome;
 using tools::WriteNewFile;
 
 namespace {
@@ -25,6 +28,8 @@ constexpr char kReports[] = "/reports";
 constexpr mode_t kMode = 0700;
 constexpr mode_t kFileMode = 0600;
 constexpr size_t kDigits = 10;
+constexpr size_t kMostOfAText = 64U << 10; // of a report.json: ours are smaller
+constexpr uint64_t kBlock = 512;           // what st_blocks counts
 // Names that no report has, for what is being made and for what is being removed.
 constexpr char kNew[] = ".new-";
 constexpr char kOld[] = ".old-";
@@ -47,54 +52,94 @@ bool IsUnfinished(const std::string& name)
     return name.rfind(kNew, 0) == 0 || name.rfind(kOld, 0) == 0;
 }
 
-uint64_t SizeOf(const std::string& directory)
+// What was written, without holes.
+uint64_t SizeOf(int directory)
 {
-    try {
-        // What is larger than the library's result can tell is an artefact that nobody copies.
-        return static_cast<uint32_t>(TSFileSystem::GetDirSize(directory));
-    } catch (const boost::filesystem::filesystem_error&) {
-        return 0; // somebody removes it
+    std::vector<std::string> names;
+    ListNames(directory, names);
+    uint64_t size = 0;
+    for (const std::string& name : names) {
+        struct stat status;
+        if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+            size += std::min(static_cast<uint64_t>(status.st_size),
+                             static_cast<uint64_t>(status.st_blocks) * kBlock);
+        }
     }
+    return size;
+}
+
+TSOrigin OriginOf(int directory)
+{
+    const TCDescriptor file(
+        openat(directory, kReportFile, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    std::string text(kMostOfAText, '\0');
+    size_t size = 0;
+    ssize_t n = 1;
+    while (n > 0 && size < text.size()) {
+        n = read(file.Get(), &text[size], text.size() - size);
+        size += n > 0 ? static_cast<size_t>(n) : 0;
+    }
+    text.resize(size);
+    return OriginIn(text);
+}
+
+TCDescriptor OpenDirectory(const std::string& path)
+{
+    return TCDescriptor(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+TCOutcome FailedAt(const std::string& path)
+{
+    return TCOutcome::Failed(path + ": " + std::strerror(errno));
 }
 
 } // namespace
 
 TCReportStore::TCReportStore(const std::string& stateDirectory, const TSLimits& limits)
-    : m_limits(limits), m_directory(stateDirectory + kReports, kMode, TCOwnDirectory::EMode::Kept)
+    : m_directory(stateDirectory + kReports, kMode, TCOwnDirectory::EMode::Kept), m_shares(limits)
 {}
 
-bool TCReportStore::Open(std::string& reason)
+TCOutcome TCReportStore::Open()
 {
     std::string why;
-    std::vector<std::string> names;
-    bool open = m_directory.Open(why) && m_directory.Lock(why);
-    if (open && !ListNames(m_directory.Get(), names)) {
-        why = std::strerror(errno);
-        open = false;
+    if (!m_directory.Open(why) || !m_directory.Lock(why)) {
+        return TCOutcome::Failed(m_directory.Path() + ": " + why);
     }
-    if (!open) {
-        reason = m_directory.Path() + ": " + why;
-        return false;
+    std::vector<std::string> names;
+    if (!ListNames(m_directory.Get(), names)) {
+        return FailedAt(m_directory.Path());
     }
 
-    std::map<uint64_t, uint64_t> sizes;
+    std::set<uint64_t> gone = m_shares.Ids();
     for (const std::string& name : names) {
         if (IsUnfinished(name)) {
             TSFileSystem::RemoveFolder(m_directory.Path() + "/" + name);
         } else if (IsReport(name)) {
             const uint64_t id = std::strtoull(name.c_str(), nullptr, 10);
-            const auto known = m_sizes.find(id);
-            sizes[id] = known != m_sizes.end() ? known->second : SizeOf(m_PathOf(id));
+            gone.erase(id);
+            m_Learn(id);
         }
     }
-    m_sizes.swap(sizes);
-    m_MakeRoom(0, 0);
-    return true;
+    for (const uint64_t id : gone) {
+        m_shares.Remove(id);
+    }
+    m_MakeRoom(std::nullopt);
+    return TCOutcome();
 }
 
-std::string TCReportStore::Newest() const
+TSOrigin TCReportStore::Newest() const
 {
-    return m_sizes.empty() ? "" : m_PathOf(m_sizes.rbegin()->first);
+    const uint64_t id = m_shares.NewestId();
+    return id == 0 ? TSOrigin() : OriginOf(OpenDirectory(m_PathOf(id)).Get());
+}
+
+// Of one that another agent has made, or this one in an earlier life.
+void TCReportStore::m_Learn(uint64_t id)
+{
+    if (!m_shares.Has(id)) {
+        const TCDescriptor directory = OpenDirectory(m_PathOf(id));
+        m_shares.Add(id, OriginOf(directory.Get()).m_user, SizeOf(directory.Get()));
+    }
 }
 
 std::string TCReportStore::m_PathOf(uint64_t id) const
@@ -102,22 +147,13 @@ std::string TCReportStore::m_PathOf(uint64_t id) const
     return m_directory.Path() + "/" + Name(id);
 }
 
-void TCReportStore::m_MakeRoom(size_t reports, uint64_t bytes)
+void TCReportStore::m_MakeRoom(const std::optional<TCShares::TSNew>& added)
 {
-    uint64_t total = bytes;
-    for (const auto& [id, size] : m_sizes) {
-        total += size;
-    }
-    while (!m_sizes.empty()) {
-        const bool tooMany = m_sizes.size() + reports > m_limits.m_reports;
-        if (!tooMany && total <= m_limits.m_bytes) {
-            return;
-        }
-        const auto oldest = m_sizes.begin();
-        total -= oldest->second;
-        m_Drop(oldest->first, tooMany ? std::to_string(m_limits.m_reports) + " reports"
-                                      : std::to_string(m_limits.m_bytes) + " bytes");
-        m_sizes.erase(oldest);
+    const TSLimits& limits = m_shares.Limits();
+    while (const auto id = m_shares.NextToGo(added)) {
+        m_Drop(*id, m_shares.AreTooMany(added) ? std::to_string(limits.m_reports) + " reports"
+                                               : std::to_string(limits.m_bytes) + " bytes");
+        m_shares.Remove(*id);
     }
 }
 
@@ -135,8 +171,8 @@ void TCReportStore::m_Drop(uint64_t id, const std::string& reason)
     }
 }
 
-TCReportDraft::TCReportDraft(TCReportStore& store)
-    : m_store(store), m_id(store.m_sizes.empty() ? 1 : store.m_sizes.rbegin()->first + 1),
+TCReportDraft::TCReportDraft(TCReportStore& store, const TOwner& owner)
+    : m_store(store), m_owner(owner), m_id(store.m_shares.NewestId() + 1),
       m_path(store.m_directory.Path() + "/" + kNew + Name(m_id))
 {}
 
@@ -147,46 +183,34 @@ TCReportDraft::~TCReportDraft()
     }
 }
 
-bool TCReportDraft::Begin(std::string& reason)
+TCOutcome TCReportDraft::Begin()
 {
     if (mkdir(m_path.c_str(), kMode) == 0) {
-        m_directory.Reset(open(m_path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        m_directory = OpenDirectory(m_path);
     }
-    if (!m_directory.IsOpen()) {
-        reason = m_path + ": " + std::strerror(errno);
-        return false;
-    }
-    return true;
+    return m_directory.IsOpen() ? TCOutcome() : FailedAt(m_path);
 }
 
-bool TCReportDraft::Write(const std::string& file, const std::string& text, std::string& reason)
+TCOutcome TCReportDraft::Write(const std::string& file, const std::string& text)
 {
-    if (!WriteNewFile(m_directory.Get(), file, text, kFileMode)) {
-        reason = PathOf(file) + ": " + std::strerror(errno);
-        return false;
-    }
-    return true;
+    return WriteNewFile(m_directory.Get(), file, text, kFileMode) ? TCOutcome()
+                                                                  : FailedAt(PathOf(file));
 }
 
-bool TCReportDraft::Finish(uint64_t size, std::string& reason)
+TCOutcome TCReportDraft::Finish(uint64_t size)
 {
     const int reports = m_store.m_directory.Get();
     const std::string name = Name(m_id);
     if (fsync(m_directory.Get()) != 0) {
-        reason = m_path + ": " + std::strerror(errno);
-        return false;
+        return FailedAt(m_path);
     }
-    m_store.m_MakeRoom(1, size);
-    bool done = renameat(reports, (kNew + name).c_str(), reports, name.c_str()) == 0;
-    if (done) {
-        m_store.m_sizes[m_id] = size;
-        m_directory.Reset();
-        done = fsync(reports) == 0;
+    m_store.m_MakeRoom(TCShares::TSNew{m_owner, size});
+    if (renameat(reports, (kNew + name).c_str(), reports, name.c_str()) != 0) {
+        return FailedAt(m_store.m_PathOf(m_id));
     }
-    if (!done) {
-        reason = m_store.m_PathOf(m_id) + ": " + std::strerror(errno);
-    }
-    return done;
+    m_store.m_shares.Add(m_id, m_owner, size);
+    m_directory.Reset();
+    return fsync(reports) == 0 ? TCOutcome() : FailedAt(m_store.m_PathOf(m_id));
 }
 
 } // namespace agent

@@ -1,10 +1,12 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
 
 #include "OwnDirectory.h"
+#include "common/Outcome.h"
+#include "reports/ReportText.h"
+#include "reports/Shares.h"
 
 namespace kel {
 namespace agent {
@@ -17,39 +19,34 @@ namespace agent {
 class TCReportStore
 {
 public:
-    struct TSLimits
-    {
-        size_t m_reports;
-        uint64_t m_bytes;
-    };
+    typedef TCShares::TSLimits TSLimits; // bytes are those that are written: holes take none
 
     TCReportStore(const std::string& stateDirectory, const TSLimits& limits);
 
     /// Looks at the directory as it is now: makes a missing one, removes what a killed agent has
-    /// left unfinished, and drops the oldest reports beyond the limits. Only one agent at a time
-    /// has it, until Close().
-    ///
-    /// @param reason  replaced by one line on failure; untouched otherwise.
-    bool Open(std::string& reason);
+    /// left unfinished, and drops reports beyond the limits. Only one agent at a time has it, until
+    /// Close().
+    tools::TCOutcome Open();
 
     /// Lets other agents have it.
     void Close() { m_directory.Unlock(); }
 
-    const TSLimits& Limits() const { return m_limits; }
+    /// Who holds how much.
+    const TCShares& Shares() const { return m_shares; }
 
-    /// The directory of the newest report; empty when there is none.
-    std::string Newest() const;
+    /// Whom the newest report is of, and its stamp; nothing when there is none.
+    TSOrigin Newest() const;
 
 private:
     friend class TCReportDraft;
 
     std::string m_PathOf(uint64_t id) const;
-    void m_MakeRoom(size_t reports, uint64_t bytes);
+    void m_Learn(uint64_t id);
+    void m_MakeRoom(const std::optional<TCShares::TSNew>& added);
     void m_Drop(uint64_t id, const std::string& reason);
 
-    const TSLimits m_limits;
     TCOwnDirectory m_directory;
-    std::map<uint64_t, uint64_t> m_sizes; // of the reports, in bytes
+    TCShares m_shares;
 };
 
 /// A report in the making. It is gone with this object, unless it has become one.
@@ -57,15 +54,13 @@ class TCReportDraft
 {
 public:
     /// @param store  open; outlives this object.
-    explicit TCReportDraft(TCReportStore& store);
+    TCReportDraft(TCReportStore& store, const TOwner& owner);
     ~TCReportDraft();
     TCReportDraft(const TCReportDraft&) = delete;
     TCReportDraft& operator=(const TCReportDraft&) = delete;
 
     /// Makes its directory.
-    ///
-    /// @param reason  here and below: replaced by one line on failure; untouched otherwise.
-    bool Begin(std::string& reason);
+    tools::TCOutcome Begin();
 
     uint64_t Id() const { return m_id; }
 
@@ -73,18 +68,19 @@ public:
     std::string PathOf(const std::string& file) const { return m_path + "/" + file; }
 
     /// Adds a file.
-    bool Write(const std::string& file, const std::string& text, std::string& reason);
+    tools::TCOutcome Write(const std::string& file, const std::string& text);
 
-    /// Makes it a report that survives a power cut; the oldest ones are dropped for it.
+    /// Makes it a report that survives a power cut; others are dropped for it.
     ///
     /// @param size  that of its files, in bytes.
-    bool Finish(uint64_t size, std::string& reason);
+    tools::TCOutcome Finish(uint64_t size);
 
 private:
     TCReportStore& m_store;
+    const TOwner m_owner;
     const uint64_t m_id;
     const std::string m_path;
-    tools::TCDescriptor m_directory;
+    tools::TCDescriptor m_directory; // open from Begin() on, until it is a report
 };
 
 } // namespace agent

@@ -131,12 +131,23 @@ std::string Describe(const TSReport& report)
     return text.dump(kIndent, ' ', false, TJson::error_handler_t::replace) + "\n";
 }
 
-std::string StampIn(const std::string& text)
+TSOrigin OriginIn(const std::string& text)
 {
     const TJson report = TJson::parse(text, nullptr, false);
-    const auto stamp = TJson::json_pointer("/request/stamp");
-    return report.contains(stamp) && report[stamp].is_string() ? report[stamp].get<std::string>()
-                                                               : std::string();
+    const auto request = report.is_object() ? report.find("request") : report.end();
+    TSOrigin origin;
+    if (request == report.end() || !request->is_object()) {
+        return origin;
+    }
+    const auto stamp = request->find("stamp");
+    if (stamp != request->end() && stamp->is_string()) {
+        origin.m_stamp = stamp->get<std::string>();
+    }
+    const auto user = request->find("user");
+    if (user != request->end() && user->is_number_unsigned() && *user <= UINT32_MAX) {
+        origin.m_user = user->get<uid_t>();
+    }
+    return origin;
 }
 
 } // namespace agent

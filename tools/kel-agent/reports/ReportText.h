@@ -47,8 +47,15 @@ constexpr char kKernelLogFile[] = "kernel.log";
 /// Bytes of names that are not UTF-8 are replaced.
 std::string Describe(const TSReport& report);
 
-/// The stamp of the request in such a text; empty when it has none.
-std::string StampIn(const std::string& text);
+/// What such a text tells of its request.
+struct TSOrigin
+{
+    std::string m_stamp;
+    std::optional<uid_t> m_user;
+};
+
+/// Each is empty when the text does not tell it.
+TSOrigin OriginIn(const std::string& text);
 
 } // namespace agent
 } // namespace kel

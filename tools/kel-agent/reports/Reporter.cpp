@@ -10,7 +10,6 @@
 #include <iterator>
 
 #include <kel/ICallbacks.h>
-#include <kel/KELFileSystem.h>
 
 #include "common/Text.h"
 
@@ -31,15 +30,6 @@ constexpr auto kPatience = 1s;       // with the applications and the kernel log
 constexpr uint64_t kTextRoom = 48U << 10;
 constexpr uint64_t kKernelLogShare = 4;
 constexpr size_t kMostKernelLines = 4096;
-
-std::string ReadReport(const std::string& directory)
-{
-    std::vector<unsigned char> text;
-    if (directory.empty() || !TSFileSystem::GetFileContents(directory + "/" + kReportFile, text)) {
-        return "";
-    }
-    return {text.begin(), text.end()};
-}
 
 // The newest lines that fit.
 std::string Join(const std::vector<std::string>& lines, uint64_t room, size_t& count)
@@ -90,13 +80,12 @@ TCReporter::~TCReporter()
 
 TCOutcome TCReporter::Open()
 {
-    std::string reason;
-    if (!m_store.Open(reason)) {
-        return TCOutcome::Failed(reason);
+    TCOutcome opened = m_store.Open();
+    if (opened) {
+        // A killed agent may have got as far as that, and no further.
+        m_newestStamp = m_store.Newest().m_stamp;
     }
-    // A killed agent may have got as far as that, and no further.
-    m_newestStamp = StampIn(ReadReport(m_store.Newest()));
-    return TCOutcome();
+    return opened;
 }
 
 void TCReporter::Gather()
@@ -148,26 +137,25 @@ void TCReporter::m_TakeKernelLog(TSRead read)
 
 TCOutcome TCReporter::Report(const TSRequest& request)
 {
-    std::string reason;
-    TCReportDraft draft(m_store);
-    if (!draft.Begin(reason)) {
-        return TCOutcome::Failed(reason);
+    TCReportDraft draft(m_store, request.m_user);
+    if (TCOutcome begun = draft.Begin(); !begun) {
+        return begun;
     }
     TSReport report = {draft.Id(), {}, request, {}, "", m_applications, m_kernelLog};
     clock_gettime(CLOCK_REALTIME, &report.m_time);
-    uint64_t room = m_store.Limits().m_bytes - kTextRoom;
-
-    const std::string kernelLog = m_KernelLog(room / kKernelLogShare, report.m_kernelLog);
-    if (!kernelLog.empty() && !draft.Write(kKernelLogFile, kernelLog, reason)) {
-        return TCOutcome::Failed(reason);
+    uint64_t size = 0;
+    if (TCOutcome added = m_AddKernelLog(draft, report, size); !added) {
+        return added;
     }
-    room -= kernelLog.size();
-    uint64_t size = kernelLog.size();
-    m_AddArtefact(draft, room, report, size);
+    const uint64_t taken = kTextRoom + size;
+    const uint64_t room = m_store.Shares().RoomFor(request.m_user);
+    m_AddArtefact(draft, room - std::min(room, taken), report, size);
     const std::string text = Describe(report);
-    size += text.size();
-    if (!draft.Write(kReportFile, text, reason) || !draft.Finish(size, reason)) {
-        return TCOutcome::Failed(reason);
+    if (TCOutcome written = draft.Write(kReportFile, text); !written) {
+        return written;
+    }
+    if (TCOutcome finished = draft.Finish(size + text.size()); !finished) {
+        return finished;
     }
     m_kernelLines.clear();
     m_kernelLog.m_gap = false;
@@ -177,11 +165,14 @@ TCOutcome TCReporter::Report(const TSRequest& request)
     return TCOutcome();
 }
 
-std::string TCReporter::m_KernelLog(uint64_t room, TSKernelLog& log) const
+TCOutcome TCReporter::m_AddKernelLog(TCReportDraft& draft, TSReport& report, uint64_t& size)
 {
-    std::string text = Join(m_kernelLines, room, log.m_lines);
+    const uint64_t room = (m_store.Shares().Limits().m_bytes - kTextRoom) / kKernelLogShare;
+    TSKernelLog& log = report.m_kernelLog;
+    const std::string text = Join(m_kernelLines, room, log.m_lines);
     log.m_gap = log.m_gap || log.m_lines < m_kernelLines.size();
-    return text;
+    size += text.size();
+    return log.m_lines > 0 ? draft.Write(kKernelLogFile, text) : TCOutcome();
 }
 
 // A report without its artefact is better than none.

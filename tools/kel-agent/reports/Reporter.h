@@ -64,7 +64,7 @@ private:
     };
 
     void m_TakeKernelLog(TSRead read);
-    std::string m_KernelLog(uint64_t room, TSKernelLog& log) const;
+    tools::TCOutcome m_AddKernelLog(TCReportDraft& draft, TSReport& report, uint64_t& size);
     void m_AddArtefact(const TCReportDraft& draft, uint64_t room, TSReport& report, uint64_t& size);
 
     IDbusServer& m_server;
