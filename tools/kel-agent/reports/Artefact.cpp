@@ -231,7 +231,10 @@ TCOutcome TCArtefactCopier::Copy(const std::string& path, uid_t user,
         outcome = copy.IsOpen() ? Receive(frames, reading, copy, copied)
                                 : TCOutcome::Failed(std::strerror(errno));
         const auto counted = std::max<TClock::duration>(frames.Waited() - kUsualTime, 0s);
-        m_waited[user] = {kMostTime - time + counted, TClock::now()};
+        m_waited.erase(user);
+        if (kMostTime - time + counted > 0s) {
+            m_waited[user] = {kMostTime - time + counted, TClock::now()};
+        }
     }
     for (const auto end = TClock::now() + kEnd; !m_HasEnded(user) && TClock::now() < end;) {
         std::this_thread::sleep_for(100us);
