@@ -149,7 +149,7 @@ TEST_F(LateAnswers, ReportsDoNotWaitForABusyDevice)
     const auto start = std::chrono::steady_clock::now();
     const TSReport report = Collect(agent, "main");
 
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
     EXPECT_EQ(report["/kernel-log/state"],
               report["/kernel-log/lines"] == "0" ? "late" : "complete");
 }
