@@ -59,7 +59,7 @@ TEST_F(SetPolicyRoad, AMalformedPolicyIsRefusedAndTheStoredOneStays)
     EXPECT_EQ(set.m_output, "1 (not well-formed)\n");
     EXPECT_EQ(set.m_errorOutput, "kelctl: the agent refused the policy: not well-formed\n");
     EXPECT_EQ(StoredPolicy(), "<good/>");
-    EXPECT_THAT(AgentLog(), HasSubstr(" bytes refused: Error on line "));
+    EXPECT_THAT(AgentLog(), HasSubstr(" bytes refused: line "));
 }
 
 TEST_F(SetPolicyRoad, AnAgentThatWasKilledIsStartedAgain)
@@ -91,13 +91,18 @@ TEST_F(SetPolicyRoad, WithoutADirectoryItIsNotStoredUntilThereIsOne)
     EXPECT_EQ(SetPolicy("<policy/>").m_exit, 0);
 }
 
-TEST_F(SetPolicyRoad, FourMebibytesAreAPolicy)
+TEST_F(SetPolicyRoad, AMebibyteIsAPolicyAndMoreIsTooLarge)
 {
-    const std::string policy = "<policy>" + std::string(4 << 20, 'x') + "</policy>";
+    const std::string policy = "<policy>" + std::string((1 << 20) - 17, 'x') + "</policy>";
 
     const TSFinished set = SetPolicy(policy);
+    const TSFinished larger = SetPolicy(policy + "\n");
 
     EXPECT_EQ(set.m_exit, 0) << Text(set);
+    EXPECT_EQ(larger.m_exit, 1) << Text(larger);
+    EXPECT_EQ(larger.m_output, "3 (too large or too deep)\n");
+    EXPECT_EQ(larger.m_errorOutput,
+              "kelctl: the agent refused the policy: too large or too deep\n");
     EXPECT_TRUE(StoredPolicy() == policy);
 }
 

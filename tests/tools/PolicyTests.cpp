@@ -12,6 +12,7 @@
 
 #include <gmock/gmock.h>
 
+#include "common/Text.h"
 #include "policy/PolicyArchive.h"
 #include "policy/PolicyStore.h"
 #include "policy/PolicyText.h"
@@ -20,6 +21,8 @@
 
 namespace kel::test {
 
+using agent::EPolicyArchive;
+using agent::EPolicyText;
 using agent::TCPolicyStore;
 using agent::TSPolicyArchive;
 using agent::TSPolicyText;
@@ -31,6 +34,7 @@ namespace {
 typedef std::vector<unsigned char> TBytes;
 
 constexpr char kUntouched[] = "untouched";
+constexpr size_t kMost = 8 << 20;
 
 // The process's peak of memory, in KiB.
 long PeakMemory()
@@ -43,18 +47,55 @@ long PeakMemory()
 MATCHER(IsRefused, "")
 {
     std::string policy = kUntouched;
-    return !TSPolicyArchive::Read(arg, policy) && policy == kUntouched;
+    return TSPolicyArchive::Read(arg, kMost, policy) == EPolicyArchive::NoPolicy
+           && policy == kUntouched;
+}
+
+// A reason is one short line, and there is one unless the text is well-formed.
+EPolicyText Verdict(const std::string& text)
+{
+    std::string reason = kUntouched;
+    const EPolicyText verdict = TSPolicyText::Judge(text, reason);
+    EXPECT_EQ(verdict == EPolicyText::WellFormed, reason == kUntouched);
+    EXPECT_FALSE(reason.empty());
+    EXPECT_LE(reason.size(), 200U) << reason;
+    EXPECT_EQ(reason, tools::Printable(reason));
+    return verdict;
 }
 
 MATCHER(IsWellFormed, "")
 {
-    std::string reason = kUntouched;
-    const bool wellFormed = TSPolicyText::IsWellFormed(arg, reason);
-    *result_listener << "reason: " << reason;
-    const bool oneLine = !reason.empty() && reason.find('\n') == std::string::npos;
-    EXPECT_EQ(wellFormed, reason == kUntouched);
-    EXPECT_TRUE(oneLine) << reason;
-    return wellFormed;
+    const EPolicyText verdict = Verdict(arg);
+    EXPECT_NE(verdict, EPolicyText::TooLarge);
+    return verdict == EPolicyText::WellFormed;
+}
+
+std::string Nested(size_t depth)
+{
+    std::string text;
+    for (size_t i = 0; i < depth; ++i) {
+        text += "<a>";
+    }
+    for (size_t i = 0; i < depth; ++i) {
+        text += "</a>";
+    }
+    return text;
+}
+
+std::string OfSize(size_t size) { return "<a>" + std::string(size - 7, 'x') + "</a>"; }
+
+// Each entity is made of the one before, which is an "e" of how it is used.
+std::string EntitiesOfEntities(size_t count, const char* use, const std::string& last)
+{
+    std::string text = "<!DOCTYPE a [<!ENTITY e0 \"" + last + "\">";
+    for (size_t i = 0; i < count; ++i) {
+        std::string value;
+        for (const char* c = use; *c != '\0'; ++c) {
+            value += *c == 'e' ? "&e" + std::to_string(i) + ";" : std::string(1, *c);
+        }
+        text += "<!ENTITY e" + std::to_string(i + 1) + " \"" + value + "\">";
+    }
+    return text + "]><a>&e" + std::to_string(count) + ";</a>";
 }
 
 } // namespace
@@ -65,7 +106,7 @@ TEST(PolicyArchive, ReadsTheStringThatTheArchiveLibraryWrote)
                                     std::string(4 << 20, 'x')}) {
         std::string policy = kUntouched;
 
-        EXPECT_TRUE(TSPolicyArchive::Read(ArchiveOf(text), policy));
+        EXPECT_EQ(TSPolicyArchive::Read(ArchiveOf(text), kMost, policy), EPolicyArchive::Policy);
 
         EXPECT_EQ(policy, text);
     }
@@ -80,6 +121,19 @@ TEST(PolicyArchive, WritesTheIntThatTheArchiveLibraryReads)
 
         EXPECT_EQ(archive, ArchiveOf(answer));
     }
+}
+
+TEST(PolicyArchive, OfAStringThatIsTooLongNothingIsCopied)
+{
+    const TBytes archive = ArchiveOf(std::string(kMost + 1, 'x'));
+    std::string policy = kUntouched;
+    const long before = PeakMemory();
+
+    EXPECT_EQ(TSPolicyArchive::Read(archive, kMost, policy), EPolicyArchive::TooLarge);
+
+    EXPECT_EQ(policy, kUntouched);
+    EXPECT_LT(PeakMemory() - before, 4 << 10);
+    EXPECT_EQ(TSPolicyArchive::Read(archive, kMost + 1, policy), EPolicyArchive::Policy);
 }
 
 TEST(PolicyArchive, RefusesEveryPartOfAnArchive)
@@ -194,6 +248,73 @@ TEST(PolicyText, ControlCharactersAreRefusedWhereverTheyStand)
     EXPECT_THAT("<a>\x01</a>", Not(IsWellFormed()));
     EXPECT_THAT("<a>&#1;</a>", Not(IsWellFormed()));
     EXPECT_THAT("<a b='&#x1f;'/>", Not(IsWellFormed()));
+}
+
+TEST(PolicyText, IsUtf8WhateverItDeclares)
+{
+    EXPECT_THAT("<?xml version='1.0' encoding='utf-8'?><a>\xc3\xa4</a>", IsWellFormed());
+    EXPECT_THAT("<?xml version='1.0' encoding='ISO-8859-1'?><a>a</a>", IsWellFormed());
+
+    EXPECT_THAT("<?xml version='1.0' encoding='ISO-8859-1'?><a>\xe4</a>", Not(IsWellFormed()));
+    EXPECT_THAT(std::string("\xff\xfe<\0a\0/\0>\0", 10), Not(IsWellFormed()));
+    EXPECT_THAT(std::string("\xfe\xff\0<\0a\0/\0>", 10), Not(IsWellFormed()));
+    EXPECT_THAT(std::string("<\0a\0/\0>\0", 8), Not(IsWellFormed()));
+}
+
+TEST(PolicyText, OutsideItselfNothingIsRead)
+{
+    EXPECT_THAT("<!DOCTYPE a SYSTEM '/dev/zero'><a/>", IsWellFormed());
+    EXPECT_THAT("<!DOCTYPE a [<!ENTITY e SYSTEM '/dev/zero'>]><a>&e;</a>", IsWellFormed());
+    EXPECT_THAT("<!DOCTYPE a [<!ENTITY % e SYSTEM '/dev/zero'> %e;]><a/>", IsWellFormed());
+}
+
+TEST(PolicyText, HasAMebibyteAtMost)
+{
+    EXPECT_EQ(Verdict(OfSize(TSPolicyText::kMostBytes)), EPolicyText::WellFormed);
+    EXPECT_EQ(Verdict(OfSize(TSPolicyText::kMostBytes + 1)), EPolicyText::TooLarge);
+}
+
+TEST(PolicyText, HasSoManyElementsInsideOneAnotherAtMost)
+{
+    EXPECT_EQ(Verdict(Nested(TSPolicyText::kMostDepth)), EPolicyText::WellFormed);
+    EXPECT_EQ(Verdict(Nested(TSPolicyText::kMostDepth + 1)), EPolicyText::TooLarge);
+    EXPECT_EQ(Verdict(EntitiesOfEntities(1, "<a>e</a>", Nested(TSPolicyText::kMostDepth))),
+              EPolicyText::TooLarge);
+    EXPECT_EQ(Verdict("<a>" + Nested(100) + Nested(250) + "</a>"), EPolicyText::WellFormed);
+}
+
+TEST(PolicyText, WhatItsEntitiesStandForHasABound)
+{
+    EXPECT_EQ(Verdict(EntitiesOfEntities(10, "ee", "text")), EPolicyText::WellFormed);
+    EXPECT_EQ(Verdict(EntitiesOfEntities(40, "ee", "text")), EPolicyText::TooLarge);
+    EXPECT_EQ(Verdict(EntitiesOfEntities(1, "eeeeeeeeee", std::string(900'000, 'x'))),
+              EPolicyText::TooLarge);
+}
+
+TEST(PolicyText, AChainOfEntitiesHasABound)
+{
+    // Of 40,000 the parser itself does not come back.
+    EXPECT_EQ(Verdict(EntitiesOfEntities(TSPolicyText::kMostDepth, "e", "text")),
+              EPolicyText::WellFormed);
+    EXPECT_EQ(Verdict(EntitiesOfEntities(TSPolicyText::kMostDepth + 1, "e", "text")),
+              EPolicyText::TooLarge);
+    EXPECT_EQ(Verdict(EntitiesOfEntities(40'000, "e", "text")), EPolicyText::TooLarge);
+}
+
+TEST(PolicyText, DeclaredAttributesTakeNoQuarterOfAMinute)
+{
+    std::string declared = "<!DOCTYPE a [<!ATTLIST a";
+    for (int i = 0; declared.size() < TSPolicyText::kMostBytes / 2; ++i) {
+        declared += " a" + std::to_string(i) + " CDATA ''";
+    }
+    declared += ">]><a>";
+    while (declared.size() < TSPolicyText::kMostBytes - 10) {
+        declared += "<a/>";
+    }
+
+    EXPECT_EQ(Verdict(declared + "</a>"), EPolicyText::TooLarge);
+    EXPECT_EQ(Verdict("<!DOCTYPE a [<!ATTLIST a b CDATA 'c'>]><a><a/></a>"),
+              EPolicyText::WellFormed);
 }
 
 class PolicyStore : public testing::Test

@@ -20,9 +20,6 @@ namespace {
 
 constexpr int kSetPolicyType = 4;
 
-// What the agent answers to a policy.
-enum EAnswer { Accepted = 0, NotWellFormed = 1, NotStored = 2 };
-
 // An agent that is just ending still has the name; one that stays has it for good.
 constexpr long long kNameTimeout = 5LL * G_USEC_PER_SEC;
 constexpr unsigned int kNameTick = 20; // ms
@@ -83,30 +80,43 @@ bool TCAgent::Run()
 bool TCAgent::m_SetPolicy(const TBytes& request, TBytes& response)
 {
     std::string policy;
-    if (!TSPolicyArchive::Read(request, policy)) {
+    const EPolicyArchive read = TSPolicyArchive::Read(request, TSPolicyText::kMostBytes, policy);
+    if (read == EPolicyArchive::NoPolicy) {
         std::fprintf(stderr, "kel-agent: refused a message of %zu bytes that holds no policy\n",
                      request.size());
         return false;
     }
 
-    EAnswer answer = Accepted;
-    std::string reason;
-    if (!TSPolicyText::IsWellFormed(policy, reason)) {
-        answer = NotWellFormed;
-        std::fprintf(stderr, "kel-agent: policy of %zu bytes refused: %s\n", policy.size(),
-                     reason.c_str());
-    } else if (!m_store.Store(policy, reason)) {
-        answer = NotStored;
-        std::fprintf(stderr, "kel-agent: policy of %zu bytes not stored: %s\n", policy.size(),
-                     reason.c_str());
+    EAnswer answer = TooLarge;
+    if (read == EPolicyArchive::Policy) {
+        answer = m_Take(policy);
     } else {
-        std::fprintf(stderr, "kel-agent: policy of %zu bytes stored\n", policy.size());
-        // Whoever has sent it waits for our answer, and the server does not call whom it keeps
-        // waiting: the update is asked for when this call is over.
-        g_idle_add_full(G_PRIORITY_DEFAULT, &TCAgent::m_OnPolicyAccepted, this, nullptr);
+        std::fprintf(stderr, "kel-agent: policy in a message of %zu bytes refused: too large\n",
+                     request.size());
     }
     TSPolicyArchive::Write(answer, response);
     return true;
+}
+
+TCAgent::EAnswer TCAgent::m_Take(const std::string& policy)
+{
+    std::string reason;
+    const EPolicyText judged = TSPolicyText::Judge(policy, reason);
+    if (judged != EPolicyText::WellFormed) {
+        std::fprintf(stderr, "kel-agent: policy of %zu bytes refused: %s\n", policy.size(),
+                     reason.c_str());
+        return judged == EPolicyText::TooLarge ? TooLarge : NotWellFormed;
+    }
+    if (!m_store.Store(policy, reason)) {
+        std::fprintf(stderr, "kel-agent: policy of %zu bytes not stored: %s\n", policy.size(),
+                     reason.c_str());
+        return NotStored;
+    }
+    std::fprintf(stderr, "kel-agent: policy of %zu bytes stored\n", policy.size());
+    // Whoever has sent it waits for our answer, and the server does not call whom it keeps
+    // waiting: the update is asked for when this call is over.
+    g_idle_add_full(G_PRIORITY_DEFAULT, &TCAgent::m_OnPolicyAccepted, this, nullptr);
+    return Accepted;
 }
 
 void TCAgent::m_End(bool ok)

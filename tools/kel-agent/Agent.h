@@ -40,7 +40,11 @@ public:
 private:
     typedef std::vector<unsigned char> TBytes;
 
+    // What is answered to a policy.
+    enum EAnswer { Accepted = 0, NotWellFormed = 1, NotStored = 2, TooLarge = 3 };
+
     bool m_SetPolicy(const TBytes& request, TBytes& response);
+    EAnswer m_Take(const std::string& policy);
     void m_End(bool ok);
 
     static int m_OnSignal(void* agent);

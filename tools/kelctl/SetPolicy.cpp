@@ -26,6 +26,8 @@ const char* Meaning(int answer)
         return "not well-formed";
     case 2:
         return "could not be stored";
+    case 3:
+        return "too large or too deep";
     default:
         return "refused";
     }

@@ -69,10 +69,10 @@ public:
     }
 };
 
-bool HasTrueLengths(const TSPolicyArchive::TBytes& archive)
+// The length of the string, when it and all before it are what they should be.
+bool HasTrueLengths(const TSPolicyArchive::TBytes& archive, size_t& length)
 {
     TCReader reader(archive);
-    size_t length = 0;
     if (!reader.TakeLength(length) || length != kSignatureLength) {
         return false;
     }
@@ -90,10 +90,14 @@ bool HasTrueLengths(const TSPolicyArchive::TBytes& archive)
 
 } // namespace
 
-bool TSPolicyArchive::Read(const TBytes& archive, std::string& policy)
+EPolicyArchive TSPolicyArchive::Read(const TBytes& archive, size_t mostBytes, std::string& policy)
 {
-    if (!HasTrueLengths(archive)) {
-        return false;
+    size_t length = 0;
+    if (!HasTrueLengths(archive, length)) {
+        return EPolicyArchive::NoPolicy;
+    }
+    if (length > mostBytes) {
+        return EPolicyArchive::TooLarge;
     }
     try {
         TCBytesBuffer buffer(archive);
@@ -101,9 +105,9 @@ bool TSPolicyArchive::Read(const TBytes& archive, std::string& policy)
         std::string text;
         input >> text;
         policy.swap(text);
-        return true;
+        return EPolicyArchive::Policy;
     } catch (const boost::archive::archive_exception&) {
-        return false; // of a newer library, or of another kind of machine
+        return EPolicyArchive::NoPolicy; // of a newer library, or of another kind of machine
     }
 }
 

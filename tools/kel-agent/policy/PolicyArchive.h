@@ -1,10 +1,14 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
 namespace kel {
 namespace agent {
+
+/// What a message that should carry a policy is.
+enum class EPolicyArchive { Policy, NoPolicy, TooLarge };
 
 /// Reads the archive that carries a policy, and writes the one that carries the answer to it. Both
 /// are Boost.Serialization binary archives in this machine's own word size and byte order.
@@ -18,10 +22,10 @@ struct TSPolicyArchive
 
     /// Reads the archive of one string, which has to fill it to the end.
     ///
-    /// @param archive  any bytes.
-    /// @param policy   replaced by the string on success, untouched otherwise.
-    /// @return false when this is no such archive. Needs no more memory than the archive itself.
-    static bool Read(const TBytes& archive, std::string& policy);
+    /// @param archive    any bytes.
+    /// @param mostBytes  the longest string that is wanted. Of a longer one nothing is copied.
+    /// @param policy     replaced by the string when there is one, untouched otherwise.
+    static EPolicyArchive Read(const TBytes& archive, size_t mostBytes, std::string& policy);
 
     /// Replaces the bytes by the archive of one int.
     static void Write(int answer, TBytes& archive);
