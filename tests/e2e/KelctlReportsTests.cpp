@@ -103,7 +103,7 @@ TEST_F(KelctlReports, ControlCharactersDoNotReachATerminal)
 
     EXPECT_EQ(Lines(list).size(), 2U);
     for (const std::string& output : {list, one}) {
-        EXPECT_THAT(output, HasSubstr("a\\x0a\\x1b[31m\\x7f"));
+        EXPECT_THAT(output, HasSubstr("a\\x0a\\x1b[31m\\x7f\\xc2\\x9bb"));
         EXPECT_EQ(output.find_first_of("\x1b\x7f\x9b"), std::string::npos);
     }
     EXPECT_EQ(Json({"1"}).at("request").at("process"), name);
@@ -133,7 +133,7 @@ TEST_F(KelctlReports, AsJsonEveryMemberIsKeptAtItsPlace)
                                        "    null,\n"
                                        "    {}\n"
                                        "  ],\n"
-                                       "  \"name\": \"\\u001b\xc2\x9b\\n\xe2\x82\xac\",\n"
+                                       "  \"name\": \"\\u001b\\u009b\\n\\u20ac\",\n"
                                        "  \"directory\": \"/tmp/the state/reports/0000000001\"\n"
                                        "}\n");
 }

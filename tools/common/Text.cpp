@@ -2,17 +2,39 @@
 
 #include <cstdio>
 
+#include <glib.h>
+
 namespace kel {
 namespace tools {
 
 namespace {
 
-// Those of UTF-8's two-byte characters that control a terminal begin with this byte.
-constexpr unsigned char kControlLead = 0xc2;
+constexpr gunichar kLastCharacter = 0x10ffff; // what is none is told by greater numbers
 
-bool IsControl(unsigned char byte, unsigned char before)
+bool IsPlain(gunichar character)
 {
-    return byte < ' ' || byte == 0x7f || (before == kControlLead && byte >= 0x80 && byte < 0xa0);
+    const GUnicodeType type = g_unichar_type(character);
+    return g_unichar_isprint(character) && type != G_UNICODE_LINE_SEPARATOR
+           && type != G_UNICODE_PARAGRAPH_SEPARATOR && character != '\\';
+}
+
+// The next character as it is to be printed, and how many bytes of the text it takes.
+std::string NextPrintable(std::string_view text, std::string_view kept, size_t& size)
+{
+    const gunichar character
+        = g_utf8_get_char_validated(text.data(), static_cast<gssize>(text.size()));
+    const bool isCharacter = character <= kLastCharacter;
+    size = isCharacter ? static_cast<size_t>(g_unichar_to_utf8(character, nullptr)) : 1;
+    if ((isCharacter && IsPlain(character)) || kept.find(text[0]) != std::string_view::npos) {
+        return std::string(text.substr(0, size));
+    }
+    std::string escapes;
+    for (const char byte : text.substr(0, size)) {
+        char escape[sizeof("\\x00")];
+        std::snprintf(escape, sizeof(escape), "\\x%02x", static_cast<unsigned char>(byte));
+        escapes += escape;
+    }
+    return escapes;
 }
 
 } // namespace
@@ -31,20 +53,24 @@ std::string IsoTime(const timespec& time)
     return text;
 }
 
-std::string Printable(const std::string& text)
+std::string Printable(const std::string& text, std::string_view kept)
 {
     std::string printable;
-    unsigned char before = 0;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (IsControl(byte, before)) {
-            char escape[sizeof("\\x00")];
-            std::snprintf(escape, sizeof(escape), "\\x%02x", byte);
-            printable += escape;
-        } else {
-            printable += c;
+    for (size_t at = 0, size = 0; at < text.size(); at += size) {
+        printable += NextPrintable(std::string_view(text).substr(at), kept, size);
+    }
+    return printable;
+}
+
+std::string PrintableStart(const std::string& text, size_t most)
+{
+    std::string printable;
+    for (size_t at = 0, size = 0; at < text.size(); at += size) {
+        const std::string next = NextPrintable(std::string_view(text).substr(at), {}, size);
+        if (printable.size() + next.size() > most) {
+            return printable + "... (" + std::to_string(text.size()) + " bytes)";
         }
-        before = byte;
+        printable += next;
     }
     return printable;
 }

@@ -18,7 +18,7 @@ enum class EStatus {
 
 /// A subcommand adds itself to the program, in a source file of its own. When it is the one that
 /// was called, it runs after parsing and sets the status; a failure is told in one line on
-/// standard error.
+/// standard error. What it has left in standard output's buffer is written at the program's end.
 void AddKernelLog(CLI::App& program, EStatus& status);
 void AddMonitor(CLI::App& program, EStatus& status);
 void AddPolicy(CLI::App& program, EStatus& status);
@@ -26,11 +26,6 @@ void AddReport(CLI::App& program, EStatus& status);
 void AddReports(CLI::App& program, EStatus& status);
 void AddSetPolicy(CLI::App& program, EStatus& status);
 void AddStatus(CLI::App& program, EStatus& status);
-
-/// Has what was printed reach its reader.
-///
-/// @return Success; NoOutput, with one line on standard error, when it cannot.
-EStatus FlushOutput();
 
 } // namespace ctl
 } // namespace kel

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "common/KernelLog.h"
+#include "common/Text.h"
 
 namespace kel {
 namespace ctl {
@@ -49,11 +50,13 @@ private:
     int m_descriptor;
 };
 
+// The kernel's log has strangers' names in it. The backslash stays: dmesg writes escapes of its
+// own.
 std::string Text(const std::vector<std::string>& lines)
 {
     std::string text;
     for (const std::string& line : lines) {
-        text += line + '\n';
+        text += tools::Printable(line, "\t\\") + '\n';
     }
     return text;
 }
@@ -69,7 +72,7 @@ EStatus PrintOnce()
     }
     const std::string text = Text(read.m_lines);
     std::fwrite(text.data(), 1, text.size(), stdout);
-    return FlushOutput();
+    return EStatus::Success;
 }
 
 // Goes on until its end has a status.

@@ -113,7 +113,7 @@ EStatus Policy(bool json)
     } else {
         PrintText(policy);
     }
-    return FlushOutput();
+    return EStatus::Success;
 }
 
 } // namespace

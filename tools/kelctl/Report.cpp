@@ -87,7 +87,7 @@ EStatus RequestBySlot(TSOptions options)
     if (value.size() > kLongestValue) {
         std::fprintf(stderr, "kelctl: the names are too long, and were cut with the restart\n");
     }
-    return FlushOutput();
+    return EStatus::Success;
 }
 
 int RequestByFile(TSOptions& options)
@@ -130,7 +130,7 @@ EStatus RequestByFile(TSOptions options, const std::string& directory)
     if (path.size() > kLongestPath) {
         std::fprintf(stderr, "kelctl: the names are too long, and were cut with the mode\n");
     }
-    return FlushOutput();
+    return EStatus::Success;
 }
 
 EStatus Report(const TSOptions& options)

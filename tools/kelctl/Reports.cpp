@@ -1,18 +1,14 @@
 #include "Commands.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
-#include "common/Text.h"
+#include "ReportView.h"
 
 namespace kel {
 namespace ctl {
@@ -21,13 +17,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using TJson = nlohmann::ordered_json;
-using tools::Printable;
-
 constexpr char kDefaultStateDirectory[] = "/var/lib/kel-agent";
 constexpr size_t kDigits = 10; // of a report's directory
-constexpr int kIndent = 2;
-constexpr size_t kGap = 2; // between two columns
 
 struct TSOptions
 {
@@ -75,10 +66,11 @@ bool ListReports(const std::string& stateDirectory, std::vector<fs::path>& direc
 bool ReadReport(const fs::path& directory, TJson& reports)
 {
     std::ifstream file(directory / "report.json");
-    std::ostringstream text;
-    text << file.rdbuf(); // the parser would not survive what cannot be read
-    TJson report = TJson::parse(text.str(), nullptr, false);
-    if (report.is_object()) {
+    std::string text(TSReportView::kMostBytes + 1, '\0'); // of one that is too large, no more
+    file.read(text.data(), static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<size_t>(file.gcount()));
+    TJson report;
+    if (TSReportView::Read(text, report)) {
         report["directory"] = directory.string();
         reports.push_back(std::move(report));
         return true;
@@ -89,82 +81,6 @@ bool ReadReport(const fs::path& directory, TJson& reports)
     }
     std::fprintf(stderr, "kelctl: %s: it has no report that can be read\n", directory.c_str());
     return false;
-}
-
-// A value for people: of one line, and without quotes.
-std::string Text(const TJson& value)
-{
-    if (value.is_string()) {
-        return Printable(value.get<std::string>());
-    }
-    if (value.is_boolean()) {
-        return value.get<bool>() ? "yes" : "no";
-    }
-    return value.is_null() ? "-" : Printable(value.dump());
-}
-
-// Empty where there is no such member.
-std::string TextAt(const TJson& report, const char* pointer)
-{
-    const TJson::json_pointer place(pointer);
-    return report.contains(place) ? Text(report[place]) : "";
-}
-
-std::string ArtefactOf(const TJson& report)
-{
-    const std::string bytes = TextAt(report, "/artefact/bytes");
-    if (!bytes.empty()) {
-        return bytes + " bytes";
-    }
-    const std::string reason = TextAt(report, "/artefact/reason");
-    return reason.empty() ? "-" : "not copied: " + reason;
-}
-
-// How many characters a text has, most of which are as wide as one another.
-size_t Width(const std::string& text)
-{
-    return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-        return (static_cast<unsigned char>(c) & 0xc0U) != 0x80; // no byte that goes on with one
-    }));
-}
-
-void PrintTable(const TJson& reports)
-{
-    typedef std::array<std::string, 8> TRow;
-    std::vector<TRow> rows
-        = {{"ID", "COLLECTED", "PROCESS", "THREAD", "MODE", "REBOOT", "ARTEFACT", "DIRECTORY"}};
-    for (const TJson& report : reports) {
-        rows.push_back({TextAt(report, "/id"), TextAt(report, "/time"),
-                        TextAt(report, "/request/process"), TextAt(report, "/request/thread"),
-                        TextAt(report, "/request/mode"), TextAt(report, "/request/reboot"),
-                        ArtefactOf(report), TextAt(report, "/directory")});
-    }
-    size_t widths[std::tuple_size<TRow>::value] = {};
-    for (const TRow& row : rows) {
-        for (size_t i = 0; i < row.size(); ++i) {
-            widths[i] = std::max(widths[i], Width(row[i]));
-        }
-    }
-    for (const TRow& row : rows) {
-        for (size_t i = 0; i + 1 < row.size(); ++i) {
-            const std::string blanks(widths[i] - Width(row[i]) + kGap, ' ');
-            std::printf("%s%s", row[i].c_str(), blanks.c_str());
-        }
-        std::printf("%s\n", row.back().c_str());
-    }
-}
-
-void PrintMembers(const TJson& object, int indent)
-{
-    for (const auto& [name, value] : object.items()) {
-        std::printf("%*s%s:", indent, "", Printable(name).c_str());
-        if (value.is_object()) {
-            std::printf("\n");
-            PrintMembers(value, indent + kIndent);
-        } else {
-            std::printf(" %s\n", Text(value).c_str());
-        }
-    }
 }
 
 EStatus Reports(const TSOptions& options)
@@ -194,17 +110,16 @@ EStatus Reports(const TSOptions& options)
         return EStatus::Negative;
     }
 
+    std::string text;
     if (options.m_json) {
-        const TJson& printed = one ? reports[0] : reports;
-        std::printf("%s\n",
-                    printed.dump(kIndent, ' ', false, TJson::error_handler_t::replace).c_str());
+        text = TSReportView::Json(one ? reports[0] : reports);
     } else if (one) {
-        PrintMembers(reports[0], 0);
+        text = TSReportView::Members(reports[0]);
     } else if (!reports.empty()) {
-        PrintTable(reports);
+        text = TSReportView::Table(reports);
     }
-    const EStatus status = FlushOutput();
-    return status == EStatus::Success && !allRead ? EStatus::Negative : status;
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    return allRead ? EStatus::Success : EStatus::Negative;
 }
 
 } // namespace

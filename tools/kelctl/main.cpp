@@ -8,6 +8,9 @@
 namespace kel {
 namespace ctl {
 
+namespace {
+
+// Has what was printed reach its reader.
 EStatus FlushOutput()
 {
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) {
@@ -16,6 +19,14 @@ EStatus FlushOutput()
     std::fprintf(stderr, "kelctl: the output cannot be written: %s\n", std::strerror(errno));
     return EStatus::NoOutput;
 }
+
+// Success is what has been told, too. Any other status says more than that its words are lost.
+int ExitStatus(EStatus status)
+{
+    return static_cast<int>(status == EStatus::Success ? FlushOutput() : status);
+}
+
+} // namespace
 
 } // namespace ctl
 } // namespace kel
@@ -43,7 +54,7 @@ int main(int argc, char** argv)
             throw CLI::RequiredError("A command");
         }
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : static_cast<int>(EStatus::WrongUsage);
+        status = app.exit(error) == 0 ? EStatus::Success : EStatus::WrongUsage;
     }
-    return static_cast<int>(status);
+    return kel::ctl::ExitStatus(status);
 }
