@@ -17,11 +17,19 @@
 
 namespace {
 
+// Logging does not disturb what is being logged.
+struct TSKeptErrno
+{
+    ~TSKeptErrno() { errno = m_errno; }
+
+    const int m_errno = errno;
+};
+
 enum class ESink { System, Stderr, None };
 
 ESink ChooseSink()
 {
-    const char* const choice = getenv("KEL_HOST_LOG");
+    const char* const choice = secure_getenv("KEL_HOST_LOG"); // nobody else's choice
     if (choice == nullptr) {
         return ESink::System;
     }
@@ -100,13 +108,13 @@ void SendToSystem(int priority, const char* tag, const char* line, size_t length
 extern "C" __attribute__((visibility("default"))) int
 __dlog_print(log_id_t, int prio, const char* tag, const char* fmt, ...)
 {
+    const TSKeptErrno kept;
     static const ESink sink = ChooseSink();
     if (sink == ESink::None) {
         return 0;
     }
 
-    const int outerErrno = errno; // logging does not disturb what is being logged
-    char line[4096];              // the device's logger cuts lines there, too
+    char line[4096]; // the device's logger cuts lines there, too
     va_list arguments;
     va_start(arguments, fmt);
     const int formatted = vsnprintf(line, sizeof(line), fmt, arguments);
@@ -121,6 +129,5 @@ __dlog_print(log_id_t, int prio, const char* tag, const char* fmt, ...)
     } else {
         SendToSystem(prio, tag, line, static_cast<size_t>(length));
     }
-    errno = outerErrno;
     return length;
 }

@@ -23,9 +23,10 @@ namespace {
 
 constexpr char kVolatilePrefix[] = "memory/";
 
+// Of a program with rights of its own, whoever started it does not say where it writes.
 std::string Variable(const char* name)
 {
-    const char* const value = getenv(name);
+    const char* const value = secure_getenv(name);
     return value != nullptr ? value : "";
 }
 

@@ -1,0 +1,33 @@
+// A set-uid program let its caller say where it writes its keys and its log.
+
+#include "HostPlatformTests.h"
+#include "support/ChildProcess.h"
+
+namespace {
+
+using kel::test::RunProgram;
+using kel::test::TSFinished;
+
+TEST(SetUidHost, DoesNotAskItsCallersEnvironment)
+{
+    ASSERT_TRUE(kel::test::Sandbox::IsEntered());
+    const kel::test::Mount programs("/tmp/programs", "mode=755");
+    const fs::path program = "/tmp/programs/set-uid";
+    fs::copy_file(KEL_SET_UID_PROGRAM, program);
+    ASSERT_EQ(chmod(program.c_str(), 04755), 0);
+
+    const TSFinished ended
+        = RunProgram({"setpriv", "--reuid=65534", "--clear-groups", "--", program},
+                     {{"KEL_HOST_LOG", "stderr"}, {"KEL_HOST_VCONF_DIR", "/tmp/theirs"}});
+
+    if (ended.m_output != "secure\n") {
+        GTEST_SKIP() << "no second user, or no set-uid programs: " << ended.m_errorOutput;
+    }
+    EXPECT_EQ(ended.m_exit, 0);
+    EXPECT_EQ(ended.m_errorOutput, "");
+    EXPECT_FALSE(fs::exists("/tmp/theirs"));
+    EXPECT_TRUE(fs::exists("/run/kel-vconf/memory/key"));
+    fs::remove_all("/run/kel-vconf");
+}
+
+} // namespace
