@@ -19,8 +19,7 @@ namespace {
 // take a fifth of a second.
 constexpr size_t kMostLooks = 1U << 26;
 
-constexpr float kMostAmplification
-    = static_cast<float>(TSPolicyText::kMostExpandedBytes / TSPolicyText::kMostBytes);
+constexpr size_t kMostAmplification = TSPolicyText::kMostExpandedBytes / TSPolicyText::kMostBytes;
 
 // One text on its way through the parser. Entities outside the text are not fetched: the parser
 // does so for nobody who has no function for it.
@@ -65,7 +64,8 @@ TCDocument::TCDocument() : m_parser(XML_ParserCreate(nullptr), &XML_ParserFree)
     XML_SetEntityDeclHandler(parser, &TCDocument::DeclareEntity);
     XML_SetBillionLaughsAttackProtectionActivationThreshold(parser,
                                                             TSPolicyText::kMostExpandedBytes);
-    XML_SetBillionLaughsAttackProtectionMaximumAmplification(parser, kMostAmplification);
+    XML_SetBillionLaughsAttackProtectionMaximumAmplification(
+        parser, static_cast<float>(kMostAmplification));
 }
 
 EPolicyText TCDocument::Judge(const std::string& text, std::string& reason)
