@@ -61,16 +61,25 @@ bool ListReports(const std::string& stateDirectory, std::vector<fs::path>& direc
     return true;
 }
 
+// The whole file, or as much of one that is too large as tells so.
+std::string ReadText(const fs::path& path)
+{
+    std::ifstream file(path);
+    std::string text;
+    char block[1U << 14];
+    while (text.size() <= TSReportView::kMostBytes && file) {
+        file.read(block, sizeof(block));
+        text.append(block, static_cast<size_t>(file.gcount()));
+    }
+    return text;
+}
+
 // Adds a report to the list. False, with a line on standard error, when it cannot be read; one that
 // the agent has dropped meanwhile is no failure.
 bool ReadReport(const fs::path& directory, TJson& reports)
 {
-    std::ifstream file(directory / "report.json");
-    std::string text(TSReportView::kMostBytes + 1, '\0'); // of one that is too large, no more
-    file.read(text.data(), static_cast<std::streamsize>(text.size()));
-    text.resize(static_cast<size_t>(file.gcount()));
     TJson report;
-    if (TSReportView::Read(text, report)) {
+    if (TSReportView::Read(ReadText(directory / "report.json"), report)) {
         report["directory"] = directory.string();
         reports.push_back(std::move(report));
         return true;
