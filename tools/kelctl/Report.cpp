@@ -11,25 +11,23 @@
 #include <kel/KELFileSystem.h>
 #include <kel/KELIssueReport.h>
 
+#include "common/RequestFormat.h"
+
 namespace kel {
 namespace ctl {
 
 namespace {
 
-constexpr size_t kLongestPath = 126;  // of a request file; the library cuts there
-constexpr size_t kLongestValue = 511; // of the slot; there, too
-
 struct TSMode
 {
     const char* m_name;
     artifactSendFlag m_flag;
-    const char* m_word; // in the request file's name
 };
 constexpr TSMode kModes[] = {
-    {"oqc-always", OQC_ALWAYS, "OQC_ALWAYS"},
-    {"always", ALWAYS, "ALWAYS"},
-    {"once-only", ONCE_ONLY, "ONCE_ONLY"},
-    {"policy", POLICY, "POLICY"},
+    {"oqc-always", OQC_ALWAYS},
+    {"always", ALWAYS},
+    {"once-only", ONCE_ONLY},
+    {"policy", POLICY},
 };
 
 struct TSOptions
@@ -73,7 +71,8 @@ std::string Names(const TSOptions& options, char separator)
 
 EStatus RequestBySlot(TSOptions options)
 {
-    const std::string value = Names(options, '|') + (options.m_reboot ? "|1" : "|0");
+    const std::string value
+        = Names(options, tools::kRequestValueSeparator) + (options.m_reboot ? "|1" : "|0");
 
     char* const process = OrNull(options.m_process);
     char* const thread = OrNull(options.m_thread);
@@ -84,7 +83,7 @@ EStatus RequestBySlot(TSOptions options)
         return Fail("the key-value store has refused it");
     }
     std::printf("\n"); // the library's line has no end
-    if (value.size() > kLongestValue) {
+    if (value.size() > tools::kLongestRequestValue) {
         std::fprintf(stderr, "kelctl: the names are too long, and were cut with the restart\n");
     }
     return EStatus::Success;
@@ -116,8 +115,10 @@ EStatus RequestByFile(TSOptions options, const std::string& directory)
             return Fail(("the current directory cannot be told: " + failure.message()).c_str());
         }
     }
-    const std::string names = Names(options, '-');
-    const std::string path = directory + "/" + names + "-" + Mode(options.m_mode).m_word + ".log";
+    const std::string names = Names(options, tools::kRequestNameSeparator);
+    const std::string path = directory + "/" + names + tools::kRequestNameSeparator
+                             + tools::kRequestModes[Mode(options.m_mode).m_flag]
+                             + tools::kRequestSuffix;
 
     if (RequestByFile(options) != 1) {
         std::fflush(stdout);
@@ -127,7 +128,7 @@ EStatus RequestByFile(TSOptions options, const std::string& directory)
         return Fail(names.find('/') != std::string::npos ? "a name has a slash"
                                                          : "its file cannot be written");
     }
-    if (path.size() > kLongestPath) {
+    if (path.size() > tools::kLongestRequestPath) {
         std::fprintf(stderr, "kelctl: the names are too long, and were cut with the mode\n");
     }
     return EStatus::Success;
@@ -144,7 +145,8 @@ EStatus Report(const TSOptions& options)
     if (options.m_slot) {
         return RequestBySlot(options);
     }
-    return RequestByFile(options, options.m_reboot ? "/tmp/kel_NDF_reboot" : "/tmp/kel_NDF");
+    return RequestByFile(options,
+                         options.m_reboot ? tools::kRebootRequestDrop : tools::kRequestDrop);
 }
 
 } // namespace
