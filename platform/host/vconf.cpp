@@ -128,9 +128,12 @@ KEL_HOST_EXPORT char* vconf_get_str(const char* in_key)
 {
     try {
         std::filesystem::path file;
-        std::error_code ignored;
-        if (!FileOf(in_key, file) || !std::filesystem::is_regular_file(file, ignored)) {
+        struct stat status;
+        if (!FileOf(in_key, file) || stat(file.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
             return nullptr;
+        }
+        if (status.st_size == 0) { // at little cost: who waits for a value asks again and again
+            return strdup("");
         }
         std::ifstream stream(file, std::ios::binary);
         const std::string text{std::istreambuf_iterator<char>(stream), {}};
