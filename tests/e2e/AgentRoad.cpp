@@ -109,9 +109,7 @@ std::vector<std::string> NamesIn(const std::filesystem::path& directory)
     std::vector<std::string> names;
     std::error_code none;
     for (const auto& entry : std::filesystem::directory_iterator(directory, none)) {
-        if (entry.path().filename() != ".taken") {
-            names.push_back(entry.path().filename());
-        }
+        names.push_back(entry.path().filename());
     }
     std::sort(names.begin(), names.end());
     return names;

@@ -64,7 +64,7 @@ constexpr std::chrono::seconds kCollected(60);
 /// Waits until a program has written this to standard error.
 bool Says(const ChildProcess& program, const std::string& text);
 
-/// What is in a directory, sorted, but for the agent's own ".taken".
+/// What is in a directory, sorted.
 std::vector<std::string> NamesIn(const std::filesystem::path& directory);
 
 /// Exactly one line, with its end, which begins with this.

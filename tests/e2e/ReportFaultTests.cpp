@@ -40,7 +40,7 @@ void MakeSparse(const fs::path& path, uintmax_t size)
 
 typedef ReportRoad RequestFaults;
 
-TEST_F(RequestFaults, WhatIsNoFileOfItsOwnIsLeftThereWithOneLine)
+TEST_F(RequestFaults, WhatIsNoFileOfItsOwnIsRemovedWithALineForEachKind)
 {
     WriteFile(m_scratch / "file", "/secret");
     const auto agent = StartCollector();
@@ -48,25 +48,24 @@ TEST_F(RequestFaults, WhatIsNoFileOfItsOwnIsLeftThereWithOneLine)
     fs::create_symlink(m_scratch / "file", kDrop / "a-link-ALWAYS.log");
     fs::create_symlink("/nowhere", kDrop / "a-dangling-ALWAYS.log");
     fs::create_hard_link(m_scratch / "file", kDrop / "a-hardlink-ALWAYS.log");
-    fs::create_directory(kDrop / "a-directory-ALWAYS.log");
+    fs::create_directories(kDrop / "a-directory-ALWAYS.log/deep/er");
     WriteFile(kDrop / "a-directory-ALWAYS.log/b-file-ALWAYS.log", "NO_PATH");
+    fs::create_directory_symlink(m_scratch / "", kDrop / "a-directory-ALWAYS.log/deep/link");
     ASSERT_EQ(mkfifo((kDrop / "a-fifo-ALWAYS.log").c_str(), 0666), 0);
 
-    const TNames names = NamesIn(kDrop);
-    for (const std::string& name : names) {
-        EXPECT_TRUE(Says(*agent, "kel-agent: " + name + " in /tmp/kel_NDF ignored: "))
-            << agent->ErrorOutput();
-    }
-    LetItLook();
-    LetItLook();
-    EXPECT_EQ(names.size(), 5U);
-    EXPECT_EQ(NamesIn(kDrop), names);
-    EXPECT_EQ(CountOf(agent->ErrorOutput(), " ignored: "), names.size()) << agent->ErrorOutput();
+    EXPECT_TRUE(WaitUntil([] { return NamesIn(kDrop).empty(); })) << agent->ErrorOutput();
+    EXPECT_TRUE(WaitUntil([] { return NamesIn(kTaken / "trash").empty(); }));
+    EXPECT_TRUE(Says(*agent, " of user 0 in /tmp/kel_NDF removed: it is no regular file\n"))
+        << agent->ErrorOutput();
+    EXPECT_TRUE(Says(*agent, "kel-agent: a-hardlink-ALWAYS.log of user 0 in /tmp/kel_NDF removed: "
+                             "it has other names, too\n"))
+        << agent->ErrorOutput();
     EXPECT_EQ(ReadFile(m_scratch / "file"), "/secret");
 
     File(kGood);
-    EXPECT_TRUE(WaitForReports(5)) << agent->ErrorOutput(); // four are of the looks
-    EXPECT_EQ(Names()[4], kGood);
+    EXPECT_TRUE(WaitForReports(1)) << agent->ErrorOutput();
+    EXPECT_EQ(Names(), TNames{kGood});
+    EXPECT_EQ(CountOf(agent->ErrorOutput(), " removed: "), 2U) << agent->ErrorOutput();
 }
 
 TEST_F(RequestFaults, OneOfTenMebibytesGivesAReportWithoutAnArtefact)
@@ -488,7 +487,7 @@ TEST_F(AgentFaults, KilledBetweenAReportAndTheEndOfItsRequestItMakesNoSecond)
             }
             ASSERT_TRUE(WaitForReports(before + 1)) << log.Take(); // and now it would say so
             EXPECT_EQ(slot ? size_t(ReadFile(m_stateDir + "/slot-request").empty())
-                           : NamesIn(kDrop / ".taken").size(),
+                           : Taken().size(),
                       slot ? 0U : 1U);
         }
         File("before-anything-ALWAYS.log");
@@ -498,7 +497,7 @@ TEST_F(AgentFaults, KilledBetweenAReportAndTheEndOfItsRequestItMakesNoSecond)
         ASSERT_TRUE(WaitForReports(before + 3)) << agent->ErrorOutput();
         LetItLook();
         EXPECT_EQ(Ids().size(), before + 5) << agent->ErrorOutput();
-        EXPECT_EQ(NamesIn(kDrop / ".taken"), TNames());
+        EXPECT_EQ(Taken(), TNames());
     }
 }
 
@@ -532,8 +531,6 @@ TEST_F(AgentFaults, BesideOneOfTheTestChannelEachReportIsMadeOnce)
     for (const auto* const each : {&agent, &tester}) {
         ASSERT_TRUE(Says(**each, "kel-agent: ready\n")) << (*each)->ErrorOutput();
     }
-    ASSERT_TRUE(WaitUntil([] { return fs::exists(kDrop / ".taken"); }));
-
     FileMany("both", 100);
 
     ASSERT_TRUE(WaitUntil([&] { return Ids().size() + Ids(other).size() >= 100; }))
@@ -558,7 +555,7 @@ TEST_F(AgentFaults, ASignalWhileItCollectsEndsItInTimeWithNothingHalfWritten)
     EXPECT_EQ(agent->Wait(std::chrono::seconds(20)), 0) << agent->ErrorOutput();
     ExpectNothingHalf();
     const size_t made = Reports().size();
-    EXPECT_EQ(made + NamesIn(kDrop).size() + NamesIn(kDrop / ".taken").size(), size_t(kRequests));
+    EXPECT_EQ(made + NamesIn(kDrop).size() + Taken().size(), size_t(kRequests));
 
     const auto next = StartCollector();
     ASSERT_TRUE(WaitForReports(kRequests)) << next->ErrorOutput();

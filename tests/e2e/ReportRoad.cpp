@@ -12,6 +12,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "requests/TakenName.h"
+
 namespace kel::test {
 
 namespace fs = std::filesystem;
@@ -90,7 +92,7 @@ std::string TSReport::operator[](const std::string& pointer) const
 
 ReportRoad::ReportRoad() : m_reports(fs::path(m_stateDir) / "reports")
 {
-    for (const fs::path& path : {kDrop, kRebootDrop, kStore}) {
+    for (const fs::path& path : {kDrop, kRebootDrop, kTaken, kStore}) {
         fs::remove_all(path);
     }
     const fs::path tools = m_bus.Directory() + "/tools";
@@ -102,7 +104,7 @@ ReportRoad::ReportRoad() : m_reports(fs::path(m_stateDir) / "reports")
 
 ReportRoad::~ReportRoad()
 {
-    for (const fs::path& path : {kDrop, kRebootDrop, kStore}) {
+    for (const fs::path& path : {kDrop, kRebootDrop, kTaken, kStore}) {
         std::error_code ignored;
         fs::remove_all(path, ignored);
     }
@@ -129,9 +131,6 @@ std::unique_ptr<ChildProcess> ReportRoad::StartCollector(const TNames& arguments
 {
     std::unique_ptr<ChildProcess> agent = StartAgent(arguments);
     EXPECT_TRUE(Says(*agent, "kel-agent: ready\n"));
-    EXPECT_TRUE(WaitUntil([] {
-        return fs::exists(kDrop / ".taken") && fs::exists(kRebootDrop / ".taken");
-    })) << agent->ErrorOutput();
     return agent;
 }
 
@@ -220,10 +219,28 @@ void ReportRoad::LetItLook()
     // has not.
     for (const char* const name : {"look-once-ALWAYS.log", "look-twice-ALWAYS.log"}) {
         File(name);
-        ASSERT_TRUE(WaitUntil(
-            [&] { return !fs::exists(kDrop / name) && !fs::exists(kDrop / ".taken" / name); },
-            kCollected));
+        ASSERT_TRUE(
+            WaitUntil([&] { return !fs::exists(kDrop / name) && !IsTaken(name); }, kCollected));
     }
+}
+
+TNames ReportRoad::Taken()
+{
+    TNames names;
+    for (const std::string& entry : NamesIn(kTaken)) {
+        agent::TSTakenName taken;
+        if (entry != "trash") {
+            EXPECT_TRUE(agent::TSTakenName::Read(entry, taken)) << entry;
+            names.push_back(taken.m_name);
+        }
+    }
+    return names;
+}
+
+bool ReportRoad::IsTaken(const std::string& name)
+{
+    const TNames taken = Taken();
+    return std::find(taken.begin(), taken.end(), name) != taken.end();
 }
 
 ReportRoad::Silence::Silence() : m_before(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0))

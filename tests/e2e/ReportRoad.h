@@ -56,7 +56,7 @@ protected:
     std::unique_ptr<ChildProcess> StartAgent(const TNames& arguments = {},
                                              ChildProcess::TEnvironment environment = {}) const;
 
-    /// The same, and waits until it owns its name and has its drop directories.
+    /// The same, and waits until it owns its name.
     std::unique_ptr<ChildProcess> StartCollector(const TNames& arguments = {}) const;
 
     /// The agent's PATH: the test's dmesg comes first.
@@ -101,6 +101,11 @@ protected:
     /// reports.
     static void LetItLook();
 
+    /// The names of the requests that the agent has taken and not made a report of, the oldest
+    /// first.
+    static TNames Taken();
+    static bool IsTaken(const std::string& name);
+
     const std::filesystem::path m_reports;
     const Scratch m_scratch;
 
@@ -124,6 +129,7 @@ constexpr char kGood[] = "proc-good-ALWAYS.log";
 
 const std::filesystem::path kDrop = "/tmp/kel_NDF";
 const std::filesystem::path kRebootDrop = "/tmp/kel_NDF_reboot";
+const std::filesystem::path kTaken = "/tmp/.kel_NDF.taken";
 
 /// The permission bits; 0 when there is nothing.
 mode_t ModeOf(const std::filesystem::path& path);

@@ -17,6 +17,7 @@
 #include <gmock/gmock.h>
 
 #include "e2e/ReportRoad.h"
+#include "support/Mount.h"
 
 namespace kel::test {
 
@@ -42,6 +43,15 @@ std::string Time(std::chrono::milliseconds offset = {})
     char fraction[8];
     snprintf(fraction, sizeof(fraction), ".%03dZ", static_cast<int>(milliseconds % 1000));
     return std::string(text) + fraction;
+}
+
+std::string Text(const TNames& names)
+{
+    std::string text;
+    for (const std::string& name : names) {
+        text += name + "\n";
+    }
+    return text;
 }
 
 TNames Fields(const TSReport& report)
@@ -151,9 +161,9 @@ TEST_F(Report, ItsRequestIsGone)
     ASSERT_TRUE(WaitForReports(2)) << agent->ErrorOutput();
 
     for (const fs::path& drop : {kDrop, kRebootDrop}) {
-        EXPECT_TRUE(WaitUntil([&] { return fs::is_empty(drop / ".taken"); }));
         EXPECT_EQ(NamesIn(drop), TNames());
     }
+    EXPECT_TRUE(WaitUntil([] { return Taken().empty(); }));
 }
 
 TEST_F(Report, AnotherRequestOfTheSameNameIsAnother)
@@ -276,7 +286,7 @@ TEST_F(Report, HasNoKernelLogWhereThereIsNoDmesg)
     fs::create_symlink("/bin/sh", tools / "sh");
     fs::create_symlink("/usr/bin/tail", tools / "tail");
     const auto agent = StartAgent({}, {{"PATH", tools}});
-    ASSERT_TRUE(WaitUntil([] { return fs::exists(kDrop / ".taken"); })) << agent->ErrorOutput();
+    ASSERT_TRUE(Says(*agent, "kel-agent: ready\n")) << agent->ErrorOutput();
 
     Request(ALWAYS, "proc", "main");
 
@@ -402,7 +412,7 @@ TEST_F(Report, HasAKernelLogThatWasReadInIdleTime)
     WriteFile(m_bus.Directory() + "/tools/dmesg",
               "#!/bin/sh\nexec cut -d ' ' -f 41 /proc/self/stat\n");
     const ChildProcess agent({KEL_AGENT, "--state-dir", m_stateDir}, {{"PATH", Path()}});
-    ASSERT_TRUE(WaitUntil([] { return fs::exists(kDrop / ".taken"); })) << agent.ErrorOutput();
+    ASSERT_TRUE(Says(agent, "kel-agent: ready\n")) << agent.ErrorOutput();
 
     const auto hasItsLog
         = [&] { // a busy machine has no idle time, and a late log is the next one's
@@ -425,8 +435,8 @@ TEST_F(DropDirectories, AreMadeForEverybodyToFileAndNobodyToList)
 
     for (const fs::path& drop : {kDrop, kRebootDrop}) {
         EXPECT_EQ(ModeOf(drop), 01733U) << drop;
-        EXPECT_EQ(ModeOf(drop / ".taken"), 0700U) << drop;
     }
+    EXPECT_EQ(ModeOf(kTaken), 0700U);
 }
 
 TEST_F(DropDirectories, ThatExistAreMadeSafe)
@@ -444,35 +454,44 @@ TEST_F(DropDirectories, ThatExistAreMadeSafe)
     EXPECT_TRUE(WaitForReports(2)) << agent->ErrorOutput();
 }
 
-TEST_F(DropDirectories, ThatAreNoneAreRefusedAndServedAsSoonAsTheyAre)
+TEST_F(DropDirectories, TakeThePlaceOfWhatIsNone)
 {
     fs::create_directory("/tmp/elsewhere");
     WriteFile("/tmp/elsewhere/proc-main-ALWAYS.log", "NO_PATH");
     fs::create_directory_symlink("/tmp/elsewhere", kDrop);
     WriteFile(kRebootDrop, "a file");
-    const auto agent = StartAgent();
-    ASSERT_TRUE(Says(*agent, "kel-agent: /tmp/kel_NDF cannot be used: ")) << agent->ErrorOutput();
-    ASSERT_TRUE(Says(*agent, "kel-agent: /tmp/kel_NDF_reboot cannot be used: "))
-        << agent->ErrorOutput();
+    ASSERT_EQ(mkfifo(kTaken.c_str(), 0666), 0);
 
-    for (const size_t count : {1, 2}) { // the key is served all the same
-        RequestSlot("proc", "slot");
-        ASSERT_TRUE(WaitForReports(count)) << agent->ErrorOutput();
-    }
-    EXPECT_EQ(CountOf(agent->ErrorOutput(), "cannot be used: "), 2U) << agent->ErrorOutput();
-    EXPECT_EQ(NamesIn("/tmp/elsewhere"), TNames{"proc-main-ALWAYS.log"});
-    EXPECT_EQ(ModeOf("/tmp/elsewhere") & 01000U, 0U);
-    EXPECT_FALSE(fs::exists("/tmp/elsewhere/.taken"));
-    EXPECT_EQ(ReadFile(kRebootDrop), "a file");
+    const auto agent = StartCollector();
 
-    fs::remove(kDrop);
-    fs::remove(kRebootDrop);
-    ASSERT_TRUE(WaitUntil([] { return fs::exists(kDrop / ".taken"); })) << agent->ErrorOutput();
-    ASSERT_TRUE(WaitUntil([] { return fs::exists(kRebootDrop / ".taken"); }));
+    EXPECT_EQ(ModeOf(kDrop), 01733U);
+    EXPECT_EQ(ModeOf(kRebootDrop), 01733U);
+    EXPECT_EQ(ModeOf(kTaken), 0700U);
     Request(ALWAYS, "proc", "later");
     Request(ALWAYS, "proc", "later", 1);
-    EXPECT_TRUE(WaitForReports(4)) << agent->ErrorOutput();
+    EXPECT_TRUE(WaitForReports(2)) << agent->ErrorOutput();
+    EXPECT_EQ(NamesIn("/tmp/elsewhere"), TNames{"proc-main-ALWAYS.log"});
+    EXPECT_EQ(ModeOf("/tmp/elsewhere"), 0755U);
+    EXPECT_EQ(CountOf(agent->ErrorOutput(), " is moved aside\n"), 3U) << agent->ErrorOutput();
+    EXPECT_TRUE(WaitUntil([] { return CountOf(Text(NamesIn("/tmp")), "aside") == 0; }));
     fs::remove_all("/tmp/elsewhere");
+}
+
+TEST_F(DropDirectories, ThatAreMountPointsAreLeftAloneUntilTheyAreNone)
+{
+    const auto agent = StartCollector();
+    {
+        const Mount mounted(kDrop, "mode=1733");
+        Request(ALWAYS, "proc", "mounted");
+        Request(ALWAYS, "proc", "other", 1); // the other drop is served all the same
+        ASSERT_TRUE(WaitForReports(1)) << agent->ErrorOutput();
+        ASSERT_TRUE(Says(*agent, "kel-agent: /tmp/kel_NDF cannot be used: it is a mount point"))
+            << agent->ErrorOutput();
+        EXPECT_EQ(NamesIn(kDrop), TNames{"proc-mounted-ALWAYS.log"});
+    }
+    Request(ALWAYS, "proc", "main");
+    EXPECT_TRUE(WaitForReports(2)) << agent->ErrorOutput();
+    EXPECT_EQ(CountOf(agent->ErrorOutput(), "cannot be used: "), 1U) << agent->ErrorOutput();
 }
 
 TEST_F(DropDirectories, ThatAreRemovedAreMadeAgain)
@@ -482,12 +501,13 @@ TEST_F(DropDirectories, ThatAreRemovedAreMadeAgain)
     ASSERT_TRUE(WaitForReports(1)) << agent->ErrorOutput();
 
     fs::remove_all(kDrop);
+    fs::remove_all(kTaken);
     fs::remove_all(kRebootDrop);
 
     for (const fs::path& drop : {kDrop, kRebootDrop}) {
-        EXPECT_TRUE(WaitUntil([&] { return ModeOf(drop / ".taken") == 0700; })) << drop;
-        EXPECT_EQ(ModeOf(drop), 01733U);
+        EXPECT_TRUE(WaitUntil([&] { return ModeOf(drop) == 01733; })) << drop;
     }
+    EXPECT_TRUE(WaitUntil([] { return ModeOf(kTaken) == 0700; }));
     Request(ALWAYS, "proc", "second");
     Request(ALWAYS, "proc", "second", 1);
     EXPECT_TRUE(WaitForReports(3)) << agent->ErrorOutput();
@@ -508,7 +528,7 @@ protected:
     }
 };
 
-TEST_F(RequestNames, ThatAreNotUnderstoodStayWithOneLineEach)
+TEST_F(RequestNames, ThatAreNotUnderstoodAreRemovedWithOneLineForAll)
 {
     const TNames names = {"nonsense",
                           "proc.log",
@@ -517,26 +537,27 @@ TEST_F(RequestNames, ThatAreNotUnderstoodStayWithOneLineEach)
                           "proc-main-ALWAYS.txt",
                           "-ALWAYS.log",
                           ".hidden",
-                          std::string(114, 'p')};
+                          std::string(114, 'p'),
+                          std::string(150, 'p') + "-main-ALWAYS.log"};
     const auto agent = StartCollector();
 
+    File("a\nline");
+    ASSERT_TRUE(Says(*agent, "kel-agent: a\\x0aline of user 0 in /tmp/kel_NDF removed: its name is "
+                             "not that of a request\n"));
     for (const std::string& name : names) {
         File(name);
     }
-    File("a\nline");
 
-    for (const std::string& name : names) {
-        EXPECT_TRUE(Says(*agent, "kel-agent: " + name + " in /tmp/kel_NDF ignored: "))
-            << agent->ErrorOutput();
-    }
-    EXPECT_TRUE(Says(*agent, "kel-agent: a\\x0aline in /tmp/kel_NDF ignored: "));
+    EXPECT_TRUE(WaitUntil([] { return NamesIn(kDrop).empty(); }));
     LetItLook();
-    LetItLook();
-    EXPECT_EQ(CountOf(agent->ErrorOutput(), " ignored: "), names.size() + 1)
+    EXPECT_EQ(CountOf(agent->ErrorOutput(), " removed: "), 1U) << agent->ErrorOutput();
+    EXPECT_EQ(Ids().size(), 2U); // of the looks
+    agent->Signal(SIGTERM);
+    ASSERT_EQ(agent->Wait(), 0);
+    EXPECT_EQ(CountOf(agent->ErrorOutput(), "kel-agent: " + std::to_string(names.size())
+                                                + " more of user 0 within a minute removed: "),
+              1U)
         << agent->ErrorOutput();
-    EXPECT_EQ(NamesIn(kDrop).size(), names.size() + 1);
-    EXPECT_EQ(CountOf(agent->ErrorOutput(), ".taken"), 0U) << agent->ErrorOutput();
-    EXPECT_EQ(Ids().size(), 4U); // of the looks
 }
 
 TEST_F(RequestNames, AreToldAsTheyAreAndSplitAtTheLastHyphen)

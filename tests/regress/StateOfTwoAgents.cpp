@@ -14,7 +14,8 @@ TEST_F(ReportRoad, BesideOneOfTheTestChannelWithTheSameStateNoRequestWaitsForEve
 {
     const auto agent = StartCollector();
     const auto tester = StartAgent({"--test"});
-    ASSERT_TRUE(Says(*tester, "kel-agent: /tmp/kel_NDF cannot be used: another agent uses it\n"))
+    ASSERT_TRUE(Says(*tester, "kel-agent: /tmp/.kel_NDF.taken cannot be used: another agent "
+                              "uses it\n"))
         << tester->ErrorOutput();
 
     agent->Signal(SIGSTOP);

@@ -2,14 +2,50 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/syscall.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
+#if __has_include(<linux/openat2.h>)
+#include <linux/openat2.h>
+#endif
+
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <memory>
 #include <utility>
 
 namespace kel {
 namespace tools {
+
+namespace {
+
+constexpr const char* kAcls[] = {"system.posix_acl_access", "system.posix_acl_default"};
+
+// Fails with ENOSYS where there is no such system call, and with EPERM where it is forbidden.
+int OpenBeneath(int directory, const char* name, int flags)
+{
+#if defined(SYS_openat2) && defined(RESOLVE_BENEATH)
+    open_how how = {};
+    how.flags = static_cast<unsigned int>(flags);
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_XDEV;
+    return static_cast<int>(syscall(SYS_openat2, directory, name, &how, sizeof(how)));
+#else
+    static_cast<void>(directory), static_cast<void>(name), static_cast<void>(flags);
+    errno = ENOSYS;
+    return -1;
+#endif
+}
+
+bool IsOfOneFileSystem(int a, int b)
+{
+    struct stat first;
+    struct stat second;
+    return fstat(a, &first) == 0 && fstat(b, &second) == 0 && first.st_dev == second.st_dev;
+}
+
+} // namespace
 
 TCDescriptor::TCDescriptor(TCDescriptor&& other) noexcept
     : m_descriptor(std::exchange(other.m_descriptor, -1))
@@ -50,7 +86,43 @@ bool WriteNewFile(int directory, const std::string& name, const std::string& tex
     return file.IsOpen() && WriteAll(file.Get(), text) && fsync(file.Get()) == 0;
 }
 
-bool ListNames(int directory, std::vector<std::string>& names)
+TCDescriptor OpenIn(int directory, const std::string& name, int flags)
+{
+    if (name.empty() || name == ".." || name.find('/') != std::string::npos) {
+        errno = EINVAL;
+        return TCDescriptor();
+    }
+    flags |= O_NOFOLLOW | O_CLOEXEC;
+    TCDescriptor file(OpenBeneath(directory, name.c_str(), flags));
+    if (file.IsOpen() || (errno != ENOSYS && errno != EPERM)) {
+        return file;
+    }
+    // A single component: there is nothing to resolve but itself.
+    file.Reset(openat(directory, name.c_str(), flags));
+    if (file.IsOpen() && !IsOfOneFileSystem(directory, file.Get())) {
+        file.Reset();
+        errno = EXDEV;
+    }
+    return file;
+}
+
+bool HasAcl(int file)
+{
+    return std::any_of(std::begin(kAcls), std::end(kAcls), [file](const char* acl) {
+        return fgetxattr(file, acl, nullptr, 0) >= 0 || (errno != ENODATA && errno != EOPNOTSUPP);
+    });
+}
+
+bool RemoveAcl(int file)
+{
+    for (const char* const acl : kAcls) {
+        fremovexattr(file, acl);
+    }
+    return !HasAcl(file);
+}
+
+bool ForEachName(int directory,
+                 const std::function<bool(const std::string& name, unsigned char type)>& visit)
 {
     // Opened anew: what is open already may be shared, and goes on where its last reader stopped.
     const int own = openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -59,14 +131,25 @@ bool ListNames(int directory, std::vector<std::string>& names)
     if (!stream) {
         return false;
     }
-    errno = 0;
-    while (const dirent* const entry = readdir(stream.get())) {
+    for (;;) {
+        errno = 0; // the function may have set it
+        const dirent* const entry = readdir(stream.get());
+        if (entry == nullptr) {
+            return errno == 0;
+        }
         const std::string name = entry->d_name;
-        if (name != "." && name != "..") {
-            names.push_back(name);
+        if (name != "." && name != ".." && !visit(name, entry->d_type)) {
+            return true;
         }
     }
-    return errno == 0;
+}
+
+bool ListNames(int directory, std::vector<std::string>& names)
+{
+    return ForEachName(directory, [&names](const std::string& name, unsigned char) {
+        names.push_back(name);
+        return true;
+    });
 }
 
 } // namespace tools

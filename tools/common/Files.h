@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,29 @@ bool WriteAll(int descriptor, const std::string& text);
 /// @param directory  an open directory.
 /// @return true on success, otherwise false with errno set; part of the file may be there.
 bool WriteNewFile(int directory, const std::string& name, const std::string& text, mode_t mode);
+
+/// Opens what has this name in an open directory. Whoever else may write to the directory leads
+/// nobody astray: no link is followed, no directory above is reached, and nothing that is mounted
+/// there is entered (EXDEV).
+///
+/// @return none with errno set when it cannot be opened.
+TCDescriptor OpenIn(int directory, const std::string& name, int flags);
+
+/// Whether others than a file's mode tells have rights to it, or to what is made in it; also when
+/// that cannot be told.
+bool HasAcl(int file);
+
+/// Takes such rights away. The file is the agent's own.
+///
+/// @return true when there are none.
+bool RemoveAcl(int file);
+
+/// Calls a function with each name in an open directory but "." and "..", and with its type as
+/// readdir() tells it, until the function returns false. It may remove what it is called for.
+///
+/// @return true on success, otherwise false with errno set.
+bool ForEachName(int directory,
+                 const std::function<bool(const std::string& name, unsigned char type)>& visit);
 
 /// The names in an open directory but "." and "..", in its order.
 ///

@@ -9,6 +9,7 @@
 #include "Collector.h"
 #include "policy/PolicyStore.h"
 #include "reports/ReportStore.h"
+#include "requests/RequestIntake.h"
 
 typedef struct _GMainLoop GMainLoop;
 
@@ -57,7 +58,8 @@ private:
     GMainLoop* const m_pLoop; // released by the destructor
     long long m_nameDeadline; // in the monotonic clock's microseconds
     bool m_ok;
-    TCDbusServer m_server; // behind what its callbacks use
+    TCRequestIntake m_intake; // before the server: who sees the agent's name finds its directories
+    TCDbusServer m_server;    // behind what its callbacks use
     // Last, because no send may be under way when the server goes.
     TCAnnouncer m_announcer;
     TCCollector m_collector;

@@ -1,19 +1,15 @@
 #include "Collector.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/inotify.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <exception>
 #include <iterator>
-#include <tuple>
 #include <utility>
+#include <vector>
 
 #include <kel/KELDirsManager.h>
 
@@ -23,36 +19,35 @@ namespace kel {
 namespace agent {
 
 using tools::Printable;
+using tools::TCOutcome;
 
 namespace {
 
-constexpr char kDrop[] = "/tmp/kel_NDF";
-constexpr char kRebootDrop[] = "/tmp/kel_NDF_reboot";
-constexpr size_t kPathCutSize = 126; // of a request file's path, by the library
+typedef std::chrono::steady_clock TClock;
 
-// Nothing tells of a change of the key, nor of a directory that is missing.
-constexpr int kPeriod = 1000; // ms
-constexpr int kSoon = 50;     // ms; for what is just being written
+// Nothing tells of a change of the key, nor of room on a disk.
+constexpr std::chrono::milliseconds kPeriod(1000);
+
+// Those who come meanwhile have their turn after so many, or so long.
+constexpr size_t kBatch = 64;
+constexpr std::chrono::milliseconds kBatchTime(500);
+
+constexpr size_t kMostTold = 256; // a flood that waits needs no line for each
+
+std::chrono::milliseconds Until(TClock::time_point due)
+{
+    const TClock::time_point now = TClock::now();
+    if (due <= now) {
+        return std::chrono::milliseconds(0);
+    }
+    return due - now >= kPeriod ? kPeriod : std::chrono::ceil<std::chrono::milliseconds>(due - now);
+}
 
 } // namespace
 
-std::string TCCollector::TSFound::Source() const
-{
-    return m_pDrop != nullptr ? m_pDrop->Path() : TCRequestSlot::kKey;
-}
-
-bool TCCollector::TSFound::operator<(const TSFound& other) const
-{
-    return std::tie(m_pDrop, m_name) < std::tie(other.m_pDrop, other.m_name);
-}
-
-TCCollector::TCCollector(IDbusServer& server, const std::string& stateDirectory,
-                         const TCReportStore::TSLimits& limits)
-    : m_reporter(server, stateDirectory, limits), m_drops{TCRequestDrop(kRebootDrop, true,
-                                                                        kPathCutSize),
-                                                          TCRequestDrop(kDrop, false,
-                                                                        kPathCutSize)},
-      m_slot(stateDirectory), m_changes(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)),
+TCCollector::TCCollector(IDbusServer& server, TCRequestIntake& intake,
+                         const std::string& stateDirectory, const TCReportStore::TSLimits& limits)
+    : m_reporter(server, stateDirectory, limits), m_intake(intake), m_slot(stateDirectory),
       m_stop(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
 {}
 
@@ -71,123 +66,139 @@ void TCCollector::Stop()
 void TCCollector::m_Run()
 {
     TCDirsManager::Initialize();
-    while (!m_IsStopped()) {
-        bool unfinished = false;
+    for (;;) {
+        EProgress progress = EProgress::Waiting;
         try {
-            unfinished = m_Collect();
+            progress = m_Collect();
         } catch (const std::exception& failure) { // out of memory, say: what waits goes on waiting
             std::fprintf(stderr, "kel-agent: collecting: %s\n", failure.what());
         }
+        if (!m_WaitForRequests(progress)) {
+            return;
+        }
+    }
+}
+
+// Until something changes, or it is time to look all the same; false when that is the end.
+bool TCCollector::m_WaitForRequests(EProgress progress)
+{
+    std::chrono::milliseconds time
+        = progress == EProgress::Waiting ? kPeriod : Until(m_intake.Due());
+    if (progress == EProgress::More) {
+        time = std::chrono::milliseconds(0);
+    }
+    pollfd events[] = {{m_stop.Get(), POLLIN, 0}, {m_intake.Changes(), POLLIN, 0}};
+    poll(events, std::size(events), static_cast<int>(time.count()));
+    if (events[1].revents != 0) {
+        m_intake.ReadChanges();
+    }
+    return events[0].revents == 0;
+}
+
+// Makes reports of some of the requests there are.
+TCCollector::EProgress TCCollector::m_Collect()
+{
+    m_intake.Look();
+    bool areNew = false;
+    std::vector<TSRequest> requests = m_intake.Batch(kBatch, areNew);
+    const bool areAll = requests.size() < kBatch;
+
+    std::optional<TSRequest> ofSlot;
+    const bool slotWaits = !m_TakeFromSlot(ofSlot);
+    if (ofSlot) {
+        areNew = areNew || ofSlot->m_stamp != m_gatheredSlot;
+        requests.insert(requests.begin(), *ofSlot);
+    }
+    EProgress progress = EProgress::Idle;
+    if (!requests.empty()) {
+        const TCOutcome opened = m_reporter.Open();
+        if (opened) {
+            m_intake.RemoveReported(
+                [this](const TSRequest& request) { return m_reporter.IsReported(request); });
+        }
+        if (opened && areNew) { // those who wait were asked for before
+            m_reporter.Gather();
+            m_intake.SetGathered();
+            m_gatheredSlot = ofSlot ? ofSlot->m_stamp : "";
+        }
+        progress = m_Serve(requests, opened);
         // Another agent may have the same one, and requests that we do not see.
         m_reporter.Close();
-        m_WaitForRequests(unfinished);
     }
+    if (progress == EProgress::Idle && slotWaits) {
+        return EProgress::Waiting;
+    }
+    if (progress == EProgress::Idle) {
+        m_told.clear();
+    }
+    return progress == EProgress::Idle && !areAll ? EProgress::More : progress;
 }
 
-// Until something changes in the drop directories, or it is time to look all the same.
-void TCCollector::m_WaitForRequests(bool soon)
+// False when there is one that cannot be taken.
+bool TCCollector::m_TakeFromSlot(std::optional<TSRequest>& request)
 {
-    pollfd events[] = {{m_stop.Get(), POLLIN, 0}, {m_changes.Get(), POLLIN, 0}};
-    poll(events, std::size(events), soon ? kSoon : kPeriod);
-    // All at once: what has changed will be seen.
-    alignas(inotify_event) char changes[4096];
-    while (read(m_changes.Get(), changes, sizeof(changes)) > 0) {
+    const std::string value = m_slot.Waiting();
+    if (value.empty()) {
+        return true;
     }
+    const TCOutcome taken = m_slot.Take(request);
+    if (!taken) {
+        m_LetWait(value, tools::kRequestKey, taken.Reason());
+    }
+    return taken.IsDone();
 }
 
-// Makes a report of all requests there are. True when one is just being written.
-bool TCCollector::m_Collect()
+TCCollector::EProgress TCCollector::m_Serve(const std::vector<TSRequest>& requests,
+                                            TCOutcome canReport)
 {
-    bool unfinished = false;
-    const std::vector<TSFound> found = m_Find(unfinished);
-    if (found.empty()) {
-        m_waiting.clear();
-        return unfinished;
-    }
-
-    const tools::TCOutcome opened = m_reporter.Open();
-    bool open = opened.IsDone();
-    std::string reason = opened.Reason();
-    const bool areNew = std::any_of(found.begin(), found.end(), [this](const TSFound& one) {
-        return m_waiting.count(one) == 0;
-    });
-    if (open && areNew) { // those who wait were asked for before
-        m_reporter.Gather();
-    }
-    for (const TSFound& one : found) {
+    const TClock::time_point end = TClock::now() + kBatchTime;
+    EProgress progress = EProgress::Idle;
+    for (const TSRequest& request : requests) {
         if (m_IsStopped()) {
-            return false;
+            return progress;
         }
-        std::string why = reason;
-        bool served = false;
+        if (progress == EProgress::Idle && TClock::now() >= end) {
+            return EProgress::More;
+        }
+        TCOutcome served = canReport;
         try {
-            served = open && m_Serve(one, open, why);
+            served = canReport ? m_ServeOne(request, canReport) : canReport;
         } catch (const std::exception& failure) { // of this one: the others do not wait for it
-            why = failure.what();
+            served = TCOutcome::Failed(failure.what());
         }
         if (!served) {
-            m_LetWait(one, why);
-        }
-        if (!open) {
-            reason = why; // of all that follow
+            m_LetWait(request.m_name, request.m_source, served.Reason());
+            progress = EProgress::Waiting;
         }
     }
-    m_waiting.swap(m_stillWaiting);
-    m_stillWaiting.clear();
-    return unfinished;
+    return progress;
 }
 
-std::vector<TCCollector::TSFound> TCCollector::m_Find(bool& unfinished)
+// Failed when it has to wait: alone, or, when there can be no reports, like all others.
+TCOutcome TCCollector::m_ServeOne(const TSRequest& request, TCOutcome& canReport)
 {
-    std::vector<TSFound> found;
-    for (TCRequestDrop& drop : m_drops) {
-        if (!drop.Open()) {
-            continue;
-        }
-        inotify_add_watch(m_changes.Get(), drop.Path().c_str(),
-                          IN_CLOSE_WRITE | IN_MOVED_TO | IN_ONLYDIR | IN_DONT_FOLLOW);
-        for (std::string& name : drop.List(unfinished)) {
-            found.push_back({&drop, std::move(name)});
-        }
-    }
-    std::string value = m_slot.Waiting();
-    if (!value.empty()) {
-        found.push_back({nullptr, std::move(value)});
-    }
-    return found;
-}
-
-// False, with the reason, when it has to wait: alone, or, with the store closed, like all others.
-// Otherwise its report is made, or it is none.
-bool TCCollector::m_Serve(const TSFound& found, bool& open, std::string& reason)
-{
-    TSRequest request;
-    if (!(found.m_pDrop != nullptr ? found.m_pDrop->Take(found.m_name, request, reason)
-                                   : m_slot.Take(request, reason))) {
-        return reason.empty();
-    }
     if (!m_reporter.IsReported(request) && m_unremoved.count(request.m_stamp) == 0) {
-        const tools::TCOutcome reported = m_reporter.Report(request);
-        if (!reported) {
-            reason = reported.Reason();
-            open = false;
-            return false;
+        canReport = m_reporter.Report(request);
+        if (!canReport) {
+            return canReport;
         }
     }
-    const bool removed
-        = found.m_pDrop != nullptr ? found.m_pDrop->Remove(request, reason) : m_slot.Remove(reason);
-    if (!removed) {
+    TCOutcome removed
+        = request.m_source == tools::kRequestKey ? m_slot.Remove() : m_intake.Remove(request);
+    if (removed) {
+        m_unremoved.erase(request.m_stamp);
+    } else {
         m_unremoved.insert(request.m_stamp);
     }
     return removed;
 }
 
-void TCCollector::m_LetWait(const TSFound& found, const std::string& reason)
+void TCCollector::m_LetWait(const std::string& name, const std::string& source,
+                            const std::string& reason)
 {
-    m_stillWaiting.insert(found);
-    if (m_waiting.count(found) == 0) {
-        std::fprintf(stderr, "kel-agent: %s in %s waits: %s\n", Printable(found.m_name).c_str(),
-                     found.Source().c_str(), reason.c_str());
+    if (m_told.size() < kMostTold && m_told.insert(source + "/" + name).second) {
+        std::fprintf(stderr, "kel-agent: %s in %s waits: %s\n", Printable(name).c_str(),
+                     source.c_str(), reason.c_str());
     }
 }
 

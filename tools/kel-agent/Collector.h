@@ -1,36 +1,35 @@
 #pragma once
 
-#include <array>
-#include <cstdint>
+#include <chrono>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include <kel/IDbusServer.h>
 
 #include "common/Files.h"
+#include "common/Outcome.h"
 #include "reports/Reporter.h"
-#include "requests/RequestDrop.h"
+#include "requests/RequestIntake.h"
 #include "requests/RequestSlot.h"
 
 namespace kel {
 namespace agent {
 
-/// Collects what applications have asked for: watches the places where they leave requests, and
-/// makes a report of each, once. It works on a thread of its own; the kernel log is read by
-/// another, in the idle scheduling class.
+/// Collects what applications have asked for: takes requests in where they leave them, and makes a
+/// report of each, once. It works on a thread of its own.
 ///
-/// A request stays where it is until its report has reached the disk. While there can be none, as
-/// long as the disk is full, say, it waits, and a line in the log tells why.
+/// A request stays where it was taken to until its report has reached the disk. While there can be
+/// none, as long as the disk is full, say, it waits, and a line in the log tells why.
 ///
 /// Threads: made, opened, stopped and destroyed on one thread.
 class TCCollector
 {
 public:
-    /// @param server  asked to ask the applications; outlives this object.
-    TCCollector(IDbusServer& server, const std::string& stateDirectory,
+    /// @param server  asked to ask the applications; this and the intake outlive this object.
+    TCCollector(IDbusServer& server, TCRequestIntake& intake, const std::string& stateDirectory,
                 const TCReportStore::TSLimits& limits);
     ~TCCollector();
     TCCollector(const TCCollector&) = delete;
@@ -43,34 +42,26 @@ public:
     void Stop();
 
 private:
-    /// A request that was found, and is not taken yet.
-    struct TSFound
-    {
-        TCRequestDrop* m_pDrop; // null: the slot
-        std::string m_name;
-
-        std::string Source() const;
-        bool operator<(const TSFound& other) const;
-    };
+    enum class EProgress { Idle, More, Waiting };
 
     void m_Run();
-    void m_WaitForRequests(bool soon);
-    bool m_Collect();
-    std::vector<TSFound> m_Find(bool& unfinished);
-    bool m_Serve(const TSFound& found, bool& open, std::string& reason);
-    void m_LetWait(const TSFound& found, const std::string& reason);
+    bool m_WaitForRequests(EProgress progress);
+    EProgress m_Collect();
+    bool m_TakeFromSlot(std::optional<TSRequest>& request);
+    EProgress m_Serve(const std::vector<TSRequest>& requests, tools::TCOutcome canReport);
+    tools::TCOutcome m_ServeOne(const TSRequest& request, tools::TCOutcome& canReport);
+    void m_LetWait(const std::string& name, const std::string& source, const std::string& reason);
     bool m_IsStopped() const;
 
     TCReporter m_reporter;
-    std::array<TCRequestDrop, 2> m_drops;
+    TCRequestIntake& m_intake;
     TCRequestSlot m_slot;
 
-    std::set<TSFound> m_waiting;       // whose reason to wait was told
-    std::set<TSFound> m_stillWaiting;  // of those that were found last
+    std::set<std::string> m_told;      // of what waits, by source and name
     std::set<std::string> m_unremoved; // stamps of requests that have a report and are still there
+    std::string m_gatheredSlot;        // the stamp of the slot's request that was gathered for
 
-    tools::TCDescriptor m_changes; // of the drop directories
-    tools::TCDescriptor m_stop;    // readable from Stop() on
+    tools::TCDescriptor m_stop; // readable from Stop() on
 
     std::thread m_thread;
 };

@@ -3,14 +3,16 @@
 #include <algorithm>
 #include <iterator>
 
+#include "common/RequestFormat.h"
+
 namespace kel {
 namespace agent {
 
 namespace {
 
-constexpr char kSuffix[] = ".log";
-constexpr const char* kModes[] = {"OQC_ALWAYS", "ALWAYS", "ONCE_ONLY", "POLICY"};
-constexpr size_t kSlotCutSize = 511;
+using tools::kRequestModes;
+using tools::kRequestNameSeparator;
+using tools::kRequestValueSeparator;
 
 struct TSNames
 {
@@ -52,13 +54,17 @@ bool IsNumber(const std::string& text)
 
 bool ReadFileName(const std::string& name, size_t cutSize, TSRequest& request)
 {
+    if (name.size() > cutSize) {
+        return false;
+    }
     std::string names = name;
-    const bool hasSuffix = TakeOff(names, kSuffix);
-    const auto mode = std::find_if(std::begin(kModes), std::end(kModes), [&](const char* word) {
-        return hasSuffix && TakeOff(names, std::string("-") + word);
-    });
-    if (mode != std::end(kModes)) {
-        if (names.find('-') == std::string::npos) {
+    const bool hasSuffix = TakeOff(names, tools::kRequestSuffix);
+    const auto mode
+        = std::find_if(std::begin(kRequestModes), std::end(kRequestModes), [&](const char* word) {
+              return hasSuffix && TakeOff(names, std::string(1, kRequestNameSeparator) + word);
+          });
+    if (mode != std::end(kRequestModes)) {
+        if (names.find(kRequestNameSeparator) == std::string::npos) {
             return false;
         }
         request.m_mode = *mode;
@@ -68,7 +74,7 @@ bool ReadFileName(const std::string& name, size_t cutSize, TSRequest& request)
     } else {
         return false;
     }
-    const TSNames split = Split(names, '-');
+    const TSNames split = Split(names, kRequestNameSeparator);
     request.m_process = split.process;
     request.m_thread = split.thread;
     return true;
@@ -77,16 +83,17 @@ bool ReadFileName(const std::string& name, size_t cutSize, TSRequest& request)
 bool ReadSlotValue(const std::string& value, TSRequest& request)
 {
     std::string names = value;
-    const size_t at = value.rfind('|');
-    if (at != std::string::npos && value.find('|') < at && IsNumber(value.substr(at + 1))) {
+    const size_t at = value.rfind(kRequestValueSeparator);
+    if (at != std::string::npos && value.find(kRequestValueSeparator) < at
+        && IsNumber(value.substr(at + 1))) {
         names.resize(at);
         request.m_reboot = value.find_first_not_of("-0", at + 1) != std::string::npos;
-    } else if (value.size() == kSlotCutSize) {
+    } else if (value.size() == tools::kLongestRequestValue) {
         request.m_cut = true;
     } else {
         return false;
     }
-    const TSNames split = Split(names, '|');
+    const TSNames split = Split(names, kRequestValueSeparator);
     request.m_process = split.process;
     request.m_thread = split.thread;
     return true;
@@ -94,8 +101,7 @@ bool ReadSlotValue(const std::string& value, TSRequest& request)
 
 std::string Stamp(const struct stat& status)
 {
-    // The time of its last change is that at which it was taken: a number that is used once more,
-    // by a file of the same moment, does not make another request of the same stamp.
+    // With the times: the number of a file that has gone is used once more.
     const auto time = [](const timespec& when) {
         return std::to_string(when.tv_sec) + "." + std::to_string(when.tv_nsec);
     };

@@ -27,7 +27,8 @@ struct TSRequest
     std::optional<uid_t> m_user;
 
     timespec m_filed = {};
-    std::string m_stamp; // tells it from all others, also from a later one of the same name
+    std::string m_stamp; // tells it from all others, also from a later one of the same name; a file
+                         // that was taken has it as its name
 };
 
 /// Reads the name of a request file into process, thread and mode.
@@ -35,7 +36,9 @@ struct TSRequest
 /// Names may have hyphens, and the fields are separated by one. Two equal halves are a name that
 /// stands for both process and thread; otherwise the last hyphen separates the two.
 ///
-/// @param cutSize  the size of a name that the library has cut: it need not have a mode.
+/// @param cutSize  the size of a name that the library has cut, and of the longest that it makes:
+/// it
+///                 need not have a mode.
 /// @return true on success; false, with the request untouched, for a name that the library does
 ///         not make.
 bool ReadFileName(const std::string& name, size_t cutSize, TSRequest& request);
@@ -45,7 +48,7 @@ bool ReadFileName(const std::string& name, size_t cutSize, TSRequest& request);
 /// @return true on success; false, with the request untouched, for another value.
 bool ReadSlotValue(const std::string& value, TSRequest& request);
 
-/// A request's stamp: what its file is told by.
+/// A stamp for a request that is kept in a file of its own: what the file is told by.
 std::string Stamp(const struct stat& status);
 
 } // namespace agent

@@ -19,8 +19,10 @@
 namespace kel {
 namespace agent {
 
+using tools::kRequestKey;
 using tools::Printable;
 using tools::TCDescriptor;
+using tools::TCOutcome;
 using tools::WriteNewFile;
 
 namespace {
@@ -32,32 +34,31 @@ constexpr size_t kMostOfAValue = 4096;
 
 std::string ReadKey()
 {
-    const std::unique_ptr<char, void (*)(void*)> value(vconf_get_str(TCRequestSlot::kKey),
-                                                       &std::free);
+    const std::unique_ptr<char, void (*)(void*)> value(vconf_get_str(kRequestKey), &std::free);
     return value ? std::string(value.get()).substr(0, kMostOfAValue) : std::string();
 }
 
 } // namespace
 
 TCRequestSlot::TCRequestSlot(const std::string& stateDirectory)
-    : m_stateDirectory(stateDirectory), m_resumed(false)
+    : m_stateDirectory(stateDirectory), m_resumed(false), m_isTaken(true)
 {}
 
 std::string TCRequestSlot::Waiting()
 {
     std::string taken;
     struct stat status;
-    const bool isTaken = m_ReadTaken(taken, status);
-    std::string value = ReadKey();
-    if (!m_resumed) {
-        m_resumed = true;
-        if (isTaken && value == taken) { // killed before it could empty the key
-            vconf_set_str(kKey, "");
+    if (m_isTaken && m_ReadTaken(taken, status)) {
+        if (!m_resumed && ReadKey() == taken) { // killed before it could empty the key
+            vconf_set_str(kRequestKey, "");
         }
-    }
-    if (isTaken) {
+        m_resumed = true;
         return taken;
     }
+    // Not while the directory is gone: it may come back with one.
+    m_isTaken = m_isTaken && access(m_stateDirectory.c_str(), F_OK) != 0;
+    m_resumed = true;
+    std::string value = ReadKey();
     if (value != m_stuck) {
         m_stuck.clear();
         return value;
@@ -65,47 +66,51 @@ std::string TCRequestSlot::Waiting()
     return "";
 }
 
-bool TCRequestSlot::Take(TSRequest& request, std::string& reason)
+TCOutcome TCRequestSlot::Take(std::optional<TSRequest>& request)
 {
     std::string value;
     struct stat status;
     if (!m_ReadTaken(value, status)) {
         value = ReadKey();
-        if (value.empty() || !m_WriteTaken(value, reason) || !m_ReadTaken(value, status)) {
-            return false;
+        if (value.empty()) {
+            return TCOutcome(); // it has just gone
         }
-        if (vconf_set_str(kKey, "") != 0) {
+        TCOutcome written = m_WriteTaken(value);
+        m_isTaken = true;
+        if (!written || !m_ReadTaken(value, status)) {
+            return written;
+        }
+        if (vconf_set_str(kRequestKey, "") != 0) {
             m_stuck = value;
             std::fprintf(stderr,
                          "kel-agent: %s cannot be emptied: the same request once more "
                          "will not be seen\n",
-                         kKey);
+                         kRequestKey);
         }
     }
 
     TSRequest read;
     if (!ReadSlotValue(value, read)) {
         std::fprintf(stderr, "kel-agent: %s in %s ignored: it is not of the form of a request\n",
-                     Printable(value).c_str(), kKey);
-        Remove(reason);
-        return false;
+                     Printable(value).c_str(), kRequestKey);
+        return Remove();
     }
-    read.m_source = kKey;
+    read.m_source = kRequestKey;
     read.m_name = value;
     read.m_filed = status.st_mtim;
     read.m_stamp = Stamp(status);
     request = std::move(read);
-    return true;
+    return TCOutcome();
 }
 
-bool TCRequestSlot::Remove(std::string& reason)
+TCOutcome TCRequestSlot::Remove()
 {
     const std::string path = m_stateDirectory + "/" + kTakenFile;
     if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-        reason = path + " cannot be removed: " + std::strerror(errno);
-        return false;
+        return TCOutcome::Failed(path + " cannot be removed: " + std::strerror(errno));
     }
-    return true;
+    m_isTaken = false;
+    return TCOutcome();
 }
 
 bool TCRequestSlot::m_ReadTaken(std::string& value, struct stat& status) const
@@ -123,20 +128,20 @@ bool TCRequestSlot::m_ReadTaken(std::string& value, struct stat& status) const
     return true;
 }
 
-bool TCRequestSlot::m_WriteTaken(const std::string& value, std::string& reason) const
+TCOutcome TCRequestSlot::m_WriteTaken(const std::string& value) const
 {
     const TCDescriptor directory(
         open(m_stateDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (directory.IsOpen() && WriteNewFile(directory.Get(), kNewFile, value, kMode)
         && renameat(directory.Get(), kNewFile, directory.Get(), kTakenFile) == 0
         && fsync(directory.Get()) == 0) {
-        return true;
+        return TCOutcome();
     }
-    reason = m_stateDirectory + ": " + std::strerror(errno);
+    const TCOutcome failed = TCOutcome::Failed(m_stateDirectory + ": " + std::strerror(errno));
     if (directory.IsOpen()) {
         unlinkat(directory.Get(), kNewFile, 0);
     }
-    return false;
+    return failed;
 }
 
 } // namespace agent

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
+#include "common/Outcome.h"
+#include "common/RequestFormat.h"
 #include "requests/Request.h"
 
 namespace kel {
@@ -19,29 +22,27 @@ class TCRequestSlot
 public:
     explicit TCRequestSlot(const std::string& stateDirectory);
 
-    /// The value that waits, in the state directory or in the key; empty when there is none.
+    /// The value that waits, in the state directory or in the key; empty when there is none. It
+    /// looks the key up, and nothing else, as long as there is none.
     std::string Waiting();
 
     /// Takes and reads what waits.
     ///
-    /// @param reason  replaced by one line when it could not be taken, untouched otherwise.
-    /// @return true on success; false when it could not be taken, or is no request and was removed
-    ///         with a line in the log.
-    bool Take(TSRequest& request, std::string& reason);
+    /// @param request  replaced by what was taken; untouched when it is no request and was removed,
+    ///                 with a line in the log.
+    /// @return failed when it could not be taken.
+    tools::TCOutcome Take(std::optional<TSRequest>& request);
 
     /// Removes the one that was taken.
-    ///
-    /// @param reason  replaced by one line on failure; untouched otherwise.
-    bool Remove(std::string& reason);
-
-    static constexpr char kKey[] = "memory/kel/ndf_one";
+    tools::TCOutcome Remove();
 
 private:
     bool m_ReadTaken(std::string& value, struct stat& status) const;
-    bool m_WriteTaken(const std::string& value, std::string& reason) const;
+    tools::TCOutcome m_WriteTaken(const std::string& value) const;
 
     const std::string m_stateDirectory;
     bool m_resumed;      // what a killed agent has left was compared with the key
+    bool m_isTaken;      // there may be one in the state directory
     std::string m_stuck; // the value that could not be emptied: it was served
 };
 

@@ -1,0 +1,122 @@
+#include "requests/ExactDirectory.h"
+
+#include <fcntl.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+namespace kel {
+namespace agent {
+
+using tools::HasAcl;
+using tools::OpenIn;
+using tools::RemoveAcl;
+using tools::TCDescriptor;
+using tools::TCOutcome;
+
+namespace {
+
+constexpr mode_t kPermissions = 07777;
+constexpr mode_t kOwnersAlone = 0700;
+constexpr int kDirectory = O_RDONLY | O_DIRECTORY;
+
+// Each one that is moved aside may have been put there since the one before; not for ever.
+constexpr int kAttempts = 8;
+
+bool IsExact(int directory, mode_t mode)
+{
+    struct stat status;
+    return fstat(directory, &status) == 0 && status.st_uid == geteuid()
+           && (status.st_mode & kPermissions) == mode && !HasAcl(directory);
+}
+
+std::string RandomName()
+{
+    uint64_t number = 0;
+    getrandom(&number, sizeof(number), 0);
+    char name[sizeof("0123456789abcdef")];
+    std::snprintf(name, sizeof(name), "%016llx", static_cast<unsigned long long>(number));
+    return name;
+}
+
+} // namespace
+
+TCExactDirectory::TCExactDirectory(std::string name, mode_t mode, std::string aside)
+    : m_name(std::move(name)), m_mode(mode), m_aside(std::move(aside))
+{}
+
+TCOutcome TCExactDirectory::Open(int parent, TCDescriptor& directory, bool& moved) const
+{
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        TCDescriptor found = OpenIn(parent, m_name, kDirectory);
+        if (found.IsOpen() && IsExact(found.Get(), m_mode)) {
+            directory = std::move(found);
+            return TCOutcome();
+        }
+        if (!found.IsOpen() && errno == EXDEV) {
+            return TCOutcome::Failed("it is a mount point, which requests cannot be moved out of");
+        }
+        TCOutcome step
+            = !found.IsOpen() && errno == ENOENT ? m_Make(parent) : m_MoveAside(parent, moved);
+        if (!step) {
+            return step;
+        }
+    }
+    return TCOutcome::Failed("it is replaced again and again");
+}
+
+// With the owner's rights alone until it is exact, whatever the umask and the parent's ACL give.
+TCOutcome TCExactDirectory::m_Make(int parent) const
+{
+    if (mkdirat(parent, m_name.c_str(), kOwnersAlone) != 0) {
+        return errno == EEXIST ? TCOutcome() : TCOutcome::Failed(std::strerror(errno));
+    }
+    const TCDescriptor made = OpenIn(parent, m_name, kDirectory);
+    if (!made.IsOpen()) {
+        return TCOutcome::Failed(std::strerror(errno));
+    }
+    if (!RemoveAcl(made.Get()) || fchmod(made.Get(), m_mode) != 0) {
+        return TCOutcome::Failed(std::string("its rights cannot be set: ") + std::strerror(errno));
+    }
+    return IsExact(made.Get(), m_mode) ? TCOutcome()
+                                       : TCOutcome::Failed("its rights cannot be set");
+}
+
+TCOutcome TCExactDirectory::m_MoveAside(int parent, bool& moved) const
+{
+    struct stat status = {};
+    fstatat(parent, m_name.c_str(), &status, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT);
+    const std::string aside = m_aside + RandomName();
+    if (renameat2(parent, m_name.c_str(), parent, aside.c_str(), RENAME_NOREPLACE) == 0) {
+        moved = true;
+        std::fprintf(stderr, "kel-agent: what user %u had in the place of %s is moved aside\n",
+                     status.st_uid, m_name.c_str());
+        return TCOutcome();
+    }
+    return errno == ENOENT
+               ? TCOutcome() // it has just gone
+               : TCOutcome::Failed("what user " + std::to_string(status.st_uid)
+                                   + " has in its place cannot be moved: " + std::strerror(errno));
+}
+
+// The ACLs go after the owner, who could give himself others until then.
+bool Freeze(int directory)
+{
+    struct stat status;
+    if (fstat(directory, &status) != 0) {
+        return false;
+    }
+    if (status.st_uid != geteuid() && fchown(directory, geteuid(), getegid()) != 0) {
+        return false;
+    }
+    return RemoveAcl(directory) && fchmod(directory, kOwnersAlone) == 0;
+}
+
+} // namespace agent
+} // namespace kel
