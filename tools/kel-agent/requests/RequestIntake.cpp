@@ -34,6 +34,8 @@ constexpr std::chrono::milliseconds kJunkDelay(1000);
 
 // A writer that has not closed its file for so long has passed it on to a child, or hangs.
 constexpr std::chrono::seconds kWriterPatience(5);
+// The system tells of a writer's end a moment before a lease is granted. The looks become rarer.
+constexpr std::chrono::milliseconds kFirstDelay(1);
 // How long a file has to stay as it is where the system does not tell whether it has a writer.
 constexpr std::chrono::milliseconds kQuietTime(200);
 
@@ -224,7 +226,8 @@ void TCRequestIntake::m_FindTaken()
         if (S_ISREG(status.st_mode) && TSTakenName::Read(name, taken)) {
             m_queue.Add(status.st_uid, name);
         } else {
-            m_trash.Throw(m_taken.Get(), name, TCTrash::kPlain);
+            std::string moved;
+            m_trash.Move(m_taken.Get(), name, TCTrash::kPlain, moved);
         }
         return true;
     });
@@ -268,7 +271,10 @@ void TCRequestIntake::m_SweepAsides(TCPassLimit& limit)
                 m_asides = true;
                 return false;
             }
-            if (!m_trash.Throw(m_parent.Get(), name, name[prefix.size()])) {
+            std::string moved;
+            if (m_trash.Move(m_parent.Get(), name, name[prefix.size()], moved)) {
+                m_trash.Remove(moved);
+            } else {
                 m_junk.Tell(name, tools::kTemporaryDirectory, 0,
                             std::string("cannot be removed: ") + std::strerror(errno));
             }
@@ -294,6 +300,12 @@ EFound TCRequestIntake::m_Take(int directory, const std::string& name, const std
         [this](uid_t user) { return m_queue.HasRoom(user); }, taken, status);
     if (found == EFound::Request) {
         m_queue.Add(status.st_uid, taken);
+    } else if (!taken.empty()) { // it was replaced in the moment before
+        std::string moved;
+        m_trash.Move(m_taken.Get(), taken, TCTrash::kPlain, moved);
+        m_trash.Remove(moved);
+        m_junk.Tell(original, drop.m_path, status.st_uid, std::string("removed: ") + Reason(found));
+        return EFound::Gone;
     } else if (found == EFound::NotNow) {
         m_junk.Tell(original, drop.m_path, status.st_uid,
                     std::string("waits: ") + std::strerror(errno));
@@ -310,24 +322,32 @@ bool TCRequestIntake::m_TakeOrThrow(int directory, const std::string& name, cons
     if (found == EFound::Request || found == EFound::Gone || found == EFound::NotNow) {
         return found != EFound::NotNow;
     }
-    return limit.MayRemove() && m_Throw(directory, name, drop, Reason(found));
+    return limit.MayRemove() && m_Throw(directory, name, drop, found);
 }
 
+// It may have been replaced since it was looked at, and be somebody's request now. It is moved
+// first, and judged once more where nobody can replace it.
 bool TCRequestIntake::m_Throw(int directory, const std::string& name, const TSDrop& drop,
-                              const char* reason)
+                              EFound found)
 {
-    struct stat status = {};
-    const TCDescriptor one = OpenIn(directory, name, O_PATH);
-    if (one.IsOpen()) {
-        fstat(one.Get(), &status);
-    } else if (errno == ELOOP) { // a link, which is not opened
-        fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT);
+    std::string moved;
+    if (!m_trash.Move(directory, name, TCTrash::kPlain, moved)) {
+        const int reason = errno;
+        if (reason != ENOENT) {
+            m_junk.Tell(name, drop.m_path, 0,
+                        std::string("cannot be removed (") + std::strerror(reason)
+                            + "): " + Reason(found));
+        }
+        return reason == ENOENT;
     }
-    const bool thrown = m_trash.Throw(directory, name, TCTrash::kPlain);
-    const std::string fate
-        = thrown ? "removed" : std::string("cannot be removed (") + std::strerror(errno) + ")";
-    m_junk.Tell(name, drop.m_path, status.st_uid, fate + ": " + reason);
-    return thrown;
+    struct stat status = {};
+    fstatat(m_trash.Get(), moved.c_str(), &status, AT_SYMLINK_NOFOLLOW);
+    if (m_Take(m_trash.Get(), moved, name, drop, IFTODT(status.st_mode)) == EFound::Request) {
+        return true;
+    }
+    m_trash.Remove(moved);
+    m_junk.Tell(name, drop.m_path, status.st_uid, std::string("removed: ") + Reason(found));
+    return true;
 }
 
 // From what was in a drop's place, or in that of the taken ones, requests are taken like from
@@ -390,28 +410,29 @@ bool TCRequestIntake::m_IsWaitedFor(int file, const std::string& name,
         fcntl(file, F_SETLEASE, F_UNLCK);
         return false;
     }
-    const bool isTold = errno == EAGAIN; // by the system, also when the writer ends
+    const bool isKnown = errno == EAGAIN;
     const TClock::time_point now = TClock::now();
     if (!entry.m_writer) {
         if (!m_queue.HasRoomForAWriter(name)) {
             return false;
         }
-        const TClock::time_point end = now + kWriterPatience;
-        m_queue.SetWriter(name, entry, {isTold ? end : now + kQuietTime, end, status.st_mtim});
+        const std::chrono::milliseconds delay = isKnown ? kFirstDelay : kQuietTime;
+        m_queue.SetWriter(name, entry, {now + delay, now + kWriterPatience, delay, status.st_mtim});
         return true;
     }
     TCRequestQueue::TSWriter& writer = *entry.m_writer;
     if (now >= writer.m_end) {
         return false;
     }
-    if (isTold || now < writer.m_next) {
-        return true;
-    }
     const bool isQuiet = status.st_mtim.tv_sec == writer.m_changed.tv_sec
                          && status.st_mtim.tv_nsec == writer.m_changed.tv_nsec;
-    writer.m_next = now + kQuietTime;
+    if (!isKnown && isQuiet && now >= writer.m_next) {
+        return false;
+    }
+    writer.m_delay = m_writerEnds ? kFirstDelay : 2 * writer.m_delay;
+    writer.m_next = std::min(now + (isKnown ? writer.m_delay : kQuietTime), writer.m_end);
     writer.m_changed = status.st_mtim;
-    return !isQuiet;
+    return true;
 }
 
 void TCRequestIntake::m_LookSoon(std::chrono::milliseconds delay)

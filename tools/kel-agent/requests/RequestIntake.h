@@ -74,7 +74,7 @@ private:
                   const TSDrop& drop, unsigned char type);
     bool m_TakeOrThrow(int directory, const std::string& name, const TSDrop& drop,
                        unsigned char type, TCPassLimit& limit);
-    bool m_Throw(int directory, const std::string& name, const TSDrop& drop, const char* reason);
+    bool m_Throw(int directory, const std::string& name, const TSDrop& drop, EFound found);
     std::optional<bool> m_Salvage(char kind, int directory, const std::string& name,
                                   unsigned char type, TCPassLimit& limit);
     TCRequestQueue::EAnswer m_Read(const std::string& name, TCRequestQueue::TSEntry& entry,

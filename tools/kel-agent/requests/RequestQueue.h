@@ -29,10 +29,11 @@ public:
     /// A writer that still has a request open.
     struct TSWriter
     {
-        TClock::time_point m_next; // when to look again without having been told
-        TClock::time_point m_end;  // of the patience with it
-        timespec m_changed;        // the file, when it was looked at
-        bool m_isOver = false;     // the patience, or what was waited for
+        TClock::time_point m_next;         // when to look again without having been told
+        TClock::time_point m_end;          // of the patience with it
+        std::chrono::milliseconds m_delay; // until the look after the next
+        timespec m_changed;                // the file, when it was looked at
+        bool m_isOver = false;             // the patience, or what was waited for
     };
 
     struct TSEntry

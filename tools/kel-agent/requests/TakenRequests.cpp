@@ -136,13 +136,8 @@ EFound TCTakenRequests::Take(int directory, const std::string& name, const std::
         return EFound::Gone;
     }
     status = moved;
-    const EFound isNow = Judge(moved);
-    if (isNow != EFound::Request) {
-        unlinkat(m_directory.Get(), text.c_str(), 0); // no directory: it could not be moved
-        return isNow;
-    }
     taken = text;
-    return EFound::Request;
+    return Judge(moved);
 }
 
 bool TCTakenRequests::Read(int file, const std::string& taken, const struct stat& status,

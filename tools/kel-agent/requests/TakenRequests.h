@@ -53,7 +53,9 @@ public:
     ///
     /// @param original  the name that the request was given.
     /// @param hasRoom   for one more of a user.
-    /// @param taken     replaced on success; untouched otherwise.
+    /// @param taken     replaced by its name in here when something was moved: by the time it was,
+    /// it
+    ///                  may be no request any more, and is to be removed.
     /// @param status    of what was found; all zero when that cannot be told.
     EFound Take(int directory, const std::string& name, const std::string& original, bool reboot,
                 const THasRoom& hasRoom, std::string& taken, struct stat& status);

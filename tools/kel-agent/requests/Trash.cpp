@@ -55,31 +55,35 @@ TCOutcome TCTrash::Open(int parent)
     return TCOutcome();
 }
 
-// A directory that is moved has a new "..", for which the agent needs rights in it: it is frozen
-// first.
-bool TCTrash::Throw(int directory, const std::string& name, char kind)
+bool TCTrash::Move(int directory, const std::string& name, char kind, std::string& moved)
 {
-    if (unlinkat(directory, name.c_str(), 0) == 0 || errno == ENOENT) {
-        return true;
-    }
-    if (unlinkat(directory, name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT) {
-        return true;
-    }
-    if (errno != ENOTEMPTY && errno != EEXIST) {
-        return false;
-    }
-    const TCDescriptor found = OpenIn(directory, name, kDirectory);
-    if (!found.IsOpen() || !Freeze(found.Get())) {
-        return false;
-    }
     std::string own;
-    do {
-        own = kind + std::to_string(m_number++);
-    } while (renameat2(directory, name.c_str(), m_directory.Get(), own.c_str(), RENAME_NOREPLACE)
-                 != 0
-             && errno == EEXIST);
-    struct stat moved;
-    return fstatat(m_directory.Get(), own.c_str(), &moved, AT_SYMLINK_NOFOLLOW) == 0;
+    const auto move = [&] {
+        do {
+            own = kind + std::to_string(m_number++);
+        } while (
+            renameat2(directory, name.c_str(), m_directory.Get(), own.c_str(), RENAME_NOREPLACE)
+                != 0
+            && errno == EEXIST);
+        struct stat status;
+        return fstatat(m_directory.Get(), own.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    };
+    bool done = move();
+    if (!done) { // a directory gets a new "..", for which one needs rights in it
+        const TCDescriptor found = OpenIn(directory, name, kDirectory);
+        done = found.IsOpen() && Freeze(found.Get()) && move();
+    }
+    if (done) {
+        moved = own;
+    }
+    return done;
+}
+
+void TCTrash::Remove(const std::string& moved) const
+{
+    if (unlinkat(m_directory.Get(), moved.c_str(), 0) != 0) {
+        unlinkat(m_directory.Get(), moved.c_str(), AT_REMOVEDIR);
+    }
 }
 
 bool TCTrash::Empty(TCPassLimit& limit, const TSalvage& salvage)
@@ -103,12 +107,21 @@ bool TCTrash::m_EmptyOne(const std::string& name, TCPassLimit& limit, const TSal
                 return false;
             }
             const std::optional<bool> salvaged = salvage(name[0], one.Get(), entry, type);
-            progress = (salvaged ? *salvaged : Throw(one.Get(), entry, kPlain)) || progress;
+            progress = (salvaged ? *salvaged : m_RemoveFrom(one.Get(), entry)) || progress;
             return true;
         });
     }
     return unlinkat(m_directory.Get(), name.c_str(), AT_REMOVEDIR) == 0
            || unlinkat(m_directory.Get(), name.c_str(), 0) == 0 || progress;
+}
+
+// The directory is frozen: what is looked at is what is removed.
+bool TCTrash::m_RemoveFrom(int directory, const std::string& name)
+{
+    std::string moved;
+    return unlinkat(directory, name.c_str(), 0) == 0
+           || unlinkat(directory, name.c_str(), AT_REMOVEDIR) == 0
+           || Move(directory, name, kPlain, moved);
 }
 
 } // namespace agent

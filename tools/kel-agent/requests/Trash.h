@@ -48,11 +48,17 @@ public:
     /// @param parent  a directory of the agent's alone.
     tools::TCOutcome Open(int parent);
 
-    /// Removes what has this name in another directory, or moves it in here.
+    /// Moves what has this name in another directory in here, in one step, whatever it is.
     ///
-    /// @param kind  of its contents, for Empty().
+    /// @param kind   of its contents, for Empty().
+    /// @param moved  replaced by its name in here.
     /// @return true on success, otherwise false with errno set.
-    bool Throw(int directory, const std::string& name, char kind);
+    bool Move(int directory, const std::string& name, char kind, std::string& moved);
+
+    /// Removes what was moved, unless it is a directory that has to be emptied first.
+    void Remove(const std::string& moved) const;
+
+    int Get() const { return m_directory.Get(); }
 
     /// What becomes of an entry of a directory of this kind: true when it has gone, false when it
     /// is to stay for now, nothing when it is to be removed like any other.
@@ -69,6 +75,7 @@ public:
     static constexpr char kPlain = 'x'; // a kind that has nothing worth to be taken
 
 private:
+    bool m_RemoveFrom(int directory, const std::string& name);
     bool m_EmptyOne(const std::string& name, TCPassLimit& limit, const TSalvage& salvage);
 
     tools::TCDescriptor m_directory;

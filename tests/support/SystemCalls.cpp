@@ -1,0 +1,69 @@
+#include "support/SystemCalls.h"
+
+#include <sys/ptrace.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <filesystem>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+namespace kel::test {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int kSystemCall = SIGTRAP | 0x80; // see PTRACE_O_TRACESYSGOOD
+
+} // namespace
+
+size_t CountSystemCalls(pid_t process, std::chrono::milliseconds time)
+{
+    std::map<pid_t, bool> inside; // of each thread: it is in a system call
+    for (const auto& thread :
+         fs::directory_iterator("/proc/" + std::to_string(process) + "/task")) {
+        const pid_t id = std::stoi(thread.path().filename());
+        if (ptrace(PTRACE_SEIZE, id, nullptr, PTRACE_O_TRACESYSGOOD) != 0
+            || ptrace(PTRACE_INTERRUPT, id, nullptr, nullptr) != 0) {
+            throw std::runtime_error("the agent cannot be traced");
+        }
+        inside[id] = true; // they sleep
+    }
+    size_t count = 0;
+    const auto handle = [&](int options) {
+        int status = 0;
+        bool any = false;
+        for (auto& [id, in] : inside) {
+            if (waitpid(id, &status, options | __WALL) != id || !WIFSTOPPED(status)) {
+                continue;
+            }
+            any = true;
+            if (WSTOPSIG(status) == kSystemCall) {
+                in = !in;
+                count += in ? 1 : 0;
+            }
+            ptrace(PTRACE_SYSCALL, id, nullptr, nullptr);
+        }
+        return any;
+    };
+    handle(0); // the interruption
+    count = 0;
+    const auto end = std::chrono::steady_clock::now() + time;
+    while (std::chrono::steady_clock::now() < end) {
+        if (!handle(WNOHANG)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+    for (const auto& [id, in] : inside) { // detached where they stop next
+        ptrace(PTRACE_INTERRUPT, id, nullptr, nullptr);
+        int status = 0;
+        waitpid(id, &status, __WALL);
+        ptrace(PTRACE_DETACH, id, nullptr, nullptr);
+    }
+    return count;
+}
+
+} // namespace kel::test
