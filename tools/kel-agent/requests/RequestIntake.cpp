@@ -227,7 +227,7 @@ void TCRequestIntake::m_FindTaken()
             m_queue.Add(status.st_uid, name);
         } else {
             std::string moved;
-            m_trash.Move(m_taken.Get(), name, TCTrash::kPlain, moved);
+            m_trash.Move(m_taken.Get(), name, TCTrash::kPlain, moved, status);
         }
         return true;
     });
@@ -272,7 +272,8 @@ void TCRequestIntake::m_SweepAsides(TCPassLimit& limit)
                 return false;
             }
             std::string moved;
-            if (m_trash.Move(m_parent.Get(), name, name[prefix.size()], moved)) {
+            struct stat status;
+            if (m_trash.Move(m_parent.Get(), name, name[prefix.size()], moved, status)) {
                 m_trash.Remove(moved);
             } else {
                 m_junk.Tell(name, tools::kTemporaryDirectory, 0,
@@ -302,7 +303,7 @@ EFound TCRequestIntake::m_Take(int directory, const std::string& name, const std
         m_queue.Add(status.st_uid, taken);
     } else if (!taken.empty()) { // it was replaced in the moment before
         std::string moved;
-        m_trash.Move(m_taken.Get(), taken, TCTrash::kPlain, moved);
+        m_trash.Move(m_taken.Get(), taken, TCTrash::kPlain, moved, status);
         m_trash.Remove(moved);
         m_junk.Tell(original, drop.m_path, status.st_uid, std::string("removed: ") + Reason(found));
         return EFound::Gone;
@@ -331,7 +332,8 @@ bool TCRequestIntake::m_Throw(int directory, const std::string& name, const TSDr
                               EFound found)
 {
     std::string moved;
-    if (!m_trash.Move(directory, name, TCTrash::kPlain, moved)) {
+    struct stat status = {};
+    if (!m_trash.Move(directory, name, TCTrash::kPlain, moved, status)) {
         const int reason = errno;
         if (reason != ENOENT) {
             m_junk.Tell(name, drop.m_path, 0,
@@ -340,8 +342,6 @@ bool TCRequestIntake::m_Throw(int directory, const std::string& name, const TSDr
         }
         return reason == ENOENT;
     }
-    struct stat status = {};
-    fstatat(m_trash.Get(), moved.c_str(), &status, AT_SYMLINK_NOFOLLOW);
     if (m_Take(m_trash.Get(), moved, name, drop, IFTODT(status.st_mode)) == EFound::Request) {
         return true;
     }

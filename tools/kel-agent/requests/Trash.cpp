@@ -55,23 +55,28 @@ TCOutcome TCTrash::Open(int parent)
     return TCOutcome();
 }
 
-bool TCTrash::Move(int directory, const std::string& name, char kind, std::string& moved)
+bool TCTrash::Move(int directory, const std::string& name, char kind, std::string& moved,
+                   struct stat& status)
 {
     std::string own;
     const auto move = [&] {
+        int result = 0;
         do {
             own = kind + std::to_string(m_number++);
-        } while (
-            renameat2(directory, name.c_str(), m_directory.Get(), own.c_str(), RENAME_NOREPLACE)
-                != 0
-            && errno == EEXIST);
-        struct stat status;
-        return fstatat(m_directory.Get(), own.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+            result = renameat2(directory, name.c_str(), m_directory.Get(), own.c_str(),
+                               RENAME_NOREPLACE);
+        } while (result != 0 && errno == EEXIST);
+        return result == 0
+               && fstatat(m_directory.Get(), own.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
     };
     bool done = move();
     if (!done) { // a directory gets a new "..", for which one needs rights in it
         const TCDescriptor found = OpenIn(directory, name, kDirectory);
-        done = found.IsOpen() && Freeze(found.Get()) && move();
+        struct stat before;
+        done = found.IsOpen() && fstat(found.Get(), &before) == 0 && Freeze(found.Get()) && move();
+        if (done && S_ISDIR(status.st_mode)) {
+            status.st_uid = before.st_uid;
+        }
     }
     if (done) {
         moved = own;
@@ -119,9 +124,10 @@ bool TCTrash::m_EmptyOne(const std::string& name, TCPassLimit& limit, const TSal
 bool TCTrash::m_RemoveFrom(int directory, const std::string& name)
 {
     std::string moved;
+    struct stat status;
     return unlinkat(directory, name.c_str(), 0) == 0
            || unlinkat(directory, name.c_str(), AT_REMOVEDIR) == 0
-           || Move(directory, name, kPlain, moved);
+           || Move(directory, name, kPlain, moved, status);
 }
 
 } // namespace agent

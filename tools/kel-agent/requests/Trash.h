@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <chrono>
 #include <cstddef>
 #include <functional>
@@ -50,10 +52,12 @@ public:
 
     /// Moves what has this name in another directory in here, in one step, whatever it is.
     ///
-    /// @param kind   of its contents, for Empty().
-    /// @param moved  replaced by its name in here.
+    /// @param kind    of its contents, for Empty().
+    /// @param moved   replaced by its name in here.
+    /// @param status  replaced by what it was, with the owner that it had.
     /// @return true on success, otherwise false with errno set.
-    bool Move(int directory, const std::string& name, char kind, std::string& moved);
+    bool Move(int directory, const std::string& name, char kind, std::string& moved,
+              struct stat& status);
 
     /// Removes what was moved, unless it is a directory that has to be emptied first.
     void Remove(const std::string& moved) const;
