@@ -153,7 +153,6 @@ bool TCTakenRequests::Read(int file, const std::string& taken, const struct stat
     read.m_name = name.m_name;
     read.m_reboot = name.m_reboot;
     read.m_user = status.st_uid;
-    read.m_group = status.st_gid;
     read.m_filed = status.st_mtim;
     read.m_stamp = taken;
     const std::string content = ReadContent(file);
