@@ -3,9 +3,11 @@
 
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -87,6 +89,16 @@ bool MayChangeUser()
 }
 
 const bool mayChangeUser = MayChangeUser(); // before there are threads
+
+/// A system bus is started with room for more descriptors than a shell gives; newer ones keep
+/// several for each connection. What this process starts has the same.
+void AllowManyDescriptors()
+{
+    rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 4096);
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
 
 /// Stock limits. One user may not have so many connections: where all have to be this user's, that
 /// one limit is raised.
@@ -226,5 +238,6 @@ int main(int argumentCount, char** arguments)
         return kel::test::RunCrowd(arguments[2], std::atoi(arguments[3]),
                                    static_cast<uid_t>(std::atoi(arguments[4])));
     }
+    kel::test::AllowManyDescriptors();
     return kel::test::RunTestsInSandbox(argumentCount, arguments);
 }
