@@ -22,10 +22,10 @@ template <typename Result> class TCLateResult
 public:
     typedef std::chrono::steady_clock TClock;
 
-    /// Begins, unless the work is still under way. A result that nobody has taken is dropped.
+    /// Begins, unless the work is still under way, or has a result that nobody has taken.
     void Begin(std::function<Result()> work)
     {
-        if (!WaitForEnd(TClock::now())) {
+        if (m_result.valid()) {
             return;
         }
         std::packaged_task<Result()> task(std::move(work));

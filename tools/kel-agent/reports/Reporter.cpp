@@ -93,6 +93,7 @@ void TCReporter::Gather()
     if (auto late = m_reading.Take(0s)) {
         m_TakeKernelLog(std::move(*late));
     }
+    m_question.Take(0s); // of requests before
     m_question.Begin([this] {
         const TAnswers answers
             = m_server.SendMessage(ICallbacks::REQUEST_PROCESS_INFO, {}, kAnswerTimeout);
