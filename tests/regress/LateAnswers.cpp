@@ -74,8 +74,13 @@ TEST_F(LateAnswers, AnAgentEndsBeforeItsDmesg)
 
     agent->Signal(SIGTERM);
 
-    EXPECT_EQ(agent->Wait(), 0) << agent->ErrorOutput();
-    EXPECT_FALSE(fs::exists(m_scratch / "go"));
+    std::optional<int> exit; // dmesg still has its output
+    EXPECT_TRUE(WaitUntil([&] {
+        exit = agent->Wait(std::chrono::milliseconds(0));
+        return exit.has_value();
+    }));
+    EXPECT_EQ(exit, 0) << agent->ErrorOutput();
+    LetDmesgGo();
 }
 
 TEST_F(LateAnswers, AReportTellsWhenLinesMayBeMissing)
@@ -149,7 +154,7 @@ TEST_F(LateAnswers, ReportsDoNotWaitForABusyDevice)
     const auto start = std::chrono::steady_clock::now();
     const TSReport report = Collect(agent, "main");
 
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
     EXPECT_EQ(report["/kernel-log/state"],
               report["/kernel-log/lines"] == "0" ? "late" : "complete");
 }
