@@ -16,8 +16,6 @@ using tools::TCDescriptor;
 
 namespace {
 
-constexpr mode_t kPermissions = 07777;
-
 bool IsSameFile(int a, int b)
 {
     struct stat first;
@@ -28,8 +26,8 @@ bool IsSameFile(int a, int b)
 
 } // namespace
 
-TCOwnDirectory::TCOwnDirectory(std::string path, mode_t mode, EMode existing)
-    : m_path(std::move(path)), m_mode(mode), m_existing(existing), m_locked(false)
+TCOwnDirectory::TCOwnDirectory(std::string path, mode_t mode)
+    : m_path(std::move(path)), m_mode(mode), m_locked(false)
 {}
 
 bool TCOwnDirectory::Open(std::string& reason)
@@ -46,12 +44,11 @@ bool TCOwnDirectory::Open(std::string& reason)
         reason = std::strerror(errno);
         return false;
     }
-    if (status.st_uid != geteuid() && fchown(found.Get(), geteuid(), getegid()) != 0) {
+    if (status.st_uid != geteuid()) {
         reason = "it belongs to user " + std::to_string(status.st_uid);
         return false;
     }
-    if ((made || m_existing == EMode::Given) && (status.st_mode & kPermissions) != m_mode
-        && fchmod(found.Get(), m_mode) != 0) {
+    if (made && fchmod(found.Get(), m_mode) != 0) { // whatever the umask is
         reason = std::strerror(errno);
         return false;
     }

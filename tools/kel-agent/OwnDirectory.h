@@ -13,13 +13,11 @@ namespace agent {
 class TCOwnDirectory
 {
 public:
-    enum class EMode { Given, Kept };
+    /// @param mode  of a directory that is made; one that exists keeps its own.
+    TCOwnDirectory(std::string path, mode_t mode);
 
-    /// @param mode     of a directory that is made, and with EMode::Given also of one that exists.
-    TCOwnDirectory(std::string path, mode_t mode, EMode existing);
-
-    /// Opens the directory, unless it is open: makes a missing one, and takes one that belongs to
-    /// somebody else over, if the agent may. A link in its place is not followed.
+    /// Opens the directory, unless it is open, and makes a missing one. One that belongs to
+    /// somebody else is refused, and a link in its place is not followed.
     ///
     /// @param reason  replaced by one line on failure; untouched otherwise.
     bool Open(std::string& reason);
@@ -36,7 +34,6 @@ public:
 private:
     const std::string m_path;
     const mode_t m_mode;
-    const EMode m_existing;
     tools::TCDescriptor m_descriptor;
     bool m_locked;
 };

@@ -96,7 +96,7 @@ TCOutcome FailedAt(const std::string& path)
 } // namespace
 
 TCReportStore::TCReportStore(const std::string& stateDirectory, const TSLimits& limits)
-    : m_directory(stateDirectory + kReports, kMode, TCOwnDirectory::EMode::Kept), m_shares(limits)
+    : m_directory(stateDirectory + kReports, kMode), m_shares(limits)
 {}
 
 TCOutcome TCReportStore::Open()

@@ -55,6 +55,11 @@ const char* Reason(EFound found)
     }
 }
 
+std::string TakenPath()
+{
+    return std::string(tools::kTemporaryDirectory) + "/" + TCTakenRequests::kName;
+}
+
 TCExactDirectory Place(const TSDrop& drop)
 {
     return TCExactDirectory(drop.Name(), kDropMode, std::string(kAsidePrefix) + drop.m_kind);
@@ -74,7 +79,7 @@ TCRequestIntake::TCRequestIntake()
         TCDescriptor unused;
         m_TellUsable(drop.m_path, Place(drop).Open(m_parent.Get(), unused, m_asides));
     }
-    m_TellUsable(TCTakenRequests::kName, m_taken.Make(m_parent.Get()));
+    m_TellUsable(TakenPath(), m_taken.Make(m_parent.Get()));
 }
 
 TCRequestIntake::~TCRequestIntake() { m_junk.FlushAll(); }
@@ -109,21 +114,24 @@ void TCRequestIntake::Look()
     }
     m_due = TClock::time_point::max();
     const TCOutcome opened = m_Open();
-    m_TellUsable(std::string(tools::kTemporaryDirectory) + "/" + TCTakenRequests::kName, opened);
+    m_TellUsable(TakenPath(), opened);
     if (!opened) {
         m_LookSoon(kRetry);
         return;
     }
-    TCPassLimit limit;
-    for (const TSDrop& drop : kDrops) {
+    bool more = false;
+    for (const TSDrop& drop : kDrops) { // neither waits for the other's flood
+        TCPassLimit limit;
         m_LookInto(drop, limit);
+        more = more || limit.IsCut();
     }
+    TCPassLimit limit;
     m_SweepAsides(limit);
     const auto salvage
         = [&](char kind, int directory, const std::string& name, unsigned char type) {
               return m_Salvage(kind, directory, name, type, limit);
           };
-    if (m_trash.Empty(limit, salvage)) {
+    if (m_trash.Empty(limit, salvage) || more) {
         m_LookSoon(std::chrono::milliseconds(0));
     }
 }
@@ -213,8 +221,7 @@ TCOutcome TCRequestIntake::m_Open()
 void TCRequestIntake::m_FindTaken()
 {
     m_queue.Clear();
-    const std::string path = std::string(tools::kTemporaryDirectory) + "/" + TCTakenRequests::kName;
-    m_takenWatch = inotify_add_watch(m_changes.Get(), path.c_str(),
+    m_takenWatch = inotify_add_watch(m_changes.Get(), TakenPath().c_str(),
                                      IN_CLOSE_WRITE | IN_ONLYDIR | IN_DONT_FOLLOW);
     ForEachName(m_taken.Get(), [this](const std::string& name, unsigned char) {
         TSTakenName taken;
@@ -323,7 +330,8 @@ bool TCRequestIntake::m_TakeOrThrow(int directory, const std::string& name, cons
     if (found == EFound::Request || found == EFound::Gone || found == EFound::NotNow) {
         return found != EFound::NotNow;
     }
-    return limit.MayRemove() && m_Throw(directory, name, drop, found);
+    // To look at one of too many takes as long as to remove it.
+    return (found == EFound::TooMany || limit.MayRemove()) && m_Throw(directory, name, drop, found);
 }
 
 // It may have been replaced since it was looked at, and be somebody's request now. It is moved

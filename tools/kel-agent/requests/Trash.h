@@ -14,8 +14,8 @@
 namespace kel {
 namespace agent {
 
-/// How much one pass over strangers' directories does. What is left is left to the next one, so
-/// that requests are served in between.
+/// How much one pass over a directory of strangers' things does. What is left is left to the next
+/// one, so that requests are served in between, and found behind what is to be removed.
 class TCPassLimit
 {
 public:
@@ -31,7 +31,7 @@ public:
     bool IsCut() const { return m_cut; }
 
 private:
-    const TClock::time_point m_end = TClock::now() + std::chrono::milliseconds(500);
+    const TClock::time_point m_end = TClock::now() + std::chrono::milliseconds(250);
     size_t m_removable = 16384;
     bool m_cut = false;
 };
