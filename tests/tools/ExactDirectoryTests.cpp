@@ -1,11 +1,18 @@
 // A directory of the agent's own where anybody may have made one before.
 
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstddef>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 
 #include <gmock/gmock.h>
 
@@ -22,6 +29,26 @@ using agent::TCPassLimit;
 using agent::TCTrash;
 using tools::OpenIn;
 using tools::TCDescriptor;
+
+namespace {
+
+// As where the kernel has none, for this process's rest.
+void ForbidOpenat2()
+{
+    sock_filter code[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_openat2, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog program = {std::size(code), code};
+    ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+    ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
+    ASSERT_EQ(syscall(SYS_openat2, -1, nullptr, nullptr, 0), -1);
+    ASSERT_EQ(errno, ENOSYS);
+}
+
+} // namespace
 
 class ExactDirectory : public testing::Test
 {
@@ -124,14 +151,19 @@ TEST_F(ExactDirectory, OpensNothingOutside)
 {
     fs::create_directory(m_root / "directory");
     fs::create_directory_symlink("/tmp", m_root / "link");
+    const auto expectNothing = [this] {
+        EXPECT_TRUE(OpenIn(m_parent.Get(), "directory", O_RDONLY).IsOpen());
+        for (const char* const name : {"", "..", "/tmp", "directory/..", "link", "nothing"}) {
+            EXPECT_FALSE(OpenIn(m_parent.Get(), name, O_RDONLY).IsOpen()) << name;
+        }
+        const TCDescriptor root(open("/", O_RDONLY | O_DIRECTORY));
+        EXPECT_FALSE(OpenIn(root.Get(), "proc", O_RDONLY).IsOpen());
+        EXPECT_EQ(errno, EXDEV);
+    };
 
-    EXPECT_TRUE(OpenIn(m_parent.Get(), "directory", O_RDONLY).IsOpen());
-    for (const char* const name : {"", "..", "/tmp", "directory/..", "link", "nothing"}) {
-        EXPECT_FALSE(OpenIn(m_parent.Get(), name, O_RDONLY).IsOpen()) << name;
-    }
-    const TCDescriptor root(open("/", O_RDONLY | O_DIRECTORY));
-    EXPECT_FALSE(OpenIn(root.Get(), "proc", O_RDONLY).IsOpen());
-    EXPECT_EQ(errno, EXDEV);
+    expectNothing();
+    ForbidOpenat2();
+    expectNothing();
 }
 
 } // namespace kel::test
