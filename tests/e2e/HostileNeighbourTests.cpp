@@ -26,6 +26,7 @@ constexpr const char* kUsers[] = {"first", "second", "third"};
 constexpr uid_t kFirstUser = 2001;
 constexpr int kThreads = 4;
 constexpr int kRequests = 125; // of each thread
+constexpr int kPause = 30;     // ms
 
 #if defined(__SANITIZE_ADDRESS__)
 constexpr std::chrono::seconds kServed(10);
@@ -45,8 +46,9 @@ TNames As(uid_t user, const TNames& command)
 
 std::unique_ptr<ChildProcess> Applicant(uid_t user, const std::string& process)
 {
-    return std::make_unique<ChildProcess>(As(
-        user, {KEL_FILE_REQUESTS, process, std::to_string(kThreads), std::to_string(kRequests)}));
+    return std::make_unique<ChildProcess>(
+        As(user, {KEL_FILE_REQUESTS, process, std::to_string(kThreads), std::to_string(kRequests),
+                  std::to_string(kPause)}));
 }
 
 // As report.json has it.

@@ -1,14 +1,11 @@
-// Many users at once, one of whom does all that a stranger can, and an agent that is killed on the
-// way: every request of the others has one report.
+// Many users at once, one of whom does all that a stranger can to the others' requests: each of
+// them has one report.
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <map>
-#include <random>
-#include <thread>
 
 #include <gmock/gmock.h>
 
@@ -134,38 +131,6 @@ TEST_F(ReportCrowd, WithAStrangerWhoDoesAllThatHeCanEveryRequestHasItsReport)
         kCollected));
     ExpectEachOnce(Counts());
     EXPECT_EQ(agent->Wait(std::chrono::milliseconds(0)), std::nullopt);
-}
-
-TEST_F(ReportCrowd, WithAnAgentThatIsKilledAgainAndAgainEachRequestHasOneReport)
-{
-    const auto seed = std::random_device()();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::minstd_rand random(seed);
-    StartCollector(); // makes the directories
-    std::vector<std::thread> users;
-    std::vector<std::unique_ptr<Stranger>> strangers(std::size(kUsers));
-    for (size_t i = 0; i < std::size(kUsers); ++i) {
-        users.emplace_back([&, i] {
-            strangers[i]
-                = std::make_unique<Stranger>([=] { FileAll(kUsers[i]); }, false, kUsers[i]);
-        });
-    }
-
-    for (int i = 0; i < 40; ++i) {
-        const auto agent = StartAgent();
-        EXPECT_TRUE(Says(*agent, "kel-agent: ready\n"));
-        std::this_thread::sleep_for(std::chrono::microseconds(450'000 + random() % 200'000));
-        agent->Kill();
-    }
-    for (std::thread& user : users) {
-        user.join();
-    }
-
-    const auto agent = StartCollector();
-    ASSERT_TRUE(WaitForReports(std::size(kUsers) * kOfAUser)) << agent->ErrorOutput();
-    LetItLook();
-    ExpectEachOnce(Counts());
-    EXPECT_EQ(Ids().size(), std::size(kUsers) * kOfAUser + 2);
 }
 
 } // namespace kel::test
