@@ -173,7 +173,7 @@ TCOutcome Receive(TCFrames& frames, const TSReading& reading, TCCopy& copy, TSAr
     TSFrame frame;
     std::vector<char> data;
     for (;;) {
-        const TCOutcome next = frames.Next(frame, data);
+        TCOutcome next = frames.Next(frame, data);
         if (!next) {
             return next;
         }

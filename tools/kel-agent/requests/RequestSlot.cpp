@@ -137,7 +137,7 @@ TCOutcome TCRequestSlot::m_WriteTaken(const std::string& value) const
         && fsync(directory.Get()) == 0) {
         return TCOutcome();
     }
-    const TCOutcome failed = TCOutcome::Failed(m_stateDirectory + ": " + std::strerror(errno));
+    TCOutcome failed = TCOutcome::Failed(m_stateDirectory + ": " + std::strerror(errno));
     if (directory.IsOpen()) {
         unlinkat(directory.Get(), kNewFile, 0);
     }
