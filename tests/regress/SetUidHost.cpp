@@ -10,7 +10,7 @@ using kel::test::TSFinished;
 
 TEST(SetUidHost, DoesNotAskItsCallersEnvironment)
 {
-    ASSERT_TRUE(kel::test::Sandbox::IsEntered());
+    kel::test::Sandbox::Need();
     const kel::test::Mount programs("/tmp/programs", "mode=755");
     const fs::path program = "/tmp/programs/set-uid";
     fs::copy_file(KEL_SET_UID_PROGRAM, program);

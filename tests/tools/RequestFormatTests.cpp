@@ -12,13 +12,14 @@
 #include "common/RequestFormat.h"
 #include "requests/Places.h"
 #include "requests/Request.h"
+#include "support/Sandbox.h"
 
 namespace kel::test {
 
 namespace fs = std::filesystem;
 using namespace tools;
 
-class RequestFormat : public testing::Test
+class RequestFormat : public SandboxTest
 {
 protected:
     RequestFormat()

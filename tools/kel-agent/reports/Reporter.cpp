@@ -17,6 +17,7 @@ namespace kel {
 namespace agent {
 
 using tools::Printable;
+using tools::PrintableStart;
 using tools::TCOutcome;
 using namespace std::chrono_literals;
 
@@ -196,7 +197,7 @@ void TCReporter::m_AddArtefact(const TCReportDraft& draft, uint64_t room, TSRepo
     if (!report.m_noArtefact.empty()) {
         std::fprintf(stderr, "kel-agent: report %llu: artefact %s not copied: %s\n",
                      static_cast<unsigned long long>(report.m_id),
-                     Printable(request.m_uploadPath.value_or("")).c_str(),
+                     PrintableStart(request.m_uploadPath.value_or("")).c_str(),
                      report.m_noArtefact.c_str());
     }
 }

@@ -20,7 +20,7 @@ namespace kel {
 namespace agent {
 
 using tools::kRequestKey;
-using tools::Printable;
+using tools::PrintableStart;
 using tools::TCDescriptor;
 using tools::TCOutcome;
 using tools::WriteNewFile;
@@ -92,7 +92,7 @@ TCOutcome TCRequestSlot::Take(std::optional<TSRequest>& request)
     TSRequest read;
     if (!ReadSlotValue(value, read)) {
         std::fprintf(stderr, "kel-agent: %s in %s ignored: it is not of the form of a request\n",
-                     Printable(value).c_str(), kRequestKey);
+                     PrintableStart(value).c_str(), kRequestKey);
         return Remove();
     }
     read.m_source = kRequestKey;
