@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <ctime>
 #include <iterator>
 
 namespace kel {
@@ -121,7 +122,6 @@ void Confine(const TSReading& reading, pid_t agent)
     if (getppid() != agent) {
         _exit(1);
     }
-    alarm(reading.m_time); // also where the agent must not kill it: it has no CAP_KILL
     Limit(RLIMIT_CPU, reading.m_time);
     Limit(RLIMIT_DATA, 0);
     Limit(RLIMIT_CORE, 0);
@@ -198,6 +198,22 @@ off_t LengthOf(int file)
     return status.st_size;
 }
 
+// Ends it then, also where the agent must not: it has no CAP_KILL. Its user may stop it, which
+// holds up every signal but this one. Nor can its user have taken all signals that may be pending:
+// as long as it is the agent's, they are counted for that.
+void EndIn(unsigned int seconds)
+{
+    sigevent event = {};
+    event.sigev_notify = SIGEV_SIGNAL;
+    event.sigev_signo = SIGKILL;
+    const itimerspec time = {{0, 0}, {static_cast<time_t>(seconds), 0}};
+    timer_t timer;
+    if (timer_create(CLOCK_MONOTONIC, &event, &timer) != 0
+        || timer_settime(timer, 0, &time, nullptr) != 0) {
+        SayFailed(errno);
+    }
+}
+
 [[noreturn]] void Read(const TSReading& reading)
 {
     struct stat status;
@@ -237,6 +253,7 @@ off_t LengthOf(int file)
 {
     ForgetSignals();
     CloseAllBut(pipe);
+    EndIn(reading.m_time);
     if (!Become(reading.m_rights)) {
         Say(TSFrame::Foreign);
     }
