@@ -17,6 +17,8 @@ TEST_F(CopyOfAFifo, FailsAsThatOfAnythingElseThatIsNoFile)
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
 
     EXPECT_FALSE(TSFileSystem::CopyFile("/dev/null", m_root / "copy", true));
+    EXPECT_FALSE(TSFileSystem::CopyFile(m_root, m_root / "copy", true));
+    EXPECT_FALSE(TSFileSystem::CopyFile(file, "/dev/null", true));
     EXPECT_FALSE(TSFileSystem::CopyFile(fifo, m_root / "copy", true));
     EXPECT_FALSE(TSFileSystem::CopyFile(file, fifo, true));
     EXPECT_FALSE(TSFileSystem::CopyFile(file, fifo, false));
@@ -24,7 +26,8 @@ TEST_F(CopyOfAFifo, FailsAsThatOfAnythingElseThatIsNoFile)
     EXPECT_FALSE(fs::exists(m_root / "copy"));
     const std::string refused = "Could not copy file: error code: Function not implemented";
     ExpectLog("CopyFile", kErrorPriority,
-              {refused, refused, refused, "Could not copy file: error code: File exists"});
+              {refused, refused, refused, refused, refused,
+               "Could not copy file: error code: File exists"});
 }
 
 } // namespace

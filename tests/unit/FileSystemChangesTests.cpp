@@ -216,21 +216,25 @@ TEST_F(FileChanges, NothingIsWrittenToAReadOnlyFileSystem)
 }
 
 // FAT, which most USB sticks have, has no mode bits.
-TEST_F(FileChanges, ACopyToAnotherFileSystemMakesDoWithoutModeBits)
+TEST_F(FileChanges, ACopyMakesDoWithoutModeBits)
 {
-    const fs::path source = Write(m_root / "one" / "source", kText);
-    ChangeMode(source, 0600);
-    const fs::path destination = Write(m_root / "two" / "there", "old");
     g_hooks.m_fchmod = [] { return EPERM; };
+    for (const TSRoute& route : Routes()) {
+        SCOPED_TRACE(route.m_what);
+        const fs::path source = Write(route.m_source / "source", kText);
+        ChangeMode(source, 0600);
+        const fs::path destination = Write(route.m_destination / "there", "old");
 
-    EXPECT_TRUE(TSFileSystem::CopyFile(source, destination, true));
+        EXPECT_TRUE(TSFileSystem::CopyFile(source, destination, true));
 
-    EXPECT_EQ(Read(destination), kText);
-    EXPECT_EQ(ModeOf(destination), 0644u);
+        EXPECT_EQ(Read(destination), kText);
+        EXPECT_EQ(ModeOf(destination), 0644u);
+        fs::remove(destination);
+    }
     EXPECT_THAT(m_log.Lines(), IsEmpty()) << m_log.Text();
 }
 
-TEST_F(FileChanges, ACopyToAnotherFileSystemFailsWhenAnyStepOfItDoes)
+TEST_F(FileChanges, ACopyFailsWhenAnyStepOfItDoes)
 {
     const std::string large(300 * 1024, 'x');
     const fs::path source = Write(m_root / "one" / "source", large);
@@ -256,21 +260,14 @@ TEST_F(FileChanges, ACopyToAnotherFileSystemFailsWhenAnyStepOfItDoes)
     Write(destination, "with another mode");
     g_hooks.m_fchmod = [] { return EIO; };
     copyFails();
-    // From here on the bytes are there, and their mode is asked for: that of the source, ...
-    g_hooks.m_write = [] {
-        g_hooks.m_fstat = [] { return EIO; };
-        return 0;
-    };
-    copyFails();
-    // ... and that of the copy.
-    g_hooks.m_write = [] {
-        g_hooks.m_fstat = [number = 0]() mutable { return ++number == 2 ? EIO : 0; };
-        return 0;
-    };
-    copyFails();
+    // The source is asked for its mode, and the copy before and after the bytes.
+    for (const int failing : {1, 2, 3}) {
+        g_hooks.m_fstat = [failing, number = 0]() mutable { return ++number == failing ? EIO : 0; };
+        copyFails();
+    }
 }
 
-TEST_F(FileChanges, ACopyToAnotherFileSystemGoesOnAfterASignal)
+TEST_F(FileChanges, ACopyGoesOnAfterASignal)
 {
     const std::string large(300 * 1024, 'x');
     const fs::path source = Write(m_root / "one" / "source", large);
@@ -286,26 +283,28 @@ TEST_F(FileChanges, ACopyToAnotherFileSystemGoesOnAfterASignal)
     EXPECT_THAT(m_log.Lines(), IsEmpty()) << m_log.Text();
 }
 
-TEST_F(FileChanges, AFileThatVanishesDuringACopyToAnotherFileSystemIsAFailure)
+TEST_F(FileChanges, AFileThatVanishesBeforeACopyOpensItIsAFailureOrMadeAnew)
 {
-    const fs::path source = m_root / "one" / "source";
-    const fs::path destination = m_root / "two" / "copy";
-    for (const fs::path& vanishing : {source, destination}) {
-        SCOPED_TRACE(vanishing);
-        Write(source, kText);
-        m_log.Clear();
-        // It is opened once more when the kernel has refused to copy.
-        g_hooks.m_open = [&, number = 0](const std::string& path) mutable {
-            if (path == vanishing.string() && ++number == 2) {
+    const fs::path source = Write(m_root / "one" / "source", kText);
+    const fs::path destination = Write(m_root / "two" / "copy", "old");
+    const auto vanishes = [](const fs::path& vanishing) {
+        g_hooks.m_open = [vanishing](const std::string& path) {
+            if (path == vanishing.string()) {
                 fs::remove(vanishing);
             }
         };
+    };
 
-        EXPECT_FALSE(TSFileSystem::CopyFile(source, destination, true));
+    vanishes(destination);
+    EXPECT_TRUE(TSFileSystem::CopyFile(source, destination, true));
+    EXPECT_EQ(Read(destination), kText);
+    EXPECT_THAT(m_log.Lines(), IsEmpty()) << m_log.Text();
 
-        ExpectLog("CopyFile", kErrorPriority,
-                  {"Could not copy file: error code: No such file or directory"});
-    }
+    vanishes(source);
+    EXPECT_FALSE(TSFileSystem::CopyFile(source, destination, true));
+    EXPECT_EQ(Read(destination), kText);
+    ExpectLog("CopyFile", kErrorPriority,
+              {"Could not copy file: error code: No such file or directory"});
 }
 
 TEST_F(FileChanges, MovingOntoAUsbStickLeavesTheSourceInPlace)

@@ -6,8 +6,6 @@
 
 #include <cerrno>
 
-#include <boost/version.hpp>
-
 #include "KELDescriptor.h"
 
 namespace fs = boost::filesystem;
@@ -15,14 +13,6 @@ namespace fs = boost::filesystem;
 namespace kel {
 
 namespace {
-
-#if BOOST_VERSION >= 107400
-constexpr auto kOverwrite = fs::copy_options::overwrite_existing;
-constexpr auto kFailOnExisting = fs::copy_options::none;
-#else
-constexpr auto kOverwrite = fs::copy_option::overwrite_if_exists;
-constexpr auto kFailOnExisting = fs::copy_option::fail_if_exists;
-#endif
 
 boost::system::error_code LastError()
 {
@@ -46,34 +36,16 @@ bool Stream(int from, int to)
     }
 }
 
-// Gives a file the mode of another. FAT, which most USB sticks have, has no mode bits to give, and
-// a file that is overwritten may belong to somebody else: the copy is good without them.
-bool CopyMode(int from, int to)
+// Gives a file a mode; what it has is asked for after the bytes, which take set-user-id bits away.
+// FAT, which most USB sticks have, has no mode bits to give, and a file that is overwritten may
+// belong to somebody else: the copy is good without them.
+bool SetMode(int file, mode_t mode)
 {
-    struct stat wanted;
-    struct stat actual;
-    if (fstat(from, &wanted) != 0 || fstat(to, &actual) != 0) {
+    struct stat status;
+    if (fstat(file, &status) != 0) {
         return false;
     }
-    return wanted.st_mode == actual.st_mode || fchmod(to, wanted.st_mode & 07777) == 0
-           || errno == EPERM;
-}
-
-// Finishes a copy from one file system to another: Boost 1.74 leaves an empty file and EXDEV there,
-// because recent kernels refuse the copy_file_range() that it relies on. The destination is past
-// the overwrite rule by then. As in Boost, the result has the source's mode and is on the disk.
-boost::system::error_code CopyAcross(const fs::path& source, const fs::path& destination)
-{
-    const TCDescriptor from(open(source.c_str(), O_RDONLY | O_CLOEXEC));
-    if (from.Get() < 0) {
-        return LastError();
-    }
-    const TCDescriptor to(open(destination.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
-    if (to.Get() < 0 || !Stream(from.Get(), to.Get()) || !CopyMode(from.Get(), to.Get())
-        || fdatasync(to.Get()) != 0) {
-        return LastError();
-    }
-    return boost::system::error_code();
+    return status.st_mode == mode || fchmod(file, mode & 07777) == 0 || errno == EPERM;
 }
 
 bool IsFifo(const fs::path& path)
@@ -87,16 +59,37 @@ bool IsFifo(const fs::path& path)
 boost::system::error_code CopyContents(const fs::path& source, const fs::path& destination,
                                        bool overwrite)
 {
-    // Boost refuses everything that is no file, but opens it first, and waits there.
+    const auto refused = make_error_code(boost::system::errc::function_not_supported);
+    // Opening a FIFO would wait for its other end.
     if (IsFifo(source) || (overwrite && IsFifo(destination))) {
-        return make_error_code(boost::system::errc::function_not_supported);
+        return refused;
     }
-    boost::system::error_code code;
-    fs::copy_file(source, destination, overwrite ? kOverwrite : kFailOnExisting, code);
-    if (code == boost::system::errc::cross_device_link) {
-        code = CopyAcross(source, destination);
+    struct stat wanted;
+    const TCDescriptor from(open(source.c_str(), O_RDONLY | O_CLOEXEC));
+    if (from.Get() < 0 || fstat(from.Get(), &wanted) != 0) {
+        return LastError();
     }
-    return code;
+    if (!S_ISREG(wanted.st_mode)) {
+        return refused;
+    }
+    struct stat found;
+    const TCDescriptor to(open(destination.c_str(),
+                               O_WRONLY | O_CREAT | O_CLOEXEC | (overwrite ? 0 : O_EXCL),
+                               wanted.st_mode & 07777));
+    if (to.Get() < 0 || fstat(to.Get(), &found) != 0) {
+        return LastError();
+    }
+    if (!S_ISREG(found.st_mode)) {
+        return refused;
+    }
+    if (found.st_dev == wanted.st_dev && found.st_ino == wanted.st_ino) {
+        return make_error_code(boost::system::errc::file_exists);
+    }
+    if (ftruncate(to.Get(), 0) != 0 || !Stream(from.Get(), to.Get())
+        || !SetMode(to.Get(), wanted.st_mode) || fdatasync(to.Get()) != 0) {
+        return LastError();
+    }
+    return boost::system::error_code();
 }
 
 } // namespace kel

@@ -4,8 +4,9 @@
 
 namespace kel {
 
-/// Copies a file's bytes and mode, also to another file system; as Boost's copy_file() does it,
-/// with the same codes, but for a FIFO on either end, which is not waited for.
+/// Copies a file's bytes and mode, also to another file system, and onto the disk; with the codes
+/// of Boost's copy_file(). That itself does not serve: 1.74 leaves an empty file and EXDEV between
+/// file systems, later ones fail where a mode cannot be set, and all wait for a FIFO's other end.
 boost::system::error_code CopyContents(const boost::filesystem::path& source,
                                        const boost::filesystem::path& destination, bool overwrite);
 
