@@ -1,4 +1,5 @@
-// Doubled slashes at the end of a walk's start came back in the paths of its exceptions.
+// Doubled slashes at the end of a walk's start came back in the paths of its exceptions, and the
+// entries of a root in that spelling were sought in the working directory.
 
 #include <fcntl.h>
 #include <unistd.h>

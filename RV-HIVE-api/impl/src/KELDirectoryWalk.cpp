@@ -12,20 +12,15 @@ namespace kel {
 
 namespace {
 
-// A directory's part of its entries' paths. Boost's iterator puts every entry's name in place of
-// the "." that it begins with, which drops slashes that are too many; of "//" it drops all, and the
-// entries are sought in the working directory.
-std::string PrefixOf(const std::string& path)
+// A directory's part of its entries' paths: with one slash at the end. What Boost's iterator makes
+// of more differs from version to version; of "//" it makes the working directory, or a host's
+// name.
+std::string PrefixOf(std::string path)
 {
-    const size_t size = path.size();
-    std::string prefix = path;
-    if (size >= 2 && path[size - 1] == '/' && path[size - 2] == '/') {
-        prefix = (fs::path(path) / ".").remove_filename().string();
+    while (!path.empty() && path.back() == '/') {
+        path.pop_back();
     }
-    if (!prefix.empty() && prefix.back() != '/') {
-        prefix += '/';
-    }
-    return prefix;
+    return path += '/';
 }
 
 boost::system::error_code ToCode(int error)
@@ -37,7 +32,7 @@ boost::system::error_code ToCode(int error)
 
 TCDirectory::TCDirectory(const std::string& path, boost::system::error_code& code)
     : m_path(PrefixOf(path)), m_prefix(m_path.size()), m_pDirectory(opendir(path.c_str())),
-      m_pEntry(nullptr), m_reach(m_prefix != 0 ? EReach::Unknown : EReach::PathOnly)
+      m_pEntry(nullptr), m_reach(EReach::Unknown)
 {
     code = ToCode(m_pDirectory == nullptr ? errno : m_Read());
 }
