@@ -523,16 +523,14 @@ TEST_F(FileChanges, ADirectoryMadeByAnotherMeanwhileIsAsGood)
 TEST_F(FileChanges, ADirectoryThatComesAndGoesMeanwhileIsAFailureWithoutAReason)
 {
     const fs::path directory = m_root / "one" / "new";
-    // Not there when it is looked for, there when it is to be made, and gone afterwards.
-    g_hooks.m_stat = [&, number = 0](const std::string& path) mutable {
-        if (path == directory.string()) {
-            ++number;
-            if (number == 2) {
-                mkdir(directory.c_str(), 0755);
-            } else if (number == 3) {
-                rmdir(directory.c_str());
+    // Another makes it first, and it is gone again once mkdir() has found it there.
+    g_hooks.m_mkdir = [](const std::string& path) {
+        fs::create_directory(path);
+        g_hooks.m_stat = [path, looks = 0](const std::string& asked) mutable {
+            if (asked == path && ++looks == 2) {
+                rmdir(path.c_str());
             }
-        }
+        };
     };
 
     EXPECT_FALSE(TSFileSystem::MakeDir(directory, true));
@@ -579,28 +577,15 @@ TEST_F(FileChanges, ADirectoryOnAFullFileSystemFails)
                "free space: 1.000000 mb"});
 }
 
-// A mode cannot be set where the owner is another: mkdir() is made to leave such a directory.
 TEST_F(FileChanges, AModeThatCannotBeSetFailsButNotBelowTheUsbMountPoint)
 {
     const Mount stick("/opt/media/USBDriveA", "size=1m");
-    const auto withoutMode = [](const fs::path& directory) {
-        g_hooks.m_mkdir = [](const std::string& path) {
-            fs::create_directory(path);
-            // The path is there for the second look, and gone for the change of its mode.
-            g_hooks.m_stat = [path, looks = 0](const std::string& asked) mutable {
-                if (asked == path && ++looks == 4) {
-                    rmdir(path.c_str());
-                }
-            };
-        };
-        const bool made = TSFileSystem::MakeDir(directory, true);
-        g_hooks = TSHooks();
-        return made;
-    };
+    g_hooks.m_chmod = [] { return EPERM; };
 
-    EXPECT_TRUE(withoutMode("/opt/media/USBDriveA/new"));
-    EXPECT_FALSE(withoutMode(m_root / "one" / "new"));
+    EXPECT_TRUE(TSFileSystem::MakeDir("/opt/media/USBDriveA/new", true));
+    EXPECT_FALSE(TSFileSystem::MakeDir(m_root / "one" / "new", true));
 
+    EXPECT_EQ(ModeOf(m_root / "one" / "new"), 0755u);
     ExpectLog("SetPermissions", kErrorPriority,
               {"Couldnt set permissions for: /opt/media/USBDriveA/new",
                "Couldnt set permissions for: /tmp/tree/one/new"});

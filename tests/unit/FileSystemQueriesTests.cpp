@@ -33,6 +33,13 @@ protected:
         }
         return names;
     }
+
+    // Newer Boosts add the code's number to the text.
+    static std::string TextOf(const char* operation, const fs::path& path, int error)
+    {
+        const boost::system::error_code code(error, boost::system::system_category());
+        return fs::filesystem_error(operation, path, code).what();
+    }
 };
 
 TEST_F(FileQueries, AnythingExistsButNothingAndALinkToNowhere)
@@ -316,8 +323,7 @@ TEST_F(FileQueries, ADirectoryThatCannotBeReadToTheEndThrowsOrHasTwentyMebibytes
     EXPECT_EQ(TSFileSystem::GetDirSize(m_root), 20971520);
     ExpectLog("GetDirSize", kErrorPriority,
               {"Error getting dir size, boost error "
-               "boost::filesystem::directory_iterator::operator++: Input/output error: "
-               "\"/tmp/tree\""});
+               + TextOf("boost::filesystem::directory_iterator::operator++", m_root, EIO)});
 
     try {
         TSFileSystem::GetFiles(files, m_root, ".log");
@@ -364,8 +370,7 @@ TEST_F(FileQueries, AFileThatVanishesBeforeItsSizeIsTakenThrows)
     } catch (const fs::filesystem_error& error) {
         EXPECT_EQ(error.code().value(), ENOENT);
         EXPECT_EQ(error.path1(), m_root / "file");
-        EXPECT_STREQ(error.what(), "boost::filesystem::file_size: No such file or directory: "
-                                   "\"/tmp/tree/file\"");
+        EXPECT_EQ(error.what(), TextOf("boost::filesystem::file_size", m_root / "file", ENOENT));
     }
 
     EXPECT_THAT(m_log.Lines(), IsEmpty());

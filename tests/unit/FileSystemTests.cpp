@@ -175,6 +175,18 @@ KEL_PREEMPTS int fstatat(int directory, const char* name, struct stat* status, i
     return next(directory, name, status, flags);
 }
 
+// In place of stat() in newer Boosts.
+KEL_PREEMPTS int statx(int directory, const char* name, int flags, unsigned int mask,
+                       struct statx* status) noexcept
+{
+    static const auto next = Next<int(int, const char*, int, unsigned int, struct statx*)>("statx");
+    ++g_statusQueries;
+    if (g_hooks.m_stat) {
+        g_hooks.m_stat(name);
+    }
+    return next(directory, name, flags, mask, status);
+}
+
 KEL_PREEMPTS int mkdir(const char* path, mode_t mode) noexcept
 {
     static const auto next = Next<int(const char*, mode_t)>("mkdir");
@@ -201,6 +213,19 @@ KEL_PREEMPTS int fchmod(int descriptor, mode_t mode) noexcept
         return -1;
     }
     return next(descriptor, mode);
+}
+
+// Boosts set the mode of a path by either.
+KEL_PREEMPTS int chmod(const char* path, mode_t mode) noexcept
+{
+    static const auto next = Next<int(const char*, mode_t)>("chmod");
+    return Fails(g_hooks.m_chmod) ? -1 : next(path, mode);
+}
+
+KEL_PREEMPTS int fchmodat(int directory, const char* name, mode_t mode, int flags) noexcept
+{
+    static const auto next = Next<int(int, const char*, mode_t, int)>("fchmodat");
+    return Fails(g_hooks.m_chmod) ? -1 : next(directory, name, mode, flags);
 }
 
 KEL_PREEMPTS int fdatasync(int descriptor)

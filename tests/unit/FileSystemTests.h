@@ -31,7 +31,7 @@ struct TSHooks
 {
     /// Gets what readdir() is about to return (null at the end); may change it, and set errno.
     std::function<dirent*(dirent*)> m_readdir;
-    /// Before a stat() of this path, or an fstatat() of this name.
+    /// Before a stat() of this path, or an fstatat() or statx() of this name.
     std::function<void(const std::string&)> m_stat;
     /// Before a mkdir().
     std::function<void(const std::string&)> m_mkdir;
@@ -43,6 +43,7 @@ struct TSHooks
     /// Before an open() of this path.
     std::function<void(const std::string&)> m_open;
     /// The errno of a call that is not even tried; 0 to try it.
+    std::function<int()> m_chmod; // by path
     std::function<int()> m_fdopen;
     std::function<int()> m_fstat;
     std::function<int()> m_read;

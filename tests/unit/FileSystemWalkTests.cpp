@@ -61,7 +61,11 @@ TEST_F(FileWalk, ATreeOfEverything)
     MakeSocket(m_root / "below" / "socket.log");
     Both(m_root);
     fs::remove(m_root / "fifo.log");
-    EXPECT_THAT(Size(m_root).m_thrown, testing::HasSubstr("Operation not permitted"));
+    // Boost's versions differ in what is wrong with it.
+    boost::system::error_code code;
+    fs::file_size(m_root / "below" / "socket.log", code);
+    EXPECT_TRUE(code);
+    EXPECT_THAT(Size(m_root).m_thrown, testing::HasSubstr(code.message()));
     EXPECT_EQ(Files(m_root).m_names.size(), 20u);
 }
 
