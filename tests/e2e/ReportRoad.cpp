@@ -264,6 +264,36 @@ mode_t ModeOf(const fs::path& path)
     return lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
 }
 
+std::vector<pid_t> ChildrenOf(pid_t process)
+{
+    std::vector<pid_t> children;
+    std::error_code gone;
+    for (const auto& thread :
+         fs::directory_iterator("/proc/" + std::to_string(process) + "/task", gone)) {
+        std::ifstream list(thread.path() / "children");
+        for (pid_t child; list >> child;) {
+            children.push_back(child);
+        }
+    }
+    return children;
+}
+
+pid_t ReaderServerOf(pid_t agent)
+{
+    for (const pid_t child : ChildrenOf(agent)) {
+        if (ReadFile("/proc/" + std::to_string(child) + "/comm") == "kel-agent-read\n") {
+            return child;
+        }
+    }
+    return -1;
+}
+
+std::vector<pid_t> ReadersOf(pid_t agent)
+{
+    const pid_t server = ReaderServerOf(agent);
+    return server < 0 ? std::vector<pid_t>() : ChildrenOf(server);
+}
+
 void WriteFile(const fs::path& path, const std::string& content)
 {
     std::ofstream(path, std::ios::binary) << content;

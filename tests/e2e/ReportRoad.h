@@ -134,6 +134,13 @@ const std::filesystem::path kTaken = "/tmp/.kel_NDF.taken";
 /// The permission bits; 0 when there is nothing.
 mode_t ModeOf(const std::filesystem::path& path);
 
+/// The processes that any thread of a process has started.
+std::vector<pid_t> ChildrenOf(pid_t process);
+
+/// Of an agent: the process that starts readers of artefacts, negative for none, and the readers.
+pid_t ReaderServerOf(pid_t agent);
+std::vector<pid_t> ReadersOf(pid_t agent);
+
 void WriteFile(const std::filesystem::path& path, const std::string& content);
 
 } // namespace kel::test

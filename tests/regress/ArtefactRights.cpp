@@ -128,11 +128,8 @@ TEST_F(ArtefactRights, AreGivenUpForGood)
     EXPECT_THAT(most, testing::ContainsRegex("Max core file size +0 +0"));
     EXPECT_THAT(most, testing::ContainsRegex("Max data size +0 +0"));
     EXPECT_THAT(most, testing::ContainsRegex("Max processes +0 +0"));
-    EXPECT_TRUE(WaitUntil([&] {
-        return ReadFile("/proc/" + std::to_string(agent->Id()) + "/task/"
-                        + std::to_string(agent->Id()) + "/children")
-            .empty();
-    }));
+    EXPECT_GT(ReaderServerOf(agent->Id()), 0);
+    EXPECT_TRUE(WaitUntil([&] { return ReadersOf(agent->Id()).empty(); }));
 }
 
 } // namespace kel::test

@@ -22,21 +22,6 @@ protected:
 
     SlowArtefacts() { WriteFile(m_scratch / "large", std::string(64U << 20U, 'x')); }
 
-    // The processes that the agent has started.
-    static std::vector<pid_t> ChildrenOf(pid_t process)
-    {
-        std::vector<pid_t> children;
-        std::error_code gone;
-        for (const auto& thread :
-             fs::directory_iterator("/proc/" + std::to_string(process) + "/task", gone)) {
-            std::ifstream list(thread.path() / "children");
-            for (pid_t child; list >> child;) {
-                children.push_back(child);
-            }
-        }
-        return children;
-    }
-
     // Of a process that is the stranger's.
     static bool IsStrangers(pid_t process)
     {
@@ -56,7 +41,7 @@ protected:
     {
         const size_t before = Ids().size();
         const Repeat stop([&] {
-            for (const pid_t child : ChildrenOf(agent.Id())) {
+            for (const pid_t child : ReadersOf(agent.Id())) {
                 if (IsStrangers(child)) {
                     kill(child, SIGSTOP);
                 }
@@ -77,7 +62,7 @@ TEST_F(SlowArtefacts, AreGivenUpAndTheirUsersOthersAfterSome)
     File("r-1-ALWAYS.log", m_scratch / "large");
     ASSERT_TRUE(WaitForReports(2)) << agent->ErrorOutput();
     EXPECT_EQ(Reports().at(1)["/artefact/file"], "artefact");
-    EXPECT_TRUE(WaitUntil([&] { return ChildrenOf(agent->Id()).empty(); }));
+    EXPECT_TRUE(WaitUntil([&] { return ReadersOf(agent->Id()).empty(); }));
 
     // Another's do not wait for them for good.
     std::string reason;

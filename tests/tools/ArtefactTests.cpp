@@ -6,18 +6,22 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 
 #include <gmock/gmock.h>
 
 #include "reports/Artefact.h"
 #include "support/PrivateBus.h"
+#include "support/WaitUntil.h"
 
 namespace kel::test {
 
 namespace fs = std::filesystem;
 using agent::TCArtefactCopier;
+using agent::TCReaderServer;
 using agent::TSArtefact;
 
 class Artefact : public testing::Test
@@ -25,8 +29,14 @@ class Artefact : public testing::Test
 protected:
     static constexpr uint64_t kLongest = 1U << 30U;
 
-    Artefact() : m_directory(MakeDirectory()) {}
+    Artefact() : m_directory(MakeDirectory()) { Restart(); }
     ~Artefact() override { fs::remove_all(m_directory); }
+
+    void Restart()
+    {
+        m_readerServer.emplace();
+        m_copier.emplace(kLongest, *m_readerServer);
+    }
 
     fs::path File(const std::string& text) const
     {
@@ -47,7 +57,7 @@ protected:
     {
         fs::remove(m_copy);
         m_copied = {};
-        return m_copier.Copy(path, geteuid(), m_copy, room, m_copied).Reason();
+        return m_copier->Copy(path, geteuid(), m_copy, room, m_copied).Reason();
     }
 
     static std::string TextOf(const fs::path& path)
@@ -58,7 +68,8 @@ protected:
 
     const fs::path m_directory;
     const fs::path m_copy = m_directory / "copy";
-    TCArtefactCopier m_copier{kLongest};
+    std::optional<TCReaderServer> m_readerServer;
+    std::optional<TCArtefactCopier> m_copier;
     TSArtefact m_copied = {};
 };
 
@@ -124,7 +135,7 @@ TEST_F(Artefact, DoesNotReplaceWhatIsThere)
     const fs::path file = File("text");
     std::ofstream(m_copy) << "mine";
 
-    EXPECT_EQ(m_copier.Copy(file, geteuid(), m_copy, kLongest, m_copied).Reason(), "File exists");
+    EXPECT_EQ(m_copier->Copy(file, geteuid(), m_copy, kLongest, m_copied).Reason(), "File exists");
     EXPECT_EQ(TextOf(m_copy), "mine");
 }
 
@@ -133,7 +144,7 @@ TEST_F(Artefact, IsForAnotherUserWhenTheAgentIsPrivilegedAlone)
     const fs::path file = File("text");
     fs::permissions(file, fs::perms::owner_read);
 
-    const std::string reason = m_copier.Copy(file, 65533, m_copy, kLongest, m_copied).Reason();
+    const std::string reason = m_copier->Copy(file, 65533, m_copy, kLongest, m_copied).Reason();
 
     EXPECT_THAT(reason, testing::AnyOf("Permission denied", // ours may be a namespace of one user
                                        "the agent must not read it for user 65533"));
@@ -142,20 +153,30 @@ TEST_F(Artefact, IsForAnotherUserWhenTheAgentIsPrivilegedAlone)
 
 TEST_F(Artefact, LeavesNoProcessAndNoDescriptor)
 {
-    const auto descriptors = [] {
-        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-    };
     const fs::path file = File(std::string(100000, 'x'));
-    const auto before = descriptors();
+    m_copier.reset();
+    m_readerServer.reset();
+    const size_t before = CountDescriptors();
 
+    Restart();
     for (int i = 0; i < 50; ++i) {
         EXPECT_EQ(Copy(i % 2 == 0 ? file : "/nowhere"),
                   i % 2 == 0 ? "" : "No such file or directory");
     }
+    EXPECT_LE(CountDescriptors(), before + 2) << "of the server, and of the last reader";
+    m_copier.reset();
+    m_readerServer.reset();
 
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
-    EXPECT_EQ(descriptors(), before);
+    EXPECT_EQ(CountDescriptors(), before);
+}
+
+TEST_F(Artefact, OfANameThatIsTooLongIsNotCopied)
+{
+    EXPECT_EQ(Copy("/" + std::string(PATH_MAX, 'x')), "File name too long");
+    EXPECT_EQ(Copy("/" + std::string(PATH_MAX - 2, 'x')), "File name too long");
+    EXPECT_EQ(Copy(std::string(PATH_MAX - 10, '/') + "nowhere"), "No such file or directory");
 }
 
 } // namespace kel::test

@@ -49,10 +49,10 @@ private:
 } // namespace
 
 TCAgent::TCAgent(bool test, const std::string& stateDirectory,
-                 const TCReportStore::TSLimits& limits)
+                 const TCReportStore::TSLimits& limits, TCReaderServer& readerServer)
     : m_store(stateDirectory), m_pLoop(g_main_loop_new(nullptr, FALSE)), m_nameDeadline(0),
       m_ok(true), m_server(test), m_announcer(m_server),
-      m_collector(m_server, m_intake, stateDirectory, limits)
+      m_collector(m_server, m_intake, stateDirectory, limits, readerServer)
 {
     m_server.SetCallback(kSetPolicyType, boost::bind(&TCAgent::m_SetPolicy, this, _1, _2));
 }

@@ -27,7 +27,9 @@ public:
     /// @param test            serve the test channel.
     /// @param stateDirectory  where the policy and the reports are kept.
     /// @param limits          of the reports.
-    TCAgent(bool test, const std::string& stateDirectory, const TCReportStore::TSLimits& limits);
+    /// @param readerServer    outlives this object.
+    TCAgent(bool test, const std::string& stateDirectory, const TCReportStore::TSLimits& limits,
+            TCReaderServer& readerServer);
     ~TCAgent();
     TCAgent(const TCAgent&) = delete;
     TCAgent& operator=(const TCAgent&) = delete;

@@ -46,9 +46,10 @@ std::chrono::milliseconds Until(TClock::time_point due)
 } // namespace
 
 TCCollector::TCCollector(IDbusServer& server, TCRequestIntake& intake,
-                         const std::string& stateDirectory, const TCReportStore::TSLimits& limits)
-    : m_reporter(server, stateDirectory, limits), m_intake(intake), m_slot(stateDirectory),
-      m_stop(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
+                         const std::string& stateDirectory, const TCReportStore::TSLimits& limits,
+                         TCReaderServer& readerServer)
+    : m_reporter(server, stateDirectory, limits, readerServer), m_intake(intake),
+      m_slot(stateDirectory), m_stop(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
 {}
 
 TCCollector::~TCCollector() { Stop(); }

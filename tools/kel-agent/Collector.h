@@ -28,9 +28,10 @@ namespace agent {
 class TCCollector
 {
 public:
-    /// @param server  asked to ask the applications; this and the intake outlive this object.
+    /// @param server  asked to ask the applications; this, the intake and the reader server outlive
+    ///                this object.
     TCCollector(IDbusServer& server, TCRequestIntake& intake, const std::string& stateDirectory,
-                const TCReportStore::TSLimits& limits);
+                const TCReportStore::TSLimits& limits, TCReaderServer& readerServer);
     ~TCCollector();
     TCCollector(const TCCollector&) = delete;
     TCCollector& operator=(const TCCollector&) = delete;

@@ -13,6 +13,7 @@
 #include <CLI/CLI.hpp>
 
 #include "Agent.h"
+#include "reports/ReaderServer.h"
 
 namespace {
 
@@ -25,19 +26,20 @@ constexpr uint64_t kMostBytes = UINT32_MAX; // the library tells sizes modulo 4 
 constexpr uint64_t kLeastBytes = 64U << 10; // a report needs some room besides its artefact
 
 // Blocks from this size on go back to the system when they are freed. Left to itself the allocator
-// keeps what one message of 31 MiB took, for good, and each fork for an artefact copies its pages.
+// keeps what one message of 31 MiB took, for good.
 constexpr int kLargeBlock = 128 << 10;
 
 int Serve(bool test, const std::string& stateDirectory,
           const kel::agent::TCReportStore::TSLimits& limits)
 {
+    kel::agent::TCReaderServer readerServer; // first, before threads and whatever takes memory
     mallopt(M_MMAP_THRESHOLD, kLargeBlock);
     std::signal(SIGPIPE, SIG_IGN); // whoever reads our standard error may be gone
     std::signal(SIGUSR1, SIG_IGN); // until the agent handles it, there is nobody to ask
     std::signal(SIGIO, SIG_IGN);   // comes to whom has a lease on a file that is then opened
     try {
-        return kel::agent::TCAgent(test, stateDirectory, limits).Run() ? EXIT_SUCCESS
-                                                                       : EXIT_FAILURE;
+        return kel::agent::TCAgent(test, stateDirectory, limits, readerServer).Run() ? EXIT_SUCCESS
+                                                                                     : EXIT_FAILURE;
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "kel-agent: %s\n", failure.what());
         return EXIT_FAILURE;

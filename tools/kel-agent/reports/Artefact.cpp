@@ -2,13 +2,15 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/wait.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
-#include <thread>
+#include <iterator>
+#include <utility>
 #include <vector>
 
 #include <kel/KELFileSystem.h>
@@ -102,7 +104,7 @@ private:
 class TCFrames
 {
 public:
-    TCFrames(const TCDescriptor& pipe, TClock::time_point end) : m_pipe(pipe), m_end(end) {}
+    TCFrames(const TCDescriptor& socket, TClock::time_point end) : m_socket(socket), m_end(end) {}
 
     // For all that came.
     TClock::duration Waited() const { return m_waited; }
@@ -124,13 +126,13 @@ private:
             const auto start = TClock::now();
             const auto left = std::min<TClock::duration>(m_end - start, kLongestPause);
             const auto time = std::chrono::ceil<std::chrono::milliseconds>(left).count();
-            pollfd ready = {m_pipe.Get(), POLLIN, 0};
+            pollfd ready = {m_socket.Get(), POLLIN, 0};
             const int events = time > 0 ? poll(&ready, 1, static_cast<int>(time)) : 0;
             m_waited += TClock::now() - start;
             if (events == 0) {
                 return TCOutcome::Failed("its reading takes too long");
             }
-            const ssize_t n = events > 0 ? read(m_pipe.Get(), to, size) : -1;
+            const ssize_t n = events > 0 ? read(m_socket.Get(), to, size) : -1;
             if (n == 0) {
                 return TCOutcome::Failed("its reading was ended");
             }
@@ -143,7 +145,7 @@ private:
         return TCOutcome();
     }
 
-    const TCDescriptor& m_pipe;
+    const TCDescriptor& m_socket;
     const TClock::time_point m_end;
     TClock::duration m_waited = {};
 };
@@ -201,6 +203,15 @@ TCOutcome Receive(TCFrames& frames, const TSReading& reading, TCCopy& copy, TSAr
     return TCOutcome();
 }
 
+// Whether nobody has the other end any more, by then at the latest.
+bool IsHungUp(const TCDescriptor& socket, std::chrono::milliseconds patience)
+{
+    pollfd end = {socket.Get(), 0, 0};
+    while (poll(&end, 1, static_cast<int>(patience.count())) < 0 && errno == EINTR) {
+    }
+    return (end.revents & POLLHUP) != 0;
+}
+
 } // namespace
 
 TCOutcome TCArtefactCopier::Copy(const std::string& path, uid_t user,
@@ -209,42 +220,37 @@ TCOutcome TCArtefactCopier::Copy(const std::string& path, uid_t user,
     if (path.empty() || path[0] != '/') {
         return TCOutcome::Failed("its path is not absolute");
     }
+    if (path.size() >= PATH_MAX) {
+        return TCOutcome::Failed(std::strerror(ENAMETOOLONG));
+    }
     const TClock::duration time = m_TimeFor(user);
     if (time < kLeastTime || !m_HasEnded(user)) {
         return TCOutcome::Failed("other files of user " + std::to_string(user)
                                  + " have taken too long");
     }
     const uint64_t space = FreeSpace(boost::filesystem::path(destination).parent_path().string());
-    TSReading reading = {path, user == geteuid() ? TSRights{user, 0, {}} : RightsOf(user),
-                         std::min(room, space - std::min(space, kSpareRoom)), m_longest,
-                         std::chrono::seconds(kMostTime).count() + 1};
+    TSReading reading = {};
+    path.copy(reading.m_path, sizeof(reading.m_path) - 1);
+    reading.m_rights = user == geteuid() ? TSRights{user, 0, 0, {}} : RightsOf(user);
+    reading.m_room = std::min(room, space - std::min(space, kSpareRoom));
+    reading.m_longest = m_longest;
+    reading.m_time = std::chrono::seconds(kMostTime).count() + 1;
 
-    TCOutcome outcome;
-    {
-        const TCArtefactReader reader(reading);
-        if (reader.Id() < 0) {
-            return TCOutcome::Failed(std::strerror(errno));
-        }
-        m_readers[user] = reader.Id();
-        TCCopy copy(destination);
-        TCFrames frames(reader.Pipe(), TClock::now() + time);
-        outcome = copy.IsOpen() ? Receive(frames, reading, copy, copied)
-                                : TCOutcome::Failed(std::strerror(errno));
-        const auto counted = std::max<TClock::duration>(frames.Waited() - kUsualTime, 0s);
-        m_waited.erase(user);
-        if (kMostTime - time + counted > 0s) {
-            m_waited[user] = {kMostTime - time + counted, TClock::now()};
-        }
+    TCDescriptor reader = m_readerServer.Start(reading);
+    if (!reader.IsOpen()) {
+        return TCOutcome::Failed(std::strerror(errno));
     }
-    // It has said all, as a rule, and is gone in less time than a sleep takes.
-    const auto said = TClock::now();
-    while (!m_HasEnded(user) && TClock::now() < said + kEnd) {
-        if (TClock::now() < said + 1ms) {
-            std::this_thread::yield();
-        } else {
-            std::this_thread::sleep_for(100us);
-        }
+    TCCopy copy(destination);
+    TCFrames frames(reader, TClock::now() + time);
+    TCOutcome outcome = copy.IsOpen() ? Receive(frames, reading, copy, copied)
+                                      : TCOutcome::Failed(std::strerror(errno));
+    const auto counted = std::max<TClock::duration>(frames.Waited() - kUsualTime, 0s);
+    m_waited.erase(user);
+    if (kMostTime - time + counted > 0s) {
+        m_waited[user] = {kMostTime - time + counted, TClock::now()};
     }
+    shutdown(reader.Get(), SHUT_RD); // ends a reader that has more to say
+    m_readers[user] = std::move(reader);
     return outcome;
 }
 
@@ -263,16 +269,13 @@ TCArtefactCopier::TClock::duration TCArtefactCopier::m_TimeFor(uid_t user)
 // A process that waits for a file system cannot be ended, and is not waited for.
 bool TCArtefactCopier::m_HasEnded(uid_t user)
 {
-    const auto reader = m_readers.find(user);
-    if (reader == m_readers.end()) {
-        return true;
+    if (const auto reader = m_readers.find(user); reader != m_readers.end()) {
+        IsHungUp(reader->second, kEnd); // it has said all, and needs a moment to end
     }
-    const pid_t ended = waitpid(reader->second, nullptr, WNOHANG);
-    if (ended == 0 || (ended < 0 && errno == EINTR)) {
-        return false;
+    for (auto reader = m_readers.begin(); reader != m_readers.end();) {
+        reader = IsHungUp(reader->second, 0ms) ? m_readers.erase(reader) : std::next(reader);
     }
-    m_readers.erase(reader);
-    return true;
+    return m_readers.count(user) == 0;
 }
 
 } // namespace agent

@@ -7,7 +7,9 @@
 #include <map>
 #include <string>
 
+#include "common/Files.h"
 #include "common/Outcome.h"
+#include "reports/ReaderServer.h"
 
 namespace kel {
 namespace agent {
@@ -27,8 +29,11 @@ struct TSArtefact
 class TCArtefactCopier
 {
 public:
-    /// @param longest  the length that no artefact may exceed, whatever its holes.
-    explicit TCArtefactCopier(uint64_t longest) : m_longest(longest) {}
+    /// @param longest       the length that no artefact may exceed, whatever its holes.
+    /// @param readerServer  outlives this object.
+    TCArtefactCopier(uint64_t longest, TCReaderServer& readerServer)
+        : m_longest(longest), m_readerServer(readerServer)
+    {}
 
     /// Copies a regular file.
     ///
@@ -53,8 +58,9 @@ private:
     bool m_HasEnded(uid_t user);
 
     const uint64_t m_longest;
+    TCReaderServer& m_readerServer;
     std::map<uid_t, TSWaited> m_waited;
-    std::map<uid_t, pid_t> m_readers; // that were ended, and are not gone yet
+    std::map<uid_t, tools::TCDescriptor> m_readers; // that are not wanted, and may not be gone
 };
 
 } // namespace agent

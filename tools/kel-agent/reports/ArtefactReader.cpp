@@ -13,9 +13,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <ctime>
 #include <iterator>
+#include <vector>
 
 namespace kel {
 namespace agent {
@@ -24,10 +24,9 @@ namespace {
 
 constexpr gid_t kNobodysGroup = 65534;
 constexpr size_t kMostOfAnEntry = 1U << 20; // of the user database
-constexpr int kPipe = 0;                    // the reader's one descriptor
 
-// From here on to StartReader() all is for the reader: a process with one of the threads that the
-// agent has, so that nothing in it may take a lock or reserve memory.
+// From here on to RightsOf() all is for the reader: it may be a process with one of the threads
+// that the agent has, so that nothing in it may take a lock or reserve memory.
 
 struct TSBlock
 {
@@ -39,7 +38,7 @@ TSBlock block; // not on a stack of unknown size; each reader has its own
 [[noreturn]] void Say(TSFrame::EKind kind, uint64_t number = 0, size_t size = 0)
 {
     const TSFrame last = {kind, static_cast<uint32_t>(size), number};
-    _exit(write(kPipe, &last, sizeof(last)) == sizeof(last) ? 0 : 1);
+    _exit(write(kReadersSocket, &last, sizeof(last)) == sizeof(last) ? 0 : 1);
 }
 
 [[noreturn]] void SayFailed(int error) { Say(TSFrame::Failed, 0, static_cast<size_t>(error)); }
@@ -51,39 +50,12 @@ void SendBlock(uint64_t offset, size_t size)
     const char* next = reinterpret_cast<const char*>(&block);
     const char* const end = block.m_data + size;
     while (next < end) {
-        const ssize_t n = write(kPipe, next, static_cast<size_t>(end - next));
+        const ssize_t n = write(kReadersSocket, next, static_cast<size_t>(end - next));
         if (n < 0 && errno != EINTR) {
             _exit(1);
         }
         next += std::max<ssize_t>(n, 0);
     }
-}
-
-void CloseAllBut(int pipe)
-{
-    dup2(pipe, kPipe);
-#ifdef SYS_close_range
-    if (syscall(SYS_close_range, kPipe + 1U, ~0U, 0U) == 0) {
-        return;
-    }
-#endif
-    rlimit files = {};
-    getrlimit(RLIMIT_NOFILE, &files);
-    for (rlim_t file = kPipe + 1; file < files.rlim_cur; ++file) {
-        close(static_cast<int>(file));
-    }
-}
-
-void ForgetSignals()
-{
-    struct sigaction byDefault = {};
-    byDefault.sa_handler = SIG_DFL;
-    for (int signal = 1; signal < NSIG; ++signal) {
-        sigaction(signal, &byDefault, nullptr);
-    }
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
 bool HasCapabilities()
@@ -101,7 +73,7 @@ bool Become(const TSRights& rights)
 {
     const uid_t user = rights.m_user;
     return user == geteuid()
-           || (setgroups(rights.m_groups.size(), rights.m_groups.data()) == 0
+           || (setgroups(static_cast<size_t>(rights.m_count), rights.m_groups) == 0
                && setresgid(rights.m_group, rights.m_group, rights.m_group) == 0
                && setresuid(user, user, user) == 0 && !HasCapabilities());
 }
@@ -114,12 +86,12 @@ void Limit(int resource, rlim_t most)
 
 // Nobody else of the same user gets at its memory, which was the agent's, and it has no other life
 // than to read.
-void Confine(const TSReading& reading, pid_t agent)
+void Confine(const TSReading& reading, pid_t parent)
 {
     prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
     prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
     prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0); // void when the user changes: so after that
-    if (getppid() != agent) {
+    if (getppid() != parent) {
         _exit(1);
     }
     Limit(RLIMIT_CPU, reading.m_time);
@@ -198,9 +170,9 @@ off_t LengthOf(int file)
     return status.st_size;
 }
 
-// Ends it then, also where the agent must not: it has no CAP_KILL. Its user may stop it, which
-// holds up every signal but this one. Nor can its user have taken all signals that may be pending:
-// as long as it is the agent's, they are counted for that.
+// Ends it then, as the agent must not: it has no CAP_KILL. Its user may stop it, which holds up
+// every signal but this one. Nor can its user have taken all signals that may be pending: as long
+// as it is the agent's, they are counted for that.
 void EndIn(unsigned int seconds)
 {
     sigevent event = {};
@@ -217,7 +189,7 @@ void EndIn(unsigned int seconds)
 [[noreturn]] void Read(const TSReading& reading)
 {
     struct stat status;
-    const int file = OpenFile(reading.m_path.c_str(), status);
+    const int file = OpenFile(reading.m_path, status);
     const auto length = static_cast<uint64_t>(status.st_size);
     if (length > reading.m_longest) {
         Say(TSFrame::TooLarge, length);
@@ -249,41 +221,11 @@ void EndIn(unsigned int seconds)
     }
 }
 
-[[noreturn]] void BeReader(const TSReading& reading, int pipe, pid_t agent)
-{
-    ForgetSignals();
-    CloseAllBut(pipe);
-    EndIn(reading.m_time);
-    if (!Become(reading.m_rights)) {
-        Say(TSFrame::Foreign);
-    }
-    Confine(reading, agent);
-    Read(reading);
-}
-
-pid_t StartReader(const TSReading& reading, int pipe)
-{
-    // No handler of the agent's runs in the reader.
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    const pid_t agent = getpid();
-    const pid_t reader = fork();
-    if (reader == 0) {
-        BeReader(reading, pipe, agent);
-    }
-    const int error = errno;
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    errno = error;
-    return reader;
-}
-
 } // namespace
 
 TSRights RightsOf(uid_t user)
 {
-    TSRights rights = {user, kNobodysGroup, {}};
+    TSRights rights = {user, kNobodysGroup, 0, {}};
     std::vector<char> text(1U << 10);
     passwd entry;
     passwd* found = nullptr;
@@ -291,36 +233,23 @@ TSRights RightsOf(uid_t user)
            && text.size() < kMostOfAnEntry) {
         text.resize(2 * text.size());
     }
-    if (found == nullptr) {
-        return rights;
+    if (found != nullptr) {
+        rights.m_group = found->pw_gid;
+        rights.m_count = TSRights::kMostGroups;
+        getgrouplist(found->pw_name, found->pw_gid, rights.m_groups, &rights.m_count);
+        rights.m_count = std::min(rights.m_count, TSRights::kMostGroups);
     }
-    rights.m_group = found->pw_gid;
-    int count = 32;
-    rights.m_groups.resize(static_cast<size_t>(count));
-    while (getgrouplist(found->pw_name, found->pw_gid, rights.m_groups.data(), &count) < 0
-           && static_cast<size_t>(count) > rights.m_groups.size()) {
-        rights.m_groups.resize(static_cast<size_t>(count));
-    }
-    rights.m_groups.resize(std::min(rights.m_groups.size(), static_cast<size_t>(count)));
     return rights;
 }
 
-TCArtefactReader::TCArtefactReader(const TSReading& reading)
+void BeReader(const TSReading& reading, pid_t parent)
 {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) {
-        return;
+    EndIn(reading.m_time);
+    if (!Become(reading.m_rights)) {
+        Say(TSFrame::Foreign);
     }
-    m_pipe.Reset(ends[0]);
-    const tools::TCDescriptor readers(ends[1]);
-    m_id = StartReader(reading, readers.Get());
-}
-
-TCArtefactReader::~TCArtefactReader()
-{
-    if (m_id > 0) {
-        kill(m_id, SIGKILL);
-    }
+    Confine(reading, parent);
+    Read(reading);
 }
 
 } // namespace agent

@@ -2,11 +2,9 @@
 
 #include <sys/types.h>
 
+#include <climits>
+#include <cstddef>
 #include <cstdint>
-#include <string>
-#include <vector>
-
-#include "common/Files.h"
 
 namespace kel {
 namespace agent {
@@ -15,25 +13,28 @@ namespace agent {
 /// file may read is not for whom has just put a file there.
 struct TSRights
 {
+    static constexpr int kMostGroups = 1024; // the rest lends nothing
+
     uid_t m_user;
     gid_t m_group;
-    std::vector<gid_t> m_groups; // the supplementary ones
+    int m_count; // of the supplementary groups
+    gid_t m_groups[kMostGroups];
 };
 
 /// The rights of a user. One whom the user database does not know has no groups.
 TSRights RightsOf(uid_t user);
 
-/// What a reader is to do.
+/// What a reader is to do; it is sent as it is.
 struct TSReading
 {
-    std::string m_path;
+    char m_path[PATH_MAX];
     TSRights m_rights;
     uint64_t m_room;     // how many bytes there may be, without the holes
     uint64_t m_longest;  // and with them
     unsigned int m_time; // in seconds: then it ends itself
 };
 
-/// What a reader says, in its pipe: each time one of these, and behind Data so many bytes.
+/// What a reader says, in its socket: each time one of these, and behind Data so many bytes.
 struct TSFrame
 {
     enum EKind : uint32_t { Data, End, Failed, Foreign, NoFile, TooLarge };
@@ -45,31 +46,14 @@ struct TSFrame
 
 constexpr size_t kMostOfAFrame = 64U << 10;
 
-/// A process that reads one regular file. It has become the user who asks, for good: it opens and
-/// reads with the rights of the user, and with no capability, none of the agent's files, and little
-/// time and memory.
+constexpr int kReadersSocket = 0; // the one descriptor that a reader has
+
+/// Reads one regular file, and ends the process. That has become the user who asks before, for
+/// good: it opens and reads with the rights of the user, and with no capability, none of the
+/// agent's files, and little time and memory. It takes no lock and reserves no memory.
 ///
-/// Threads: any.
-class TCArtefactReader
-{
-public:
-    /// Starts it; there is none when that fails, with errno set.
-    explicit TCArtefactReader(const TSReading& reading);
-
-    /// Ends it, if it has not ended.
-    ~TCArtefactReader();
-    TCArtefactReader(const TCArtefactReader&) = delete;
-    TCArtefactReader& operator=(const TCArtefactReader&) = delete;
-
-    pid_t Id() const { return m_id; }
-
-    /// What it says.
-    const tools::TCDescriptor& Pipe() const { return m_pipe; }
-
-private:
-    pid_t m_id = -1;
-    tools::TCDescriptor m_pipe;
-};
+/// @param parent  with whom it ends.
+[[noreturn]] void BeReader(const TSReading& reading, pid_t parent);
 
 } // namespace agent
 } // namespace kel

@@ -25,9 +25,10 @@ namespace agent {
 class TCReporter
 {
 public:
-    /// @param server  asked to ask the applications; outlives this object.
+    /// @param server  asked to ask the applications; this and the reader server outlive this
+    ///                object.
     TCReporter(IDbusServer& server, const std::string& stateDirectory,
-               const TCReportStore::TSLimits& limits);
+               const TCReportStore::TSLimits& limits, TCReaderServer& readerServer);
 
     /// Returns when no application is asked any more: at most 5 s later.
     ~TCReporter();
