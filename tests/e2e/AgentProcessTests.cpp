@@ -9,6 +9,7 @@
 #include "e2e/AgentRoad.h"
 #include "support/Archives.h"
 #include "support/Mount.h"
+#include "support/Sandbox.h"
 
 namespace kel::test {
 
@@ -130,8 +131,10 @@ TEST_F(AgentProcess, HelpAndVersionGoToStandardOutput)
     EXPECT_EQ(version.m_output, "kel-agent " KEL_VERSION "\n");
 }
 
+// It has made its directories by then.
 TEST(AgentWithoutBus, GivesUpAtOnce)
 {
+    Sandbox::Need();
     const TSFinished ended = RunProgram({KEL_AGENT, "--state-dir", "/"},
                                         {{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/tmp/none"}}, {},
                                         std::chrono::seconds(10));

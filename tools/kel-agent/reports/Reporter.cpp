@@ -17,7 +17,6 @@ namespace kel {
 namespace agent {
 
 using tools::Printable;
-using tools::PrintableStart;
 using tools::TCOutcome;
 using namespace std::chrono_literals;
 
@@ -65,9 +64,9 @@ void EndWithoutDestructors()
 } // namespace
 
 TCReporter::TCReporter(IDbusServer& server, const std::string& stateDirectory,
-                       const TCReportStore::TSLimits& limits)
+                       const TCReportStore::TSLimits& limits, TCReaderServer& readerServer)
     : m_server(server), m_store(stateDirectory, limits),
-      m_copier(limits.m_bytes), m_kernelLog{TSKernelLog::EState::Late, "", false, 0}
+      m_copier(limits.m_bytes, readerServer), m_kernelLog{TSKernelLog::EState::Late, "", false, 0}
 {}
 
 TCReporter::~TCReporter()
@@ -197,7 +196,7 @@ void TCReporter::m_AddArtefact(const TCReportDraft& draft, uint64_t room, TSRepo
     if (!report.m_noArtefact.empty()) {
         std::fprintf(stderr, "kel-agent: report %llu: artefact %s not copied: %s\n",
                      static_cast<unsigned long long>(report.m_id),
-                     PrintableStart(request.m_uploadPath.value_or("")).c_str(),
+                     Printable(request.m_uploadPath.value_or("")).c_str(),
                      report.m_noArtefact.c_str());
     }
 }
