@@ -121,6 +121,19 @@ bool RemoveAcl(int file)
     return !HasAcl(file);
 }
 
+// The ACLs go after the owner, who could give himself others until then.
+bool Freeze(int directory)
+{
+    struct stat status;
+    if (fstat(directory, &status) != 0) {
+        return false;
+    }
+    if (status.st_uid != geteuid() && fchown(directory, geteuid(), getegid()) != 0) {
+        return false;
+    }
+    return RemoveAcl(directory) && fchmod(directory, S_IRWXU) == 0;
+}
+
 bool ForEachName(int directory,
                  const std::function<bool(const std::string& name, unsigned char type)>& visit)
 {

@@ -58,6 +58,12 @@ bool HasAcl(int file);
 /// @return true when there are none.
 bool RemoveAcl(int file);
 
+/// Makes a directory this user's alone, so that nobody else changes it, also through what he has
+/// open. Its contents stay as they are.
+///
+/// @return true on success, otherwise false with errno set.
+bool Freeze(int directory);
+
 /// Calls a function with each name in an open directory but "." and "..", and with its type as
 /// readdir() tells it, until the function returns false. It may remove what it is called for.
 ///

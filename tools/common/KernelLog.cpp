@@ -1,6 +1,5 @@
 #include "KernelLog.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,7 +7,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <string>
 
 #include <kel/KELKernelLog.h>
 
@@ -27,33 +26,21 @@ constexpr int kTries = 8; // somebody may put another thing there as fast as it 
 constexpr size_t kMostRemoved = 10000;
 constexpr int kDeepest = 32;
 
-// Opens a directory in which nobody else can do anything any more. A link is not followed.
-TCDescriptor OpenFrozen(int parent, const char* name)
-{
-    TCDescriptor directory(
-        openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (directory.IsOpen()
-        && (fchown(directory.Get(), geteuid(), getegid()) != 0
-            || fchmod(directory.Get(), S_IRWXU) != 0)) {
-        directory.Reset();
-    }
-    return directory;
-}
-
 void Remove(int parent, const char* name, int depth, size_t& count) // NOLINT(misc-no-recursion)
 {
     if (unlinkat(parent, name, 0) == 0 || errno != EISDIR || depth > kDeepest) {
         return;
     }
-    const TCDescriptor directory = OpenFrozen(parent, name);
-    const std::unique_ptr<DIR, int (*)(DIR*)> stream(
-        directory.IsOpen() ? fdopendir(dup(directory.Get())) : nullptr, &closedir);
-    const dirent* entry = nullptr;
-    while (stream && count > 0 && (entry = readdir(stream.get())) != nullptr) {
-        if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) {
-            --count;
-            Remove(directory.Get(), entry->d_name, depth + 1, count);
-        }
+    const TCDescriptor directory(
+        openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (directory.IsOpen() && Freeze(directory.Get())) {
+        ForEachName(directory.Get(), [&](const std::string& entry, unsigned char) {
+            if (count > 0) {
+                --count;
+                Remove(directory.Get(), entry.c_str(), depth + 1, count);
+            }
+            return count > 0;
+        });
     }
     unlinkat(parent, name, AT_REMOVEDIR);
 }

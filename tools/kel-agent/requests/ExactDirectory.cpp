@@ -105,18 +105,5 @@ TCOutcome TCExactDirectory::m_MoveAside(int parent, bool& moved) const
                                    + " has in its place cannot be moved: " + std::strerror(errno));
 }
 
-// The ACLs go after the owner, who could give himself others until then.
-bool Freeze(int directory)
-{
-    struct stat status;
-    if (fstat(directory, &status) != 0) {
-        return false;
-    }
-    if (status.st_uid != geteuid() && fchown(directory, geteuid(), getegid()) != 0) {
-        return false;
-    }
-    return RemoveAcl(directory) && fchmod(directory, kOwnersAlone) == 0;
-}
-
 } // namespace agent
 } // namespace kel

@@ -39,11 +39,5 @@ private:
     const std::string m_aside;
 };
 
-/// Makes a directory the agent's alone, so that nobody changes it, also through what he has open.
-/// Its contents stay as they are.
-///
-/// @return true on success, otherwise false with errno set.
-bool Freeze(int directory);
-
 } // namespace agent
 } // namespace kel

@@ -14,6 +14,7 @@ namespace kel {
 namespace agent {
 
 using tools::ForEachName;
+using tools::Freeze;
 using tools::OpenIn;
 using tools::TCDescriptor;
 using tools::TCOutcome;
