@@ -1,4 +1,4 @@
-// A file that never answers stopped the agent for as long as its file system liked.
+// A file that never answers, or trickles, kept the reports of all other users waiting.
 
 #include <signal.h>
 #include <unistd.h>
@@ -20,7 +20,11 @@ class SlowArtefacts : public ReportRoad
 protected:
     static constexpr uid_t kStranger = 65533;
 
-    SlowArtefacts() { WriteFile(m_scratch / "large", std::string(64U << 20U, 'x')); }
+    SlowArtefacts()
+    {
+        WriteFile(m_scratch / "large", std::string(64U << 20U, 'x'));
+        WriteFile(m_scratch / "small", "text");
+    }
 
     // Of a process that is the stranger's.
     static bool IsStrangers(pid_t process)
@@ -35,45 +39,78 @@ protected:
         return false;
     }
 
-    // The report of the stranger's request for the large file, whose reader is stopped meanwhile:
-    // as if the file did not answer.
-    TSReport ReportOfOneThatDoesNotAnswer(const ChildProcess& agent, const std::string& name)
+    // As if their files did not answer.
+    static void StopStrangersReaders(const ChildProcess& agent)
     {
-        const size_t before = Ids().size();
-        const Repeat stop([&] {
-            for (const pid_t child : ReadersOf(agent.Id())) {
-                if (IsStrangers(child)) {
-                    kill(child, SIGSTOP);
-                }
+        for (const pid_t child : ReadersOf(agent.Id())) {
+            if (IsStrangers(child)) {
+                kill(child, SIGSTOP);
             }
-        });
-        File(name, m_scratch / "large", kStranger);
-        EXPECT_TRUE(WaitForReports(before + 1)) << agent.ErrorOutput();
-        return Reports().at(before);
+        }
     }
+
+    void FileStrangers(const std::string& name) { File(name, m_scratch / "large", kStranger); }
+
+    std::string ReasonOf(size_t report) const { return Reports().at(report)["/artefact/reason"]; }
 };
 
-TEST_F(SlowArtefacts, AreGivenUpAndTheirUsersOthersAfterSome)
+TEST_F(SlowArtefacts, AreGivenUp)
 {
     const auto agent = StartCollector();
+    const Repeat stop([&] { StopStrangersReaders(*agent); });
 
-    EXPECT_EQ(ReportOfOneThatDoesNotAnswer(*agent, "s-0-ALWAYS.log")["/artefact/reason"],
-              "its reading takes too long");
-    File("r-1-ALWAYS.log", m_scratch / "large");
+    FileStrangers("s-1-ALWAYS.log");
+    ASSERT_TRUE(WaitForReports(1)) << agent->ErrorOutput();
+    EXPECT_EQ(ReasonOf(0), "its reading takes too long");
+
+    // Its reader is there until it ends itself.
+    FileStrangers("s-2-ALWAYS.log");
     ASSERT_TRUE(WaitForReports(2)) << agent->ErrorOutput();
-    EXPECT_EQ(Reports().at(1)["/artefact/file"], "artefact");
+    EXPECT_EQ(ReasonOf(1), "the reading of another file of user 65533 cannot be ended");
     EXPECT_TRUE(WaitUntil([&] { return ReadersOf(agent->Id()).empty(); }));
+}
 
-    // Another's do not wait for them for good.
-    std::string reason;
-    for (int i = 1; i < 20 && reason != "other files of user 65533 have taken too long"; ++i) {
-        reason = ReportOfOneThatDoesNotAnswer(*agent, "s-" + std::to_string(i)
-                                                          + "-ALWAYS.log")["/artefact/reason"];
+TEST_F(SlowArtefacts, KeepTheirUserWaitingAlone)
+{
+    const auto agent = StartCollector();
+    {
+        const Repeat trickle([&] {
+            StopStrangersReaders(*agent);
+            usleep(300'000);
+            for (const pid_t child : ReadersOf(agent->Id())) {
+                kill(child, SIGCONT);
+            }
+        });
+        FileStrangers("s-1-ALWAYS.log");
+        ASSERT_TRUE(WaitUntil([&] { return !ReadersOf(agent->Id()).empty(); }));
+        FileStrangers("s-2-ALWAYS.log");
+        File("r-1-ALWAYS.log", m_scratch / "small");
+
+        ASSERT_TRUE(Says(*agent, ": r-1-ALWAYS.log in /tmp/kel_NDF collected\n"));
+        EXPECT_EQ(Names(), TNames{"r-1-ALWAYS.log"});
+        EXPECT_EQ(Reports().at(0)["/artefact/file"], "artefact");
     }
-    EXPECT_EQ(reason, "other files of user 65533 have taken too long");
-    File("r-2-ALWAYS.log", m_scratch / "large");
-    ASSERT_TRUE(Says(*agent, ": r-2-ALWAYS.log in /tmp/kel_NDF collected\n"));
-    EXPECT_EQ(Reports().back()["/artefact/file"], "artefact");
+    ASSERT_TRUE(WaitForReports(3)) << agent->ErrorOutput();
+    EXPECT_EQ(Reports().at(1).Name(), "s-1-ALWAYS.log");
+    EXPECT_EQ(Reports().at(2)["/artefact/file"], "artefact");
+}
+
+TEST_F(SlowArtefacts, WaitForTheNextAgentWhenThisOneEnds)
+{
+    auto agent = StartCollector();
+    {
+        const Repeat stop([&] { StopStrangersReaders(*agent); });
+        FileStrangers("s-1-ALWAYS.log");
+        ASSERT_TRUE(WaitUntil([&] { return !ReadersOf(agent->Id()).empty(); }));
+        agent->Signal(SIGTERM);
+        EXPECT_EQ(agent->Wait(), 0);
+    }
+    EXPECT_EQ(Names(), TNames{});
+
+    agent = StartCollector();
+    ASSERT_TRUE(WaitForReports(1)) << agent->ErrorOutput();
+    EXPECT_EQ(Reports().at(0)["/artefact/file"], "artefact");
+    EXPECT_EQ(NamesIn(m_reports), Ids()) << "an unfinished one is left";
 }
 
 } // namespace kel::test

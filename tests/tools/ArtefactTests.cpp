@@ -56,8 +56,14 @@ protected:
     std::string Copy(const fs::path& path, uint64_t room = kLongest)
     {
         fs::remove(m_copy);
-        m_copied = {};
-        return m_copier->Copy(path, geteuid(), m_copy, room, m_copied).Reason();
+        return CopyFor(geteuid(), path, room);
+    }
+
+    std::string CopyFor(uid_t user, const fs::path& path, uint64_t room)
+    {
+        m_copier->Begin(path, user, m_copy, room);
+        m_copied = m_copier->Take(user, kDeadline).value();
+        return m_copied.m_outcome.Reason();
     }
 
     static std::string TextOf(const fs::path& path)
@@ -70,7 +76,7 @@ protected:
     const fs::path m_copy = m_directory / "copy";
     std::optional<TCReaderServer> m_readerServer;
     std::optional<TCArtefactCopier> m_copier;
-    TSArtefact m_copied = {};
+    TSArtefact m_copied;
 };
 
 TEST_F(Artefact, IsCopiedByteForByteWhateverItsSize)
@@ -135,7 +141,7 @@ TEST_F(Artefact, DoesNotReplaceWhatIsThere)
     const fs::path file = File("text");
     std::ofstream(m_copy) << "mine";
 
-    EXPECT_EQ(m_copier->Copy(file, geteuid(), m_copy, kLongest, m_copied).Reason(), "File exists");
+    EXPECT_EQ(CopyFor(geteuid(), file, kLongest), "File exists");
     EXPECT_EQ(TextOf(m_copy), "mine");
 }
 
@@ -144,7 +150,7 @@ TEST_F(Artefact, IsForAnotherUserWhenTheAgentIsPrivilegedAlone)
     const fs::path file = File("text");
     fs::permissions(file, fs::perms::owner_read);
 
-    const std::string reason = m_copier->Copy(file, 65533, m_copy, kLongest, m_copied).Reason();
+    const std::string reason = CopyFor(65533, file, kLongest);
 
     EXPECT_THAT(reason, testing::AnyOf("Permission denied", // ours may be a namespace of one user
                                        "the agent must not read it for user 65533"));
@@ -163,7 +169,7 @@ TEST_F(Artefact, LeavesNoProcessAndNoDescriptor)
         EXPECT_EQ(Copy(i % 2 == 0 ? file : "/nowhere"),
                   i % 2 == 0 ? "" : "No such file or directory");
     }
-    EXPECT_LE(CountDescriptors(), before + 2) << "of the server, and of the last reader";
+    EXPECT_LE(CountDescriptors(), before + 3) << "of the server, the last reader, and its end";
     m_copier.reset();
     m_readerServer.reset();
 

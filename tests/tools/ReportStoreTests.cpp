@@ -18,7 +18,6 @@ using agent::TCReportStore;
 using agent::TOwner;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 
 class ReportStore : public testing::Test
@@ -75,9 +74,13 @@ TEST_F(ReportStore, ADraftThatIsNotFinishedLeavesNothing)
         TCReportDraft draft(store, 0);
         ASSERT_TRUE(draft.Begin());
         ASSERT_TRUE(draft.Write("file", "text"));
-        EXPECT_THAT(Names(), ElementsAre(".new-0000000001"));
+        EXPECT_THAT(Names(), ElementsAre(".new-1"));
+        EXPECT_TRUE(store.Open()) << "another one is made meanwhile";
+        EXPECT_TRUE(Add(store, 1));
+        EXPECT_THAT(Names(), UnorderedElementsAre(".new-1", "0000000001"));
+        EXPECT_EQ(draft.Id(), 2U);
     }
-    EXPECT_THAT(Names(), IsEmpty());
+    EXPECT_THAT(Names(), ElementsAre("0000000001"));
 }
 
 TEST_F(ReportStore, WhatAKilledAgentHasLeftIsRemovedAndWhatIsNoReportStays)

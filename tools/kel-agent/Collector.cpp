@@ -88,10 +88,15 @@ bool TCCollector::m_WaitForRequests(EProgress progress)
     if (progress == EProgress::More) {
         time = std::chrono::milliseconds(0);
     }
-    pollfd events[] = {{m_stop.Get(), POLLIN, 0}, {m_intake.Changes(), POLLIN, 0}};
+    pollfd events[] = {{m_stop.Get(), POLLIN, 0},
+                       {m_intake.Changes(), POLLIN, 0},
+                       {m_reporter.Copied(), POLLIN, 0}};
     poll(events, std::size(events), static_cast<int>(time.count()));
     if (events[1].revents != 0) {
         m_intake.ReadChanges();
+    }
+    if (events[2].revents != 0) {
+        m_reporter.ReadCopied();
     }
     return events[0].revents == 0;
 }
@@ -123,9 +128,9 @@ TCCollector::EProgress TCCollector::m_Collect()
             m_gatheredSlot = ofSlot ? ofSlot->m_stamp : "";
         }
         progress = m_Serve(requests, opened);
-        // Another agent may have the same one, and requests that we do not see.
-        m_reporter.Close();
     }
+    // Another agent may have the same one, and requests that we do not see.
+    m_reporter.Close();
     if (progress == EProgress::Idle && slotWaits) {
         return EProgress::Waiting;
     }
@@ -154,6 +159,7 @@ TCCollector::EProgress TCCollector::m_Serve(const std::vector<TSRequest>& reques
 {
     const TClock::time_point end = TClock::now() + kBatchTime;
     EProgress progress = EProgress::Idle;
+    size_t copied = 0; // and not yet a report
     for (const TSRequest& request : requests) {
         if (m_IsStopped()) {
             return progress;
@@ -161,27 +167,31 @@ TCCollector::EProgress TCCollector::m_Serve(const std::vector<TSRequest>& reques
         if (progress == EProgress::Idle && TClock::now() >= end) {
             return EProgress::More;
         }
-        TCOutcome served = canReport;
+        std::optional<TCOutcome> served = canReport;
         try {
             served = canReport ? m_ServeOne(request, canReport) : canReport;
         } catch (const std::exception& failure) { // of this one: the others do not wait for it
             served = TCOutcome::Failed(failure.what());
         }
         if (!served) {
-            m_LetWait(request.m_name, request.m_source, served.Reason());
+            ++copied;
+        } else if (!*served) {
+            m_LetWait(request.m_name, request.m_source, served->Reason());
             progress = EProgress::Waiting;
         }
     }
-    return progress;
+    return progress == EProgress::Idle && copied == requests.size() ? EProgress::Copying : progress;
 }
 
-// Failed when it has to wait: alone, or, when there can be no reports, like all others.
-TCOutcome TCCollector::m_ServeOne(const TSRequest& request, TCOutcome& canReport)
+// Failed when it has to wait: alone, or, when there can be no reports, like all others. Nothing as
+// long as its artefact is being copied.
+std::optional<TCOutcome> TCCollector::m_ServeOne(const TSRequest& request, TCOutcome& canReport)
 {
     if (!m_reporter.IsReported(request) && m_unremoved.count(request.m_stamp) == 0) {
-        canReport = m_reporter.Report(request);
-        if (!canReport) {
-            return canReport;
+        const std::optional<TCOutcome> reported = m_reporter.Report(request);
+        canReport = reported.value_or(canReport);
+        if (!reported || !*reported) {
+            return reported;
         }
     }
     TCOutcome removed

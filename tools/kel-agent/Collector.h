@@ -43,14 +43,15 @@ public:
     void Stop();
 
 private:
-    enum class EProgress { Idle, More, Waiting };
+    enum class EProgress { Idle, More, Copying, Waiting };
 
     void m_Run();
     bool m_WaitForRequests(EProgress progress);
     EProgress m_Collect();
     bool m_TakeFromSlot(std::optional<TSRequest>& request);
     EProgress m_Serve(const std::vector<TSRequest>& requests, tools::TCOutcome canReport);
-    tools::TCOutcome m_ServeOne(const TSRequest& request, tools::TCOutcome& canReport);
+    std::optional<tools::TCOutcome> m_ServeOne(const TSRequest& request,
+                                               tools::TCOutcome& canReport);
     void m_LetWait(const std::string& name, const std::string& source, const std::string& reason);
     bool m_IsStopped() const;
 

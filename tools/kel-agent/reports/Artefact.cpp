@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -31,12 +32,7 @@ typedef std::chrono::steady_clock TClock;
 constexpr mode_t kMode = 0600;
 constexpr uint64_t kSpareRoom = 1U << 20; // for the rest of the report
 
-// All others wait meanwhile: the files of a user may take so long at once, and have them wait a
-// sixth of all time in the long run.
 constexpr auto kMostTime = 10s;
-constexpr int kForgotten = 6;      // seconds in which one of them is forgotten
-constexpr auto kUsualTime = 100ms; // of one file: it does not count
-constexpr auto kLeastTime = 1s;    // with less it is not tried
 constexpr auto kLongestPause = 2s; // without a byte
 constexpr auto kEnd = 100ms;       // of a reader that was ended
 
@@ -104,10 +100,7 @@ private:
 class TCFrames
 {
 public:
-    TCFrames(const TCDescriptor& socket, TClock::time_point end) : m_socket(socket), m_end(end) {}
-
-    // For all that came.
-    TClock::duration Waited() const { return m_waited; }
+    TCFrames(int socket, TClock::time_point end) : m_socket(socket), m_end(end) {}
 
     // The next one, and its data; an outcome that tells why there is none.
     TCOutcome Next(TSFrame& frame, std::vector<char>& data)
@@ -123,16 +116,14 @@ private:
     TCOutcome m_Read(char* to, size_t size)
     {
         while (size > 0) {
-            const auto start = TClock::now();
-            const auto left = std::min<TClock::duration>(m_end - start, kLongestPause);
+            const auto left = std::min<TClock::duration>(m_end - TClock::now(), kLongestPause);
             const auto time = std::chrono::ceil<std::chrono::milliseconds>(left).count();
-            pollfd ready = {m_socket.Get(), POLLIN, 0};
+            pollfd ready = {m_socket, POLLIN, 0};
             const int events = time > 0 ? poll(&ready, 1, static_cast<int>(time)) : 0;
-            m_waited += TClock::now() - start;
             if (events == 0) {
                 return TCOutcome::Failed("its reading takes too long");
             }
-            const ssize_t n = events > 0 ? read(m_socket.Get(), to, size) : -1;
+            const ssize_t n = events > 0 ? read(m_socket, to, size) : -1;
             if (n == 0) {
                 return TCOutcome::Failed("its reading was ended");
             }
@@ -145,9 +136,8 @@ private:
         return TCOutcome();
     }
 
-    const TCDescriptor& m_socket;
+    const int m_socket;
     const TClock::time_point m_end;
-    TClock::duration m_waited = {};
 };
 
 // Why there are no more data, in the words of a report.
@@ -161,16 +151,14 @@ std::string ReasonOf(const TSFrame& last, const TSReading& reading)
     case TSFrame::NoFile:
         return "it is no regular file";
     case TSFrame::TooLarge:
-        return "it has " + std::to_string(last.m_number) + " bytes"
-               + ThereIsRoomFor(reading.m_room);
+        return NoRoom(last.m_number, reading.m_room);
     default:
         return "its reading has failed";
     }
 }
 
-TCOutcome Receive(TCFrames& frames, const TSReading& reading, TCCopy& copy, TSArtefact& copied)
+TCOutcome Receive(TCFrames frames, const TSReading& reading, TCCopy& copy, TSArtefact& copied)
 {
-    uint64_t written = 0;
     uint64_t end = 0; // of what there is
     TSFrame frame;
     std::vector<char> data;
@@ -186,9 +174,9 @@ TCOutcome Receive(TCFrames& frames, const TSReading& reading, TCCopy& copy, TSAr
         if (frame.m_kind != TSFrame::Data || frame.m_number < end) {
             return TCOutcome::Failed(ReasonOf(frame, reading));
         }
-        written += data.size();
+        copied.m_written += data.size();
         end = frame.m_number + data.size();
-        if (written > reading.m_room || end > reading.m_longest) {
+        if (copied.m_written > reading.m_room || end > reading.m_longest) {
             return TCOutcome::Failed("it has more bytes than it tells of"
                                      + ThereIsRoomFor(reading.m_room));
         }
@@ -196,11 +184,19 @@ TCOutcome Receive(TCFrames& frames, const TSReading& reading, TCCopy& copy, TSAr
             return TCOutcome::Failed(std::strerror(errno));
         }
     }
-    if (!copy.Keep(frame.m_number)) {
-        return TCOutcome::Failed(std::strerror(errno));
-    }
-    copied = {frame.m_number, written};
-    return TCOutcome();
+    copied.m_size = frame.m_number;
+    return copy.Keep(copied.m_size) ? TCOutcome() : TCOutcome::Failed(std::strerror(errno));
+}
+
+TSArtefact ReceiveAll(int socket, const TSReading& reading, const std::string& destination)
+{
+    TSArtefact copied;
+    TCCopy copy(destination);
+    const TCFrames frames(socket, TClock::now() + kMostTime);
+    copied.m_outcome = copy.IsOpen() ? Receive(frames, reading, copy, copied)
+                                     : TCOutcome::Failed(std::strerror(errno));
+    shutdown(socket, SHUT_RD); // ends a reader that has more to say
+    return copied;
 }
 
 // Whether nobody has the other end any more, by then at the latest.
@@ -214,20 +210,26 @@ bool IsHungUp(const TCDescriptor& socket, std::chrono::milliseconds patience)
 
 } // namespace
 
-TCOutcome TCArtefactCopier::Copy(const std::string& path, uid_t user,
-                                 const std::string& destination, uint64_t room, TSArtefact& copied)
+std::string NoRoom(uint64_t bytes, uint64_t room)
 {
-    if (path.empty() || path[0] != '/') {
-        return TCOutcome::Failed("its path is not absolute");
+    return "it has " + std::to_string(bytes) + " bytes" + ThereIsRoomFor(room);
+}
+
+TCArtefactCopier::TCArtefactCopier(uint64_t longest, TCReaderServer& readerServer)
+    : m_longest(longest), m_readerServer(readerServer),
+      m_ends(std::make_shared<TCDescriptor>(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)))
+{}
+
+TCArtefactCopier::~TCArtefactCopier()
+{
+    for (const auto& [user, copying] : m_copyings) {
+        GiveUp(user);
     }
-    if (path.size() >= PATH_MAX) {
-        return TCOutcome::Failed(std::strerror(ENAMETOOLONG));
-    }
-    const TClock::duration time = m_TimeFor(user);
-    if (time < kLeastTime || !m_HasEnded(user)) {
-        return TCOutcome::Failed("other files of user " + std::to_string(user)
-                                 + " have taken too long");
-    }
+}
+
+void TCArtefactCopier::Begin(const std::string& path, uid_t user, const std::string& destination,
+                             uint64_t room)
+{
     const uint64_t space = FreeSpace(boost::filesystem::path(destination).parent_path().string());
     TSReading reading = {};
     path.copy(reading.m_path, sizeof(reading.m_path) - 1);
@@ -236,46 +238,71 @@ TCOutcome TCArtefactCopier::Copy(const std::string& path, uid_t user,
     reading.m_longest = m_longest;
     reading.m_time = std::chrono::seconds(kMostTime).count() + 1;
 
-    TCDescriptor reader = m_readerServer.Start(reading);
-    if (!reader.IsOpen()) {
-        return TCOutcome::Failed(std::strerror(errno));
+    TCDescriptor reader;
+    const TCOutcome started = m_Start(path, reading, reader);
+    TSCopying& copying = m_copyings[user];
+    const auto notify = [ends = m_ends] { eventfd_write(ends->Get(), 1); };
+    if (!started) {
+        copying.m_copy.Begin([started] { return TSArtefact{started}; }, notify);
+        return;
     }
-    TCCopy copy(destination);
-    TCFrames frames(reader, TClock::now() + time);
-    TCOutcome outcome = copy.IsOpen() ? Receive(frames, reading, copy, copied)
-                                      : TCOutcome::Failed(std::strerror(errno));
-    const auto counted = std::max<TClock::duration>(frames.Waited() - kUsualTime, 0s);
-    m_waited.erase(user);
-    if (kMostTime - time + counted > 0s) {
-        m_waited[user] = {kMostTime - time + counted, TClock::now()};
-    }
-    shutdown(reader.Get(), SHUT_RD); // ends a reader that has more to say
-    m_readers[user] = std::move(reader);
-    return outcome;
+    copying.m_reader = std::move(reader);
+    copying.m_copy.Begin(
+        [reading, destination, socket = copying.m_reader.Get()] {
+            return ReceiveAll(socket, reading, destination);
+        },
+        notify);
 }
 
-// How long the next file of a user may take.
-TCArtefactCopier::TClock::duration TCArtefactCopier::m_TimeFor(uid_t user)
+void TCArtefactCopier::ReadEnds()
 {
-    const auto waited = m_waited.find(user);
-    if (waited == m_waited.end()) {
-        return kMostTime;
+    eventfd_t count = 0;
+    eventfd_read(m_ends->Get(), &count);
+}
+
+TCOutcome TCArtefactCopier::m_Start(const std::string& path, const TSReading& reading,
+                                    TCDescriptor& reader)
+{
+    if (path.empty() || path[0] != '/') {
+        return TCOutcome::Failed("its path is not absolute");
     }
-    const auto forgotten = (TClock::now() - waited->second.m_at) / kForgotten;
-    const auto left = waited->second.m_time - forgotten;
-    return kMostTime - std::max<TClock::duration>(left, 0s);
+    if (path.size() >= PATH_MAX) {
+        return TCOutcome::Failed(std::strerror(ENAMETOOLONG));
+    }
+    const uid_t user = reading.m_rights.m_user;
+    if (!m_HasEnded(user)) {
+        return TCOutcome::Failed("the reading of another file of user " + std::to_string(user)
+                                 + " cannot be ended");
+    }
+    reader = m_readerServer.Start(reading);
+    return reader.IsOpen() ? TCOutcome() : TCOutcome::Failed(std::strerror(errno));
+}
+
+std::optional<TSArtefact> TCArtefactCopier::Take(uid_t user, TClock::duration patience)
+{
+    const auto copying = m_copyings.find(user);
+    return copying != m_copyings.end() ? copying->second.m_copy.Take(patience) : std::nullopt;
+}
+
+void TCArtefactCopier::GiveUp(uid_t user)
+{
+    TSCopying& copying = m_copyings[user];
+    shutdown(copying.m_reader.Get(), SHUT_RD);
+    copying.m_copy.Drop();
 }
 
 // A process that waits for a file system cannot be ended, and is not waited for.
 bool TCArtefactCopier::m_HasEnded(uid_t user)
 {
-    if (const auto reader = m_readers.find(user); reader != m_readers.end()) {
-        IsHungUp(reader->second, kEnd); // it has said all, and needs a moment to end
+    if (const auto last = m_copyings.find(user); last != m_copyings.end()) {
+        IsHungUp(last->second.m_reader, kEnd); // it has said all, and needs a moment to end
     }
-    for (auto reader = m_readers.begin(); reader != m_readers.end();) {
-        reader = IsHungUp(reader->second, 0ms) ? m_readers.erase(reader) : std::next(reader);
+    for (auto one = m_copyings.begin(); one != m_copyings.end();) {
+        const auto& [reader, copy] = one->second;
+        const bool isOver = copy.IsTaken() && (!reader.IsOpen() || IsHungUp(reader, 0ms));
+        one = isOver ? m_copyings.erase(one) : std::next(one);
     }
-    return m_readers.count(user) == 0;
+    return m_copyings.count(user) == 0;
 }
 
 } // namespace agent

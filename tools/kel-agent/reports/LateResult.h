@@ -23,14 +23,24 @@ public:
     typedef std::chrono::steady_clock TClock;
 
     /// Begins, unless the work is still under way, or has a result that nobody has taken.
-    void Begin(std::function<Result()> work)
+    ///
+    /// @param notify  called when there is a result: on the other thread, and perhaps after the end
+    ///                of this object.
+    void Begin(
+        std::function<Result()> work, std::function<void()> notify = [] {})
     {
         if (m_result.valid()) {
             return;
         }
         std::packaged_task<Result()> task(std::move(work));
         std::future<Result> result = task.get_future();
-        std::thread(std::move(task)).detach();
+        std::thread(
+            [](std::packaged_task<Result()> run, const std::function<void()>& tell) {
+                run();
+                tell();
+            },
+            std::move(task), std::move(notify))
+            .detach();
         m_result = std::move(result);
         m_begun = TClock::now();
     }
@@ -49,6 +59,18 @@ public:
     {
         return !m_result.valid() || m_result.wait_until(end) == std::future_status::ready;
     }
+
+    /// Waits until no work is under way. What has become of it is nobody's any more.
+    void Drop()
+    {
+        if (m_result.valid()) {
+            m_result.wait();
+            m_result = {};
+        }
+    }
+
+    /// Whether there is neither work under way nor a result that nobody has taken.
+    bool IsTaken() const { return !m_result.valid(); }
 
 private:
     std::future<Result> m_result; // none, or of work that has begun

@@ -112,7 +112,7 @@ TCOutcome TCReportStore::Open()
 
     std::set<uint64_t> gone = m_shares.Ids();
     for (const std::string& name : names) {
-        if (IsUnfinished(name)) {
+        if (IsUnfinished(name) && m_drafts.count(name) == 0) {
             TSFileSystem::RemoveFolder(m_directory.Path() + "/" + name);
         } else if (IsReport(name)) {
             const uint64_t id = std::strtoull(name.c_str(), nullptr, 10);
@@ -172,15 +172,18 @@ void TCReportStore::m_Drop(uint64_t id, const std::string& reason)
 }
 
 TCReportDraft::TCReportDraft(TCReportStore& store, const TOwner& owner)
-    : m_store(store), m_owner(owner), m_id(store.m_shares.NewestId() + 1),
-      m_path(store.m_directory.Path() + "/" + kNew + Name(m_id))
-{}
+    : m_store(store), m_owner(owner), m_name(kNew + std::to_string(++store.m_draftNumber)),
+      m_path(store.m_directory.Path() + "/" + m_name)
+{
+    store.m_drafts.insert(m_name);
+}
 
 TCReportDraft::~TCReportDraft()
 {
     if (m_directory.IsOpen()) {
         TSFileSystem::RemoveFolder(m_path);
     }
+    m_store.m_drafts.erase(m_name);
 }
 
 TCOutcome TCReportDraft::Begin()
@@ -197,20 +200,25 @@ TCOutcome TCReportDraft::Write(const std::string& file, const std::string& text)
                                                                   : FailedAt(PathOf(file));
 }
 
+void TCReportDraft::Remove(const std::string& file)
+{
+    unlinkat(m_directory.Get(), file.c_str(), 0);
+}
+
 TCOutcome TCReportDraft::Finish(uint64_t size)
 {
     const int reports = m_store.m_directory.Get();
-    const std::string name = Name(m_id);
+    const uint64_t id = Id();
     if (fsync(m_directory.Get()) != 0) {
         return FailedAt(m_path);
     }
     m_store.m_MakeRoom(TCShares::TSNew{m_owner, size});
-    if (renameat(reports, (kNew + name).c_str(), reports, name.c_str()) != 0) {
-        return FailedAt(m_store.m_PathOf(m_id));
+    if (renameat(reports, m_name.c_str(), reports, Name(id).c_str()) != 0) {
+        return FailedAt(m_store.m_PathOf(id));
     }
-    m_store.m_shares.Add(m_id, m_owner, size);
+    m_store.m_shares.Add(id, m_owner, size);
     m_directory.Reset();
-    return fsync(reports) == 0 ? TCOutcome() : FailedAt(m_store.m_PathOf(m_id));
+    return fsync(reports) == 0 ? TCOutcome() : FailedAt(m_store.m_PathOf(id));
 }
 
 } // namespace agent

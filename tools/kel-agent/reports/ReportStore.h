@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <string>
 
 #include "OwnDirectory.h"
@@ -25,7 +26,7 @@ public:
 
     /// Looks at the directory as it is now: makes a missing one, removes what a killed agent has
     /// left unfinished, and drops reports beyond the limits. Only one agent at a time has it, until
-    /// Close().
+    /// Close(). There may be drafts of this one's.
     tools::TCOutcome Open();
 
     /// Lets other agents have it.
@@ -47,6 +48,8 @@ private:
 
     TCOwnDirectory m_directory;
     TCShares m_shares;
+    std::set<std::string> m_drafts; // their names
+    uint64_t m_draftNumber = 0;     // of the last one
 };
 
 /// A report in the making. It is gone with this object, unless it has become one.
@@ -62,13 +65,15 @@ public:
     /// Makes its directory.
     tools::TCOutcome Begin();
 
-    uint64_t Id() const { return m_id; }
+    /// Its number, unless another draft becomes a report before.
+    uint64_t Id() const { return m_store.m_shares.NewestId() + 1; }
 
     /// The path of a file in it.
     std::string PathOf(const std::string& file) const { return m_path + "/" + file; }
 
-    /// Adds a file.
+    /// Adds a file, or takes one away.
     tools::TCOutcome Write(const std::string& file, const std::string& text);
+    void Remove(const std::string& file);
 
     /// Makes it a report that survives a power cut; others are dropped for it.
     ///
@@ -78,7 +83,7 @@ public:
 private:
     TCReportStore& m_store;
     const TOwner m_owner;
-    const uint64_t m_id;
+    const std::string m_name;
     const std::string m_path;
     tools::TCDescriptor m_directory; // open from Begin() on, until it is a report
 };

@@ -25,6 +25,12 @@ namespace {
 constexpr int kAnswerTimeout = 5000; // of the applications, in ms
 constexpr auto kPatience = 1s;       // with the applications and the kernel log
 
+// Others are served while a copy takes longer. One of which nobody has taken the end has lost its
+// request.
+constexpr auto kCopyPatience = 20ms;
+constexpr auto kLongestCopy = 30s;
+constexpr size_t kMostCopies = 4; // at a time: each may take all the room there is
+
 // What is not the artefact's: a report.json holds a path and two names, each byte of which may
 // need six; the kernel log may take a quarter of all.
 constexpr uint64_t kTextRoom = 48U << 10;
@@ -74,8 +80,7 @@ TCReporter::~TCReporter()
     if (!m_reading.WaitForEnd(std::chrono::steady_clock::now() + kPatience)) {
         EndWithoutDestructors();
     }
-    while (!m_question.WaitForEnd(std::chrono::steady_clock::now() + kPatience)) {
-    }
+    m_question.Drop();
 }
 
 TCOutcome TCReporter::Open()
@@ -136,21 +141,97 @@ void TCReporter::m_TakeKernelLog(TSRead read)
     m_kernelLog.m_gap = m_kernelLog.m_gap || read.m_log.m_gap || tooMany;
 }
 
-TCOutcome TCReporter::Report(const TSRequest& request)
+std::optional<TCOutcome> TCReporter::Report(const TSRequest& request)
 {
+    const auto copying = request.m_user ? m_copyings.find(*request.m_user) : m_copyings.end();
+    if (copying != m_copyings.end()) {
+        return copying->second.m_stamp == request.m_stamp ? m_FinishCopied(copying, request)
+                                                          : std::nullopt;
+    }
+    if (request.m_uploadPath && request.m_user) {
+        return m_BeginCopy(request);
+    }
     TCReportDraft draft(m_store, request.m_user);
-    if (TCOutcome begun = draft.Begin(); !begun) {
+    TCOutcome begun = draft.Begin();
+    return begun ? m_Finish(draft, request, TSArtefact()) : begun;
+}
+
+std::optional<TCOutcome> TCReporter::m_BeginCopy(const TSRequest& request)
+{
+    if (m_copyings.size() >= kMostCopies) {
+        return std::nullopt;
+    }
+    const uid_t user = *request.m_user;
+    const auto copying = m_copyings.try_emplace(user, m_store, request).first;
+    TCReportDraft& draft = copying->second.m_draft;
+    TCOutcome begun = draft.Begin();
+    if (!begun) {
+        m_copyings.erase(copying);
         return begun;
     }
+    size_t lines = 0;
+    m_copier.Begin(*request.m_uploadPath, user, draft.PathOf(kArtefactFile),
+                   m_RoomFor(request.m_user, m_KernelLogText(lines).size()));
+    return m_FinishCopied(copying, request);
+}
+
+std::optional<TCOutcome> TCReporter::m_FinishCopied(std::map<uid_t, TSCopying>::iterator copying,
+                                                    const TSRequest& request)
+{
+    const auto artefact = m_copier.Take(copying->first, kCopyPatience);
+    if (!artefact) {
+        return std::nullopt;
+    }
+    TCOutcome finished = m_Finish(copying->second.m_draft, request, *artefact);
+    m_copyings.erase(copying);
+    return finished;
+}
+
+void TCReporter::Close()
+{
+    m_ForgetCopies();
+    if (m_copyings.empty()) {
+        m_store.Close();
+    }
+}
+
+void TCReporter::m_ForgetCopies()
+{
+    const TClock::time_point oldest = TClock::now() - kLongestCopy;
+    for (auto copying = m_copyings.begin(); copying != m_copyings.end();) {
+        if (copying->second.m_begun < oldest) {
+            m_copier.GiveUp(copying->first);
+            copying = m_copyings.erase(copying);
+        } else {
+            ++copying;
+        }
+    }
+}
+
+// The newest lines that have room.
+std::string TCReporter::m_KernelLogText(size_t& lines) const
+{
+    return Join(m_kernelLines, (m_store.Shares().Limits().m_bytes - kTextRoom) / kKernelLogShare,
+                lines);
+}
+
+// For an artefact beside all else.
+uint64_t TCReporter::m_RoomFor(const TOwner& owner, uint64_t kernelLog) const
+{
+    const uint64_t room = m_store.Shares().RoomFor(owner);
+    return room - std::min(room, kTextRoom + kernelLog);
+}
+
+TCOutcome TCReporter::m_Finish(TCReportDraft& draft, const TSRequest& request,
+                               const TSArtefact& artefact)
+{
     TSReport report = {draft.Id(), {}, request, {}, "", m_applications, m_kernelLog};
     clock_gettime(CLOCK_REALTIME, &report.m_time);
     uint64_t size = 0;
     if (TCOutcome added = m_AddKernelLog(draft, report, size); !added) {
         return added;
     }
-    const uint64_t taken = kTextRoom + size;
-    const uint64_t room = m_store.Shares().RoomFor(request.m_user);
-    m_AddArtefact(draft, room - std::min(room, taken), report, size);
+    m_AddArtefact(draft, m_RoomFor(request.m_user, size), artefact, report, size);
     const std::string text = Describe(report);
     if (TCOutcome written = draft.Write(kReportFile, text); !written) {
         return written;
@@ -168,29 +249,28 @@ TCOutcome TCReporter::Report(const TSRequest& request)
 
 TCOutcome TCReporter::m_AddKernelLog(TCReportDraft& draft, TSReport& report, uint64_t& size)
 {
-    const uint64_t room = (m_store.Shares().Limits().m_bytes - kTextRoom) / kKernelLogShare;
     TSKernelLog& log = report.m_kernelLog;
-    const std::string text = Join(m_kernelLines, room, log.m_lines);
+    const std::string text = m_KernelLogText(log.m_lines);
     log.m_gap = log.m_gap || log.m_lines < m_kernelLines.size();
     size += text.size();
     return log.m_lines > 0 ? draft.Write(kKernelLogFile, text) : TCOutcome();
 }
 
 // A report without its artefact is better than none.
-void TCReporter::m_AddArtefact(const TCReportDraft& draft, uint64_t room, TSReport& report,
-                               uint64_t& size)
+void TCReporter::m_AddArtefact(TCReportDraft& draft, uint64_t room, const TSArtefact& artefact,
+                               TSReport& report, uint64_t& size)
 {
     const TSRequest& request = report.m_request;
     report.m_noArtefact = request.m_noPath;
     if (request.m_uploadPath && request.m_user) {
-        TSArtefact artefact;
-        const TCOutcome copied = m_copier.Copy(*request.m_uploadPath, *request.m_user,
-                                               draft.PathOf(kArtefactFile), room, artefact);
-        if (copied) {
+        report.m_noArtefact = artefact.m_outcome.Reason();
+        if (artefact.m_outcome && artefact.m_written > room) { // others have come meanwhile
+            draft.Remove(kArtefactFile);
+            report.m_noArtefact = NoRoom(artefact.m_written, room);
+        }
+        if (report.m_noArtefact.empty()) {
             report.m_artefactSize = artefact.m_size;
             size += artefact.m_written;
-        } else {
-            report.m_noArtefact = copied.Reason();
         }
     }
     if (!report.m_noArtefact.empty()) {

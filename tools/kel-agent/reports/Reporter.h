@@ -1,6 +1,10 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <chrono>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <utility>
@@ -37,7 +41,9 @@ public:
 
     /// Has the directory of reports for this agent alone, until Close().
     tools::TCOutcome Open();
-    void Close() { m_store.Close(); }
+    ///
+    /// It stays open as long as an artefact is being copied, and has to be called again then.
+    void Close();
 
     /// Gathers what the reports that follow are to tell of all applications and of the kernel. Only
     /// for requests that are about to be served: it costs every application a message.
@@ -54,23 +60,52 @@ public:
     /// Makes a report that has reached the disk. It is open.
     ///
     /// @return failed when none could be made: nothing is there of it, and the next one has no
-    ///         better prospects.
-    tools::TCOutcome Report(const TSRequest& request);
+    ///         better prospects. Nothing when an artefact of this user's is still being copied:
+    ///         then it is to be called again, when those of others have been served.
+    std::optional<tools::TCOutcome> Report(const TSRequest& request);
+
+    /// Readable when there can be the report of one that was copied, until ReadCopied().
+    int Copied() const { return m_copier.Ends(); }
+    void ReadCopied() { m_copier.ReadEnds(); }
 
 private:
+    typedef std::chrono::steady_clock TClock;
+
     struct TSRead
     {
         tools::TCOutcome m_outcome;
         tools::TSKernelLines m_log;
     };
 
+    // A report whose artefact is being copied.
+    struct TSCopying
+    {
+        TSCopying(TCReportStore& store, const TSRequest& request)
+            : m_stamp(request.m_stamp), m_begun(TClock::now()), m_draft(store, request.m_user)
+        {}
+
+        const std::string m_stamp;
+        const TClock::time_point m_begun;
+        TCReportDraft m_draft;
+    };
+
+    void m_ForgetCopies();
     void m_TakeKernelLog(TSRead read);
+    std::string m_KernelLogText(size_t& lines) const;
+    uint64_t m_RoomFor(const TOwner& owner, uint64_t kernelLog) const;
+    std::optional<tools::TCOutcome> m_BeginCopy(const TSRequest& request);
+    std::optional<tools::TCOutcome> m_FinishCopied(std::map<uid_t, TSCopying>::iterator copying,
+                                                   const TSRequest& request);
+    tools::TCOutcome m_Finish(TCReportDraft& draft, const TSRequest& request,
+                              const TSArtefact& artefact);
     tools::TCOutcome m_AddKernelLog(TCReportDraft& draft, TSReport& report, uint64_t& size);
-    void m_AddArtefact(const TCReportDraft& draft, uint64_t room, TSReport& report, uint64_t& size);
+    void m_AddArtefact(TCReportDraft& draft, uint64_t room, const TSArtefact& artefact,
+                       TSReport& report, uint64_t& size);
 
     IDbusServer& m_server;
     TCReportStore m_store;
-    TCArtefactCopier m_copier;
+    std::map<uid_t, TSCopying> m_copyings; // one of a user
+    TCArtefactCopier m_copier;             // gone before the drafts that it writes to
     std::string m_newestStamp; // of the report that was the newest when the store was opened
 
     TCLateResult<TAnswers> m_question;
