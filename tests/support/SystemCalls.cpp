@@ -5,6 +5,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -17,6 +18,20 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr int kSystemCall = SIGTRAP | 0x80; // see PTRACE_O_TRACESYSGOOD
+
+size_t SleepsOf(pid_t process)
+{
+    size_t sleeps = 0;
+    for (const auto& thread :
+         fs::directory_iterator("/proc/" + std::to_string(process) + "/task")) {
+        std::ifstream status(thread.path() / "status");
+        for (std::string word; status >> word;) {
+            size_t count = 0;
+            sleeps += word == "voluntary_ctxt_switches:" && status >> count ? count : 0;
+        }
+    }
+    return sleeps;
+}
 
 } // namespace
 
@@ -64,6 +79,13 @@ size_t CountSystemCalls(pid_t process, std::chrono::milliseconds time)
         ptrace(PTRACE_DETACH, id, nullptr, nullptr);
     }
     return count;
+}
+
+size_t CountSleeps(pid_t process, std::chrono::milliseconds time)
+{
+    const size_t before = SleepsOf(process);
+    std::this_thread::sleep_for(time);
+    return SleepsOf(process) - before;
 }
 
 } // namespace kel::test

@@ -25,8 +25,7 @@ namespace {
 
 typedef std::chrono::steady_clock TClock;
 
-// Nothing tells of a change of the key, nor of room on a disk.
-constexpr std::chrono::milliseconds kPeriod(1000);
+constexpr std::chrono::milliseconds kPeriod(1000); // nothing tells of room on a disk
 
 // Those who come meanwhile have their turn after so many, or so long.
 constexpr size_t kBatch = 64;
@@ -34,13 +33,13 @@ constexpr std::chrono::milliseconds kBatchTime(500);
 
 constexpr size_t kMostTold = 256; // a flood that waits needs no line for each
 
-std::chrono::milliseconds Until(TClock::time_point due)
+std::chrono::milliseconds Until(TClock::time_point due, std::chrono::milliseconds most)
 {
     const TClock::time_point now = TClock::now();
     if (due <= now) {
         return std::chrono::milliseconds(0);
     }
-    return due - now >= kPeriod ? kPeriod : std::chrono::ceil<std::chrono::milliseconds>(due - now);
+    return due - now >= most ? most : std::chrono::ceil<std::chrono::milliseconds>(due - now);
 }
 
 } // namespace
@@ -84,7 +83,7 @@ void TCCollector::m_Run()
 bool TCCollector::m_WaitForRequests(EProgress progress)
 {
     std::chrono::milliseconds time
-        = progress == EProgress::Waiting ? kPeriod : Until(m_intake.Due());
+        = progress == EProgress::Waiting ? kPeriod : Until(m_intake.Due(), m_slot.Pause());
     if (progress == EProgress::More) {
         time = std::chrono::milliseconds(0);
     }

@@ -32,6 +32,11 @@ constexpr char kNewFile[] = ".slot-request.new";
 constexpr mode_t kMode = 0600;
 constexpr size_t kMostOfAValue = 4096;
 
+// A device whose applications use the drops alone sleeps longer.
+constexpr std::chrono::seconds kPause(1);
+constexpr std::chrono::seconds kLongPause(5);
+constexpr std::chrono::hours kUnused(1);
+
 std::string ReadKey()
 {
     const std::unique_ptr<char, void (*)(void*)> value(vconf_get_str(kRequestKey), &std::free);
@@ -41,8 +46,13 @@ std::string ReadKey()
 } // namespace
 
 TCRequestSlot::TCRequestSlot(const std::string& stateDirectory)
-    : m_stateDirectory(stateDirectory), m_resumed(false), m_isTaken(true)
+    : m_stateDirectory(stateDirectory), m_resumed(false), m_isTaken(true), m_used(TClock::now())
 {}
+
+std::chrono::milliseconds TCRequestSlot::PauseAfter(TClock::duration unused)
+{
+    return unused < kUnused ? kPause : kLongPause;
+}
 
 std::string TCRequestSlot::Waiting()
 {
@@ -77,6 +87,7 @@ TCOutcome TCRequestSlot::Take(std::optional<TSRequest>& request)
         }
         TCOutcome written = m_WriteTaken(value);
         m_isTaken = true;
+        m_used = TClock::now();
         if (!written || !m_ReadTaken(value, status)) {
             return written;
         }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
 
@@ -26,6 +27,12 @@ public:
     /// looks the key up, and nothing else, as long as there is none.
     std::string Waiting();
 
+    /// How long the next look may wait: nothing tells of a change of the key.
+    std::chrono::milliseconds Pause() const { return PauseAfter(TClock::now() - m_used); }
+
+    /// The same, of a key in which no request was left for so long.
+    static std::chrono::milliseconds PauseAfter(std::chrono::steady_clock::duration unused);
+
     /// Takes and reads what waits.
     ///
     /// @param request  replaced by what was taken; untouched when it is no request and was removed,
@@ -37,12 +44,15 @@ public:
     tools::TCOutcome Remove();
 
 private:
+    typedef std::chrono::steady_clock TClock;
+
     bool m_ReadTaken(std::string& value, struct stat& status) const;
     tools::TCOutcome m_WriteTaken(const std::string& value) const;
 
     const std::string m_stateDirectory;
-    bool m_resumed;      // what a killed agent has left was compared with the key
-    bool m_isTaken;      // there may be one in the state directory
+    bool m_resumed; // what a killed agent has left was compared with the key
+    bool m_isTaken; // there may be one in the state directory
+    TClock::time_point m_used;
     std::string m_stuck; // the value that could not be emptied: it was served
 };
 
