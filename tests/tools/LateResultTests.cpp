@@ -34,4 +34,34 @@ TEST(LateResult, IsKeptUntilItIsTakenWhateverBeginsMeanwhile)
     EXPECT_EQ(late.Take(60s), 4);
 }
 
+TEST(LateResult, IsThereWhenItIsTold)
+{
+    TCLateResult<int> late;
+    std::promise<std::optional<int>> taken;
+
+    late.Begin([] { return 1; }, [&] { taken.set_value(late.Take(0s)); });
+
+    EXPECT_EQ(taken.get_future().get(), 1);
+    EXPECT_TRUE(late.IsTaken());
+}
+
+TEST(LateResult, ThatIsDroppedIsWaitedFor)
+{
+    TCLateResult<int> late;
+    std::promise<void> go;
+    bool done = false;
+    late.Begin([&] {
+        go.get_future().wait();
+        return done = true;
+    });
+    EXPECT_FALSE(late.IsTaken());
+
+    go.set_value();
+    late.Drop();
+
+    EXPECT_TRUE(done);
+    EXPECT_TRUE(late.IsTaken());
+    EXPECT_EQ(late.Take(0s), std::nullopt);
+}
+
 } // namespace kel::test

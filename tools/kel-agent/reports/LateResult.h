@@ -14,7 +14,7 @@ namespace agent {
 /// whoever wants the result waits for a while, and then goes on without.
 ///
 /// Nothing waits for the work at the end of this object: it may use what is there for good, or
-/// WaitForEnd() comes before.
+/// WaitForEnd() or Drop() comes before.
 ///
 /// Threads: one at a time.
 template <typename Result> class TCLateResult
