@@ -1,4 +1,5 @@
-// kelctl status, set-policy and --help ended with success when what they said could not be written.
+// kelctl status, set-policy and --help, and kel-agent --help, ended with success when their output
+// could not be written.
 
 #include <gtest/gtest.h>
 
@@ -8,9 +9,11 @@ namespace kel::test {
 
 namespace {
 
-TSFinished IntoAFullDevice(const std::string& arguments, const std::string& input = {})
+TSFinished IntoAFullDevice(const std::string& arguments, const std::string& input = {},
+                           const std::string& program = KEL_CTL)
 {
-    return RunProgram({"sh", "-c", "exec '" KEL_CTL "' " + arguments + " >/dev/full"}, {}, input);
+    return RunProgram({"sh", "-c", "exec '" + program + "' " + arguments + " >/dev/full"}, {},
+                      input);
 }
 
 constexpr char kFull[] = "kelctl: the output cannot be written: No space left on device\n";
@@ -35,6 +38,17 @@ TEST_F(AgentRoad, WhatKelctlSaysIsWrittenOrItIsNoSuccess)
         EXPECT_EQ(one.m_errorOutput, kFull);
     }
     EXPECT_EQ(StoredPolicy(), "<policy/>");
+}
+
+TEST_F(AgentRoad, WhatTheAgentSaysOfItselfIsWrittenOrItIsNoSuccess)
+{
+    for (const char* const option : {"--help", "--version"}) {
+        const TSFinished ended = IntoAFullDevice(option, {}, KEL_AGENT);
+
+        EXPECT_EQ(ended.m_exit, 1) << Text(ended);
+        EXPECT_EQ(ended.m_errorOutput,
+                  "kel-agent: the output cannot be written: No space left on device\n");
+    }
 }
 
 TEST_F(AgentRoad, WhatIsNoSuccessStaysWhatItIs)

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <iostream>
 #include <string>
 
 #include <CLI/CLI.hpp>
@@ -28,6 +29,15 @@ constexpr uint64_t kLeastBytes = 64U << 10; // a report needs some room besides 
 // Blocks from this size on go back to the system when they are freed. Left to itself the allocator
 // keeps what one message of 31 MiB took, for good.
 constexpr int kLargeBlock = 128 << 10;
+
+int EndOfOutput()
+{
+    if (std::cout.flush() && std::fflush(stdout) == 0) {
+        return EXIT_SUCCESS;
+    }
+    std::fprintf(stderr, "kel-agent: the output cannot be written: %s\n", std::strerror(errno));
+    return EXIT_FAILURE;
+}
 
 int Serve(bool test, const std::string& stateDirectory,
           const kel::agent::TCReportStore::TSLimits& limits)
@@ -75,7 +85,7 @@ int main(int argc, char** argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? EXIT_SUCCESS : kWrongUsage;
+        return app.exit(error) == 0 ? EndOfOutput() : kWrongUsage;
     }
 
     // Its own directory the agent makes; one that the user named has to be there, so that a
