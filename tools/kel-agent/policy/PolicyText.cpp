@@ -21,6 +21,19 @@ constexpr size_t kMostLooks = 1U << 26;
 
 constexpr size_t kMostAmplification = TSPolicyText::kMostExpandedBytes / TSPolicyText::kMostBytes;
 
+// "line 3, column 7": where the parser has stopped. Newer ones call the older functions deprecated.
+std::string Place(XML_Parser parser)
+{
+#if XML_MAJOR_VERSION > 2 || XML_MINOR_VERSION >= 9
+    const auto line = XML_GetCurrentLineNumber64(parser);
+    const auto column = XML_GetCurrentColumnNumber64(parser);
+#else
+    const auto line = XML_GetCurrentLineNumber(parser);
+    const auto column = XML_GetCurrentColumnNumber(parser);
+#endif
+    return "line " + std::to_string(line) + ", column " + std::to_string(column + 1);
+}
+
 // One text on its way through the parser. Entities outside the text are not fetched: the parser
 // does so for nobody who has no function for it.
 class TCDocument
@@ -80,8 +93,7 @@ EPolicyText TCDocument::Judge(const std::string& text, std::string& reason)
     }
     const XML_Error error = XML_GetErrorCode(parser);
     const char* const words = m_pReason != nullptr ? m_pReason : XML_ErrorString(error);
-    reason = "line " + std::to_string(XML_GetCurrentLineNumber(parser)) + ", column "
-             + std::to_string(XML_GetCurrentColumnNumber(parser) + 1) + ": " + words;
+    reason = Place(parser) + ": " + words;
     const bool tooLarge = m_pReason != nullptr || error == XML_ERROR_AMPLIFICATION_LIMIT_BREACH
                           || error == XML_ERROR_NO_MEMORY;
     return tooLarge ? EPolicyText::TooLarge : EPolicyText::NotWellFormed;
