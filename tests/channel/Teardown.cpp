@@ -13,7 +13,7 @@ namespace kel::test {
 
 namespace {
 
-constexpr char kSend[] = "Send";
+bool IsSend(GDBusMessage* message) { return IsCall(message, "Send"); }
 
 template <typename End> class Teardown : public ChannelTest
 {
@@ -175,7 +175,7 @@ TYPED_TEST(Teardown, AHandlerThatRunsElsewhereIsWaitedFor)
 
 TYPED_TEST(Teardown, ACallThatIsStillQueuedFindsTheEndGone)
 {
-    const Traffic<IsCall<kSend>> calls;
+    const Traffic<IsSend> calls;
     std::atomic<int> handled(0);
     auto end = std::make_unique<TypeParam>(false);
     end->SetCallback(1, [&](const TBytes&, TBytes&) {

@@ -58,7 +58,7 @@ private:
 };
 
 /// Whether a message is a call of this method.
-template <const char* method> bool IsCall(GDBusMessage* message)
+inline bool IsCall(GDBusMessage* message, const char* method)
 {
     return g_strcmp0(g_dbus_message_get_member(message), method) == 0;
 }
