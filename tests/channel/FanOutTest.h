@@ -86,6 +86,9 @@ inline PrivateBus::TSOptions Limit(const std::string& name, int value)
 {
     PrivateBus::TSOptions options;
     options.m_config = "<limit name=\"" + name + "\">" + std::to_string(value) + "</limit>";
+    if (PrivateBus::IsBroker()) { // which grants a user as much as so many connections
+        options.m_config += "<limit name=\"max_connections_per_user\">1</limit>";
+    }
     return options;
 }
 
@@ -95,7 +98,13 @@ class FullConnection : public FanOut
 protected:
     static constexpr size_t kRoom = 4;
 
-    FullConnection() : FanOut(Limit("max_replies_per_connection", kRoom)) {}
+    FullConnection() : FanOut(ReplyLimit()) {}
+
+    static PrivateBus::TSOptions ReplyLimit()
+    {
+        PrivateBus::NeedReplyLimit();
+        return Limit("max_replies_per_connection", kRoom);
+    }
 
     /// Clients that fill the agent's connection with calls they never answer, as long as they live.
     TPeers FillConnection(size_t count = kRoom)

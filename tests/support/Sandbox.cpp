@@ -21,7 +21,6 @@ namespace kel::test {
 namespace {
 
 constexpr char kVariable[] = "KEL_TEST_SANDBOX"; // "entering", then "entered"
-constexpr char kReason[] = "nobody may make a mount namespace here";
 
 void Check(bool ok, const std::string& what)
 {
@@ -161,13 +160,17 @@ bool Sandbox::IsEntered()
 
 void Sandbox::Need()
 {
-    if (IsEntered()) {
-        return;
+    if (!IsEntered()) {
+        Skip("nobody may make a mount namespace here");
     }
-    [] { GTEST_SKIP() << kReason; }();
+}
+
+void Skip(const std::string& reason)
+{
+    [&] { GTEST_SKIP() << reason; }();
     // GoogleTest takes it for something that it knows of. It leaves constructors, too.
-    throw testing::AssertionException(
-        testing::TestPartResult(testing::TestPartResult::kSkip, __FILE__, __LINE__, kReason));
+    throw testing::AssertionException(testing::TestPartResult(testing::TestPartResult::kSkip,
+                                                              __FILE__, __LINE__, reason.c_str()));
 }
 
 int RunTestsInSandbox(int argumentCount, char** arguments)

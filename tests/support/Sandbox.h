@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include <gtest/gtest.h>
 
 namespace kel::test {
@@ -20,9 +22,12 @@ public:
     /// Whether this process is inside.
     static bool IsEntered();
 
-    /// Ends the running test as a skipped one, by an exception, where this process is not inside.
+    /// Skips the running test where this process is not inside.
     static void Need();
 };
+
+/// Ends the running test as a skipped one, by an exception: here it cannot run.
+[[noreturn]] void Skip(const std::string& reason);
 
 /// What tests derive from that write to one of those directories, or start an agent, which does.
 /// Where there is no sandbox such a test is skipped before anything of it runs, also its
