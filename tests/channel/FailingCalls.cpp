@@ -36,14 +36,16 @@ g_dbus_proxy_new_sync(GDBusConnection* connection, GDBusProxyFlags flags, GDBusI
     return next(connection, flags, info, name, path, interface, cancellable, error);
 }
 
-extern "C" __attribute__((visibility("default"))) GVariant*
-g_dbus_proxy_call_finish(GDBusProxy* proxy, GAsyncResult* result, GError** error)
+extern "C" __attribute__((visibility("default"))) GDBusMessage*
+g_dbus_connection_send_message_with_reply_finish(GDBusConnection* connection, GAsyncResult* result,
+                                                 GError** error)
 {
     static const auto next
-        = reinterpret_cast<decltype(&g_dbus_proxy_call_finish)>(dlsym(RTLD_NEXT, __func__));
-    GVariant* const reply = next(proxy, result, error);
+        = reinterpret_cast<decltype(&g_dbus_connection_send_message_with_reply_finish)>(
+            dlsym(RTLD_NEXT, __func__));
+    GDBusMessage* const reply = next(connection, result, error);
     if (reply != nullptr && kel::test::dropped.exchange(false)) {
-        g_variant_unref(reply);
+        g_object_unref(reply);
         return nullptr;
     }
     return reply;

@@ -8,7 +8,8 @@ namespace kel::test {
 /// this GIO error code. Later ones work again.
 void FailNextProxy(int code);
 
-/// Makes the next g_dbus_proxy_call_finish() of this program return no value, and no error either.
+/// Makes the next g_dbus_connection_send_message_with_reply_finish() of this program return no
+/// message, and no error either.
 void DropNextReply();
 
 } // namespace kel::test

@@ -26,12 +26,14 @@ extern "C" __attribute__((visibility("default"))) void* g_try_malloc(gsize size)
 }
 
 // In place of GIO's: nothing can be allocated on the server's private thread from here on.
-extern "C" __attribute__((visibility("default"))) GVariant*
-g_dbus_proxy_call_finish(GDBusProxy* proxy, GAsyncResult* result, GError** error)
+extern "C" __attribute__((visibility("default"))) GDBusMessage*
+g_dbus_connection_send_message_with_reply_finish(GDBusConnection* connection, GAsyncResult* result,
+                                                 GError** error)
 {
     static const auto next
-        = reinterpret_cast<decltype(&g_dbus_proxy_call_finish)>(dlsym(RTLD_NEXT, __func__));
-    GVariant* const reply = next(proxy, result, error);
+        = reinterpret_cast<decltype(&g_dbus_connection_send_message_with_reply_finish)>(
+            dlsym(RTLD_NEXT, __func__));
+    GDBusMessage* const reply = next(connection, result, error);
     kel::test::FailAllocation(noCompletion ? 1 : 0);
     return reply;
 }

@@ -1,7 +1,6 @@
 #include <kel/KELDbusServer.h>
 
 #include <atomic>
-#include <cstring>
 #include <future>
 #include <memory>
 
@@ -62,12 +61,12 @@ bool SaysNoOwner(GObject* connection, GAsyncResult* result)
     return isOwned == FALSE;
 }
 
-// Whether the bus has refused a call because too many wait for their replies. It has one error for
-// all its limits, and an application may answer that, too: only the text tells.
-bool IsForPendingReplies(const TCGlibError& error)
+// Whether the bus has no room for a call. It has one error for all its limits, and every bus daemon
+// words it differently; an application that answers with the same error has been called.
+bool IsRefusal(GDBusMessage* reply, const TCGlibError& error)
 {
-    return error.Is(G_DBUS_ERROR_LIMITS_EXCEEDED)
-           && std::strstr(error.Message(), "maximum number of pending replies") != nullptr;
+    return reply != nullptr && error.Is(G_DBUS_ERROR_LIMITS_EXCEEDED)
+           && g_strcmp0(g_dbus_message_get_sender(reply), kBus) == 0;
 }
 
 // Each time that the registry has doubled: soon enough, and next to nothing.
@@ -427,12 +426,15 @@ void TCDbusServer::m_ClientHasGone(GDBusConnection*, const char* name, void* use
 void TCDbusServer::m_AsyncReadyCallback(GObject* source, GAsyncResult* result,
                                         TSAsyncMessage* message)
 {
-    GDBusProxy* const proxy = G_DBUS_PROXY(source);
-    const char* const name = g_dbus_proxy_get_name(proxy);
+    const char* const name = g_dbus_proxy_get_name(message->m_pProxy.get());
 
     TCGlibError error;
-    const TGlibPtr<GVariant> reply(g_dbus_proxy_call_finish(proxy, result, error.Out()));
-    if (IsForPendingReplies(error) && message->m_pFanOut->HasTime()) {
+    const TGlibPtr<GDBusMessage> reply(g_dbus_connection_send_message_with_reply_finish(
+        G_DBUS_CONNECTION(source), result, error.Out()));
+    if (reply != nullptr) {
+        g_dbus_message_to_gerror(reply.get(), error.Out());
+    }
+    if (IsRefusal(reply.get(), error) && message->m_pFanOut->HasTime()) {
         message->m_pFanOut->Refused(message);
         return;
     }
@@ -449,12 +451,13 @@ void TCDbusServer::m_AsyncReadyCallback(GObject* source, GAsyncResult* result,
 
     bool handled = false;
     if (reply != nullptr) {
-        const auto [pBytes, size] = BytesOf(reply.get()); // one byte of them matters
+        GVariant* const body = g_dbus_message_get_body(reply.get());
+        const auto [pBytes, size] = BytesOf(body); // one byte of them matters
         if (size != 0) {
             handled = *pBytes != 0;
         } else {
             std::vector<unsigned char> none;
-            t_ConvertBytes(reply.get(), handled, none); // reports the failed check
+            t_ConvertBytes(body, handled, none); // reports the failed check
         }
     } else {
         KEL_DEBUG("Result is null");
@@ -494,9 +497,15 @@ int TCDbusServer::m_SendMessage(void* message)
     if (pMessage->m_pServer == nullptr) {
         KEL_ERROR("Dbus server equals NULL");
     } else {
-        g_dbus_proxy_call(pMessage->m_pProxy.get(), t_dbusSendMethod, pMessage->m_pParameters,
-                          G_DBUS_CALL_FLAGS_NONE, pMessage->m_timeout, nullptr,
-                          &TCDbusServer::m_AsyncReadyCallback, pMessage);
+        // As g_dbus_proxy_call() does it, which would not tell who has answered.
+        GDBusProxy* const proxy = pMessage->m_pProxy.get();
+        const TGlibPtr<GDBusMessage> call(g_dbus_message_new_method_call(
+            g_dbus_proxy_get_name(proxy), g_dbus_proxy_get_object_path(proxy),
+            g_dbus_proxy_get_interface_name(proxy), t_dbusSendMethod));
+        g_dbus_message_set_body(call.get(), pMessage->m_pParameters);
+        g_dbus_connection_send_message_with_reply(
+            g_dbus_proxy_get_connection(proxy), call.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+            pMessage->m_timeout, nullptr, nullptr, &TCDbusServer::m_AsyncReadyCallback, pMessage);
     }
     return G_SOURCE_REMOVE;
 }

@@ -18,6 +18,7 @@ struct TSGlibRelease
     void operator()(GSource* handle) const { g_source_unref(handle); }
     void operator()(GDBusNodeInfo* handle) const { g_dbus_node_info_unref(handle); }
     void operator()(GDBusConnection* handle) const { g_object_unref(handle); }
+    void operator()(GDBusMessage* handle) const { g_object_unref(handle); }
     void operator()(GDBusProxy* handle) const { g_object_unref(handle); }
     void operator()(GDBusMethodInvocation* handle) const { g_object_unref(handle); }
 };
