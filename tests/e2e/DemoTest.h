@@ -31,15 +31,16 @@ protected:
         return {{"KEL_DEMO_BINARIES", binaries}, {"TMPDIR", m_scratch}};
     }
 
-    // A build directory with a kelctl of ours.
-    std::string BinariesWithKelctl(const std::string& script) const
+    // A build directory with a kelctl or kel-agent of ours, a script of bash, and the other tool of
+    // this build.
+    std::string BinariesWith(const std::string& own, const std::string& script) const
     {
         const std::filesystem::path tools = m_directory + "/build/tools";
-        std::filesystem::create_directories(tools / "kelctl");
-        std::filesystem::create_directory_symlink(KEL_BINARIES "/tools/kel-agent",
-                                                  tools / "kel-agent");
-        std::ofstream(tools / "kelctl/kelctl") << "#!/bin/sh\n" << script << "\n";
-        std::filesystem::permissions(tools / "kelctl/kelctl", std::filesystem::perms::owner_all);
+        const std::string other = own == "kelctl" ? "kel-agent" : "kelctl";
+        std::filesystem::create_directories(tools / own);
+        std::filesystem::create_directory_symlink(KEL_BINARIES "/tools/" + other, tools / other);
+        std::ofstream(tools / own / own) << "#!/bin/bash\n" << script << "\n";
+        std::filesystem::permissions(tools / own / own, std::filesystem::perms::owner_all);
         return m_directory + "/build";
     }
 

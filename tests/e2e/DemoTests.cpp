@@ -42,7 +42,7 @@ class FaultyDemo : public Demo, public testing::WithParamInterface<TSFault>
 TEST_P(FaultyDemo, FailsAndSaysWhy)
 {
     const TSFinished ended
-        = RunProgram({KEL_DEMO}, Environment(BinariesWithKelctl(GetParam().m_kelctl)));
+        = RunProgram({KEL_DEMO}, Environment(BinariesWith("kelctl", GetParam().m_kelctl)));
 
     EXPECT_EQ(ended.m_exit, 1);
     EXPECT_THAT(ended.m_errorOutput,
@@ -70,7 +70,7 @@ TEST_F(Demo, AnInterruptLeavesNothing)
     const std::string started = m_directory + "/build/started";
     const std::string kelctl = "[ $1 != set-policy ] || : >'" + started
                                + "'; '" KEL_BINARIES "/tools/kelctl/kelctl' \"$@\"; exec sleep 100";
-    ChildProcess demo({KEL_DEMO}, Environment(BinariesWithKelctl(kelctl)));
+    ChildProcess demo({KEL_DEMO}, Environment(BinariesWith("kelctl", kelctl)));
     ASSERT_TRUE(WaitUntil([&] { return std::filesystem::exists(started); })) << demo.ErrorOutput();
 
     kill(-demo.Id(), SIGINT); // what a terminal does
