@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/syscall.h>
+#include <sys/sysmacros.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -13,6 +14,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
+#include <limits>
 #include <memory>
 #include <utility>
 
@@ -38,11 +40,39 @@ int OpenBeneath(int directory, const char* name, int flags)
 #endif
 }
 
+timespec ToTime(const statx_timestamp& time)
+{
+    typedef std::numeric_limits<time_t> TLimits;
+    const auto seconds = std::clamp<int64_t>(time.tv_sec, TLimits::min(), TLimits::max());
+    return {static_cast<time_t>(seconds), static_cast<long>(time.tv_nsec)};
+}
+
+// By the one query whose times have 8 bytes everywhere.
+bool GetWideStatus(int directory, const char* name, int flags, struct stat& status)
+{
+    struct statx wide;
+    if (statx(directory, name, flags, STATX_BASIC_STATS, &wide) != 0) {
+        return false;
+    }
+    status = {};
+    status.st_dev = makedev(wide.stx_dev_major, wide.stx_dev_minor);
+    status.st_ino = wide.stx_ino;
+    status.st_mode = wide.stx_mode;
+    status.st_nlink = wide.stx_nlink;
+    status.st_uid = wide.stx_uid;
+    status.st_gid = wide.stx_gid;
+    status.st_size = static_cast<off_t>(wide.stx_size);
+    status.st_blocks = static_cast<blkcnt_t>(wide.stx_blocks);
+    status.st_mtim = ToTime(wide.stx_mtime);
+    status.st_ctim = ToTime(wide.stx_ctime);
+    return true;
+}
+
 bool IsOfOneFileSystem(int a, int b)
 {
     struct stat first;
     struct stat second;
-    return fstat(a, &first) == 0 && fstat(b, &second) == 0 && first.st_dev == second.st_dev;
+    return GetStatus(a, first) && GetStatus(b, second) && first.st_dev == second.st_dev;
 }
 
 } // namespace
@@ -63,6 +93,19 @@ void TCDescriptor::Reset(int descriptor)
         close(m_descriptor);
     }
     m_descriptor = descriptor;
+}
+
+bool GetStatus(int file, struct stat& status)
+{
+    return fstat(file, &status) == 0
+           || (errno == EOVERFLOW && GetWideStatus(file, "", AT_EMPTY_PATH, status));
+}
+
+bool GetStatus(int directory, const std::string& name, struct stat& status, int flags)
+{
+    flags |= AT_SYMLINK_NOFOLLOW;
+    return fstatat(directory, name.c_str(), &status, flags) == 0
+           || (errno == EOVERFLOW && GetWideStatus(directory, name.c_str(), flags, status));
 }
 
 bool WriteAll(int descriptor, const std::string& text)
@@ -125,7 +168,7 @@ bool RemoveAcl(int file)
 bool Freeze(int directory)
 {
     struct stat status;
-    if (fstat(directory, &status) != 0) {
+    if (!GetStatus(directory, status)) {
         return false;
     }
     if (status.st_uid != geteuid() && fchown(directory, geteuid(), getegid()) != 0) {

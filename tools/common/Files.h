@@ -30,6 +30,16 @@ private:
     int m_descriptor;
 };
 
+/// The status of a file of any date. With a time_t of 4 bytes the system's own queries fail with
+/// EOVERFLOW for what is dated after 2038, and whoever owns a file may date it so. A time that
+/// time_t does not hold is told as the nearest that it does.
+///
+/// @return true on success, otherwise false with errno set.
+bool GetStatus(int file, struct stat& status);
+
+/// Of a name in an open directory, as fstatat() tells it; no link is followed.
+bool GetStatus(int directory, const std::string& name, struct stat& status, int flags = 0);
+
 /// Writes to an open file.
 ///
 /// @return true on success, otherwise false with errno set; part of the text may be written.

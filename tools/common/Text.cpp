@@ -1,6 +1,8 @@
 #include "common/Text.h"
 
 #include <cstdio>
+#include <ctime>
+#include <limits>
 
 #include <glib.h>
 
@@ -9,6 +11,7 @@ namespace tools {
 
 namespace {
 
+constexpr time_t kLastTime = std::numeric_limits<time_t>::max();
 constexpr gunichar kLastCharacter = 0x10ffff; // what is none is told by greater numbers
 
 bool IsPlain(gunichar character)
@@ -39,17 +42,23 @@ std::string NextPrintable(std::string_view text, std::string_view kept, size_t& 
 
 } // namespace
 
+timespec Now()
+{
+    timespec now;
+    return clock_gettime(CLOCK_REALTIME, &now) == 0 ? now : timespec{kLastTime, 0};
+}
+
 std::string IsoTime(const timespec& time)
 {
     tm parts = {};
-    if (gmtime_r(&time.tv_sec, &parts) == nullptr) {
+    if (time.tv_sec == kLastTime || gmtime_r(&time.tv_sec, &parts) == nullptr) {
         return "-"; // of a file: its owner may have set any time, also of no year that can be told
     }
     char seconds[sizeof("-2147483648-01-01T00:00:00")];
     std::strftime(seconds, sizeof(seconds), "%Y-%m-%dT%H:%M:%S", &parts);
     char text[sizeof(seconds) + sizeof(".000Z")];
-    std::snprintf(text, sizeof(text), "%s.%03dZ", seconds,
-                  static_cast<int>(time.tv_nsec / 1'000'000));
+    std::snprintf(text, sizeof(text), "%s.%03uZ", seconds,
+                  static_cast<unsigned int>(time.tv_nsec / 1'000'000) % 1000U);
     return text;
 }
 

@@ -8,7 +8,11 @@
 namespace kel {
 namespace tools {
 
-/// A time as ISO 8601 has it, in UTC with milliseconds.
+/// The time of day. Where it cannot be told, as after 2038 in 4 bytes, the last that time_t holds.
+timespec Now();
+
+/// A time as ISO 8601 has it, in UTC with milliseconds; "-" for one that cannot be told, of which
+/// the last that time_t holds is one.
 std::string IsoTime(const timespec& time);
 
 /// A stranger's text for a line of a log or a terminal: UTF-8 of one line, and as wide as it looks.

@@ -12,6 +12,7 @@
 namespace kel {
 namespace agent {
 
+using tools::GetStatus;
 using tools::TCDescriptor;
 
 namespace {
@@ -20,7 +21,7 @@ bool IsSameFile(int a, int b)
 {
     struct stat first;
     struct stat second;
-    return fstat(a, &first) == 0 && fstat(b, &second) == 0 && first.st_dev == second.st_dev
+    return GetStatus(a, first) && GetStatus(b, second) && first.st_dev == second.st_dev
            && first.st_ino == second.st_ino;
 }
 
@@ -40,7 +41,7 @@ bool TCOwnDirectory::Open(std::string& reason)
         found.Reset(open(m_path.c_str(), flags));
     }
     struct stat status;
-    if (!found.IsOpen() || fstat(found.Get(), &status) != 0) {
+    if (!found.IsOpen() || !GetStatus(found.Get(), status)) {
         reason = std::strerror(errno);
         return false;
     }

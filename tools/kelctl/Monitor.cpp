@@ -34,13 +34,6 @@ struct TSOptions
     double m_timeout = 0;     // in seconds; 0 for none
 };
 
-std::string Now()
-{
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    return tools::IsoTime(now);
-}
-
 // Made, run and destroyed on one thread, which iterates the default main context.
 class TCMonitor
 {
@@ -106,7 +99,7 @@ void TCMonitor::m_Print(const char* event)
     if (m_status) {
         return; // this one comes too late
     }
-    const std::string time = Now();
+    const std::string time = tools::IsoTime(tools::Now());
     if (m_options.m_json) {
         std::printf("{\"time\": \"%s\", \"event\": \"%s\"}\n", time.c_str(), event);
     } else {

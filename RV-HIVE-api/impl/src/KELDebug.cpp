@@ -17,6 +17,7 @@
 #include <kel/KELLocks.h>
 
 #include "KELDescriptor.h"
+#include "KELFileStatus.h"
 
 extern "C" char* __progname; // the C library's short program name
 
@@ -116,7 +117,7 @@ void TCDebug::Perf(const char* className, const char* functionName, unsigned int
 void TCDebug::Assert(const char* file, unsigned int line)
 {
     boost::system::error_code error;
-    const boost::filesystem::file_status status = boost::filesystem::status("/etc/release", error);
+    const boost::filesystem::file_status status = StatusOf("/etc/release", error);
 
     // Silent on a released image, on purpose.
     if (boost::filesystem::exists(status)) {

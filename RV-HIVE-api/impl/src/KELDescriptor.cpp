@@ -8,6 +8,8 @@
 #include <chrono>
 #include <thread>
 
+#include "KELFileStatus.h"
+
 namespace kel {
 
 TCDescriptor::~TCDescriptor()
@@ -41,7 +43,7 @@ int OpenOwnFile(const char* path, int flags)
     const int descriptor = OpenSoon(path, flags | O_CREAT | O_NOFOLLOW | O_NONBLOCK);
     struct stat status;
     if (descriptor < 0
-        || (fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink < 2)) {
+        || (GetStatus(descriptor, status) && S_ISREG(status.st_mode) && status.st_nlink < 2)) {
         return descriptor;
     }
     close(descriptor);

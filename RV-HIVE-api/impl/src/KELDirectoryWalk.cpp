@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "KELFileStatus.h"
+
 namespace fs = boost::filesystem;
 
 namespace kel {
@@ -71,7 +73,7 @@ bool TCDirectory::IsPlain()
 bool TCDirectory::Stat(struct stat& status)
 {
     return m_reach != EReach::PathOnly && m_IsShort()
-           && fstatat(dirfd(m_pDirectory.get()), Name(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+           && GetStatus(dirfd(m_pDirectory.get()), Name(), AT_SYMLINK_NOFOLLOW, status);
 }
 
 // A path that is too long is no way to an entry that the opened directory still shows.

@@ -1,11 +1,13 @@
 #include <kel/KELDirsManager.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <boost/filesystem.hpp>
 
 #include <usb_device.h>
 
+#include "KELFileStatus.h"
 #include "KELLog.h"
 
 KEL_LOG_SOURCE("KELDirsManager", "kel::TCDirsManager")
@@ -38,7 +40,7 @@ constexpr int kUsbTest = 3;
 bool Exists(const char* path)
 {
     struct stat status;
-    return stat(path, &status) == 0;
+    return GetStatus(AT_FDCWD, path, 0, status);
 }
 
 struct TSResolution
@@ -114,8 +116,7 @@ bool HasUsbPolicy(const std::string& mountPath, std::string& candidate)
     candidate = (boost::filesystem::path(mountPath) / kUsbDirectory).string() + kUsbPolicy;
 
     boost::system::error_code ignored;
-    return !mountPath.empty()
-           && boost::filesystem::exists(boost::filesystem::status(candidate, ignored));
+    return !mountPath.empty() && boost::filesystem::exists(StatusOf(candidate, ignored));
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "KELDescriptor.h"
+#include "KELFileStatus.h"
 
 namespace fs = boost::filesystem;
 
@@ -42,7 +43,7 @@ bool Stream(int from, int to)
 bool SetMode(int file, mode_t mode)
 {
     struct stat status;
-    if (fstat(file, &status) != 0) {
+    if (!GetStatus(file, status)) {
         return false;
     }
     return status.st_mode == mode || fchmod(file, mode & 07777) == 0 || errno == EPERM;
@@ -51,7 +52,7 @@ bool SetMode(int file, mode_t mode)
 bool IsFifo(const fs::path& path)
 {
     struct stat status;
-    return stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
+    return GetStatus(AT_FDCWD, path.c_str(), 0, status) && S_ISFIFO(status.st_mode);
 }
 
 } // namespace
@@ -66,7 +67,7 @@ boost::system::error_code CopyContents(const fs::path& source, const fs::path& d
     }
     struct stat wanted;
     const TCDescriptor from(open(source.c_str(), O_RDONLY | O_CLOEXEC));
-    if (from.Get() < 0 || fstat(from.Get(), &wanted) != 0) {
+    if (from.Get() < 0 || !GetStatus(from.Get(), wanted)) {
         return LastError();
     }
     if (!S_ISREG(wanted.st_mode)) {
@@ -76,7 +77,7 @@ boost::system::error_code CopyContents(const fs::path& source, const fs::path& d
     const TCDescriptor to(open(destination.c_str(),
                                O_WRONLY | O_CREAT | O_CLOEXEC | (overwrite ? 0 : O_EXCL),
                                wanted.st_mode & 07777));
-    if (to.Get() < 0 || fstat(to.Get(), &found) != 0) {
+    if (to.Get() < 0 || !GetStatus(to.Get(), found)) {
         return LastError();
     }
     if (!S_ISREG(found.st_mode)) {

@@ -13,6 +13,7 @@
 #include "KELDescriptor.h"
 #include "KELDirectoryWalk.h"
 #include "KELFileCopy.h"
+#include "KELFileStatus.h"
 #include "KELLog.h"
 
 KEL_LOG_SOURCE("KELFileSystem", "kel::TSFileSystem")
@@ -48,7 +49,7 @@ int OpenToRead(const std::string& fileName)
     }
     const TCDescriptor file(open(fileName.c_str(), O_PATH | O_CLOEXEC));
     struct stat status;
-    if (fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    if (!GetStatus(file.Get(), status) || !S_ISREG(status.st_mode)) {
         return -1;
     }
     return open(("/proc/self/fd/" + std::to_string(file.Get())).c_str(), O_RDONLY | O_CLOEXEC);
@@ -69,17 +70,17 @@ bool HasExtension(const char* name, const std::string& extension)
 bool TSFileSystem::FileExists(fs::path path)
 {
     boost::system::error_code code;
-    return fs::exists(fs::status(path, code));
+    return fs::exists(StatusOf(path, code));
 }
 
 bool TSFileSystem::FolderExists(fs::path path)
 {
     boost::system::error_code code;
-    if (!fs::exists(fs::status(path, code))) {
+    if (!fs::exists(StatusOf(path, code))) {
         KEL_ERROR("File %s does not exist", path.c_str());
         return false;
     }
-    if (!fs::is_directory(fs::status(path, code))) {
+    if (!fs::is_directory(StatusOf(path, code))) {
         KEL_ERROR("Path %s exists but it is not a directory", path.c_str());
         return false;
     }
@@ -98,10 +99,10 @@ bool TSFileSystem::GetFiles(std::vector<fs::path>& files, fs::path directory, st
             return false;
         }
         const fs::path path(entry.Path());
-        if (fs::is_directory(fs::status(path, code))) {
+        if (fs::is_directory(StatusOf(path, code))) {
             return true;
         }
-        if (fs::is_regular_file(fs::status(path)) && path.extension() == extension) {
+        if (fs::is_regular_file(StatusOf(path)) && path.extension() == extension) {
             files.push_back(path.filename());
         }
         return false;
@@ -120,7 +121,7 @@ std::list<fs::path> TSFileSystem::GetFileList(const fs::path& directory,
     boost::system::error_code code;
     for (fs::directory_iterator entry(directory, code), end; entry != end; ++entry) {
         const fs::path& path = entry->path();
-        if (fs::is_regular_file(entry->status())
+        if (fs::is_regular_file(StatusOf(*entry))
             && (extension.empty() || path.extension() == extension)
             && (namePart.empty() || path.string().find(namePart) != std::string::npos)) {
             files.push_back(path);
@@ -134,7 +135,7 @@ std::set<fs::path> TSFileSystem::GetDirList(const fs::path& directory)
     std::set<fs::path> directories;
     boost::system::error_code code;
     for (fs::directory_iterator entry(directory, code), end; entry != end; ++entry) {
-        if (fs::is_directory(entry->status())) {
+        if (fs::is_directory(StatusOf(*entry))) {
             directories.insert(entry->path());
             KEL_DEBUG("Add %s dir to list", entry->path().c_str());
         }
@@ -158,10 +159,10 @@ int TSFileSystem::GetDirSize(const fs::path& directory)
         }
         // Boost's own queries follow a link, and report what is wrong with the rest.
         const fs::path path(entry.Path());
-        if (fs::is_directory(fs::status(path, code))) {
+        if (fs::is_directory(StatusOf(path, code))) {
             return true;
         }
-        total += static_cast<std::uint32_t>(fs::file_size(path));
+        total += static_cast<std::uint32_t>(SizeOf(path));
         return false;
     });
     if (error) {
@@ -178,7 +179,7 @@ int TSFileSystem::GetDirSize(const fs::path& directory)
 time_t TSFileSystem::GetLastModificationTime(const fs::path& path)
 {
     struct stat status;
-    if (stat(path.c_str(), &status) != 0) {
+    if (!GetStatus(AT_FDCWD, path.c_str(), 0, status)) {
         KEL_ERROR("ERROR");
         return 0;
     }
@@ -212,7 +213,7 @@ bool TSFileSystem::GetFileContents(const std::string& fileName,
         return false;
     }
     struct stat status;
-    if (fstat(fileno(file.get()), &status) == 0 && S_ISDIR(status.st_mode)) {
+    if (GetStatus(fileno(file.get()), status) && S_ISDIR(status.st_mode)) {
         // Some file systems measure a directory at the largest long there is.
         KEL_ERROR("Error reading file: %s", fileName.c_str());
         return false;
@@ -258,7 +259,7 @@ bool TSFileSystem::MoveFile(const fs::path& source, const fs::path& destination,
 bool TSFileSystem::RemoveFile(fs::path path)
 {
     boost::system::error_code code;
-    fs::remove(path, code);
+    Remove(path, code);
     if (code) {
         KEL_ERROR("Couldnt delete file: %s, boost error: %d", path.c_str(), code.value());
         return false;
@@ -269,7 +270,7 @@ bool TSFileSystem::RemoveFile(fs::path path)
 bool TSFileSystem::RemoveFolder(fs::path path)
 {
     boost::system::error_code code;
-    fs::remove_all(path, code);
+    RemoveAll(path, code);
     if (code) {
         KEL_ERROR("Could not delete folder: %s, error code: %s", path.c_str(),
                   code.message().c_str());
@@ -281,7 +282,7 @@ bool TSFileSystem::RemoveFolder(fs::path path)
 bool TSFileSystem::SetPermissions(fs::path path, fs::perms bits, int userId, int groupId)
 {
     boost::system::error_code code;
-    fs::permissions(path, bits, code);
+    kel::SetPermissions(path, bits, code);
     if (code) {
         KEL_ERROR("Couldnt set permissions for: %s", path.c_str());
         return false;
@@ -331,7 +332,7 @@ bool TSFileSystem::GenerateUniqueName(const fs::path& directory, const fs::path&
 
     boost::system::error_code code;
     result = parent / name;
-    for (unsigned int counter = 1; fs::exists(fs::status(result, code)); ++counter) {
+    for (unsigned int counter = 1; fs::exists(StatusOf(result, code)); ++counter) {
         // Throws for a name without a dot, on purpose: there is no place for a number.
         const std::string ending = name.substr(dot);
         result = parent / (name.substr(0, dot) + "_" + std::to_string(counter) + ending);

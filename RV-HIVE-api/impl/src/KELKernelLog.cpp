@@ -1,5 +1,6 @@
 #include <kel/KELKernelLog.h>
 
+#include <fcntl.h>
 #include <sched.h>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -13,6 +14,8 @@
 #include <ios>
 
 #include <kel/KELLocks.h>
+
+#include "KELFileStatus.h"
 
 pthread_mutex_t DTLock; // zero-initialised is a valid state: PTHREAD_MUTEX_INITIALIZER is all zero
 
@@ -47,8 +50,9 @@ void RunWhenIdle()
 bool ClearPlace()
 {
     struct stat status;
-    return lstat(kSnapshot, &status) != 0 || S_ISDIR(status.st_mode)
-           || (S_ISREG(status.st_mode) && status.st_nlink < 2) || unlink(kSnapshot) == 0;
+    return !kel::GetStatus(AT_FDCWD, kSnapshot, AT_SYMLINK_NOFOLLOW, status)
+           || S_ISDIR(status.st_mode) || (S_ISREG(status.st_mode) && status.st_nlink < 2)
+           || unlink(kSnapshot) == 0;
 }
 
 // The snapshot's lines but the empty ones; false when it cannot be opened.

@@ -17,8 +17,12 @@
 #include <iterator>
 #include <vector>
 
+#include "common/Files.h"
+
 namespace kel {
 namespace agent {
+
+using tools::GetStatus;
 
 namespace {
 
@@ -105,7 +109,7 @@ void Confine(const TSReading& reading, pid_t parent)
 int OpenFile(const char* path, struct stat& status)
 {
     const int place = open(path, O_PATH | O_CLOEXEC); // without opening the file
-    if (place < 0 || fstat(place, &status) != 0) {
+    if (place < 0 || !GetStatus(place, status)) {
         SayFailed(errno);
     }
     if (!S_ISREG(status.st_mode)) {
@@ -164,7 +168,7 @@ uint64_t DataIn(int file, const struct stat& status)
 off_t LengthOf(int file)
 {
     struct stat status;
-    if (fstat(file, &status) != 0) {
+    if (!GetStatus(file, status)) {
         SayFailed(errno);
     }
     return status.st_size;

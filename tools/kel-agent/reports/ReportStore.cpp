@@ -17,6 +17,7 @@
 namespace kel {
 namespace agent {
 
+using tools::GetStatus;
 using tools::ListNames;
 using tools::TCDescriptor;
 using tools::TCOutcome;
@@ -60,7 +61,7 @@ uint64_t SizeOf(int directory)
     uint64_t size = 0;
     for (const std::string& name : names) {
         struct stat status;
-        if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+        if (GetStatus(directory, name, status)) {
             size += std::min(static_cast<uint64_t>(status.st_size),
                              static_cast<uint64_t>(status.st_blocks) * kBlock);
         }

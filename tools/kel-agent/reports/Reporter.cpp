@@ -16,6 +16,7 @@
 namespace kel {
 namespace agent {
 
+using tools::Now;
 using tools::Printable;
 using tools::TCOutcome;
 using namespace std::chrono_literals;
@@ -225,8 +226,7 @@ uint64_t TCReporter::m_RoomFor(const TOwner& owner, uint64_t kernelLog) const
 TCOutcome TCReporter::m_Finish(TCReportDraft& draft, const TSRequest& request,
                                const TSArtefact& artefact)
 {
-    TSReport report = {draft.Id(), {}, request, {}, "", m_applications, m_kernelLog};
-    clock_gettime(CLOCK_REALTIME, &report.m_time);
+    TSReport report = {draft.Id(), Now(), request, {}, "", m_applications, m_kernelLog};
     uint64_t size = 0;
     if (TCOutcome added = m_AddKernelLog(draft, report, size); !added) {
         return added;

@@ -14,6 +14,7 @@
 namespace kel {
 namespace agent {
 
+using tools::GetStatus;
 using tools::HasAcl;
 using tools::OpenIn;
 using tools::RemoveAcl;
@@ -32,7 +33,7 @@ constexpr int kAttempts = 8;
 bool IsExact(int directory, mode_t mode)
 {
     struct stat status;
-    return fstat(directory, &status) == 0 && status.st_uid == geteuid()
+    return GetStatus(directory, status) && status.st_uid == geteuid()
            && (status.st_mode & kPermissions) == mode && !HasAcl(directory);
 }
 
@@ -91,7 +92,7 @@ TCOutcome TCExactDirectory::m_Make(int parent) const
 TCOutcome TCExactDirectory::m_MoveAside(int parent, bool& moved) const
 {
     struct stat status = {};
-    fstatat(parent, m_name.c_str(), &status, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT);
+    GetStatus(parent, m_name, status, AT_NO_AUTOMOUNT);
     const std::string aside = m_aside + RandomName();
     if (renameat2(parent, m_name.c_str(), parent, aside.c_str(), RENAME_NOREPLACE) == 0) {
         moved = true;

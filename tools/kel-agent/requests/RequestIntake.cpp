@@ -19,6 +19,7 @@ namespace kel {
 namespace agent {
 
 using tools::ForEachName;
+using tools::GetStatus;
 using tools::OpenIn;
 using tools::TCDescriptor;
 using tools::TCOutcome;
@@ -192,7 +193,7 @@ TCOutcome TCRequestIntake::m_OpenParent()
 {
     TCDescriptor parent(open(tools::kTemporaryDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     struct stat status;
-    if (!parent.IsOpen() || fstat(parent.Get(), &status) != 0) {
+    if (!parent.IsOpen() || !GetStatus(parent.Get(), status)) {
         return TCOutcome::Failed(std::strerror(errno));
     }
     if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (status.st_mode & S_ISVTX) == 0) {
@@ -226,8 +227,7 @@ void TCRequestIntake::m_FindTaken()
     ForEachName(m_taken.Get(), [this](const std::string& name, unsigned char) {
         TSTakenName taken;
         struct stat status;
-        if (name == TCTrash::kName
-            || fstatat(m_taken.Get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (name == TCTrash::kName || !GetStatus(m_taken.Get(), name, status)) {
             return true;
         }
         if (S_ISREG(status.st_mode) && TSTakenName::Read(name, taken)) {
@@ -387,7 +387,7 @@ TCRequestQueue::EAnswer TCRequestIntake::m_Read(const std::string& name,
     }
     const TCDescriptor file = OpenIn(m_taken.Get(), name, O_RDONLY | O_NONBLOCK);
     struct stat status;
-    if (!file.IsOpen() || fstat(file.Get(), &status) != 0) {
+    if (!file.IsOpen() || !GetStatus(file.Get(), status)) {
         if (errno == ENOENT) {
             return TCRequestQueue::EAnswer::Gone;
         }

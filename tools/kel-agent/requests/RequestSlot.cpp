@@ -19,6 +19,7 @@
 namespace kel {
 namespace agent {
 
+using tools::GetStatus;
 using tools::kRequestKey;
 using tools::PrintableStart;
 using tools::TCDescriptor;
@@ -129,7 +130,7 @@ bool TCRequestSlot::m_ReadTaken(std::string& value, struct stat& status) const
     const std::string path = m_stateDirectory + "/" + kTakenFile;
     const TCDescriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     char content[kMostOfAValue];
-    const ssize_t size = file.IsOpen() && fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode)
+    const ssize_t size = file.IsOpen() && GetStatus(file.Get(), status) && S_ISREG(status.st_mode)
                              ? read(file.Get(), content, sizeof(content))
                              : -1;
     if (size <= 0) {

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "common/Text.h"
+
 namespace kel {
 namespace agent {
 
@@ -64,12 +66,7 @@ bool TSTakenName::Read(const std::string& text, TSTakenName& name)
 }
 
 // A new one every 4 microseconds, for 36 years: no agent takes requests faster.
-uint64_t TSTakenName::FirstNumber()
-{
-    timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return Nanoseconds(now) / 4096 % kNumbers;
-}
+uint64_t TSTakenName::FirstNumber() { return Nanoseconds(tools::Now()) / 4096 % kNumbers; }
 
 uint64_t TSTakenName::Filed(const struct stat& status) { return Nanoseconds(status.st_ctim); }
 

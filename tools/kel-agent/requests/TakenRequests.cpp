@@ -17,6 +17,7 @@
 namespace kel {
 namespace agent {
 
+using tools::GetStatus;
 using tools::HasAcl;
 using tools::OpenIn;
 using tools::TCDescriptor;
@@ -30,8 +31,8 @@ bool IsSameFile(int a, int b)
 {
     struct stat first;
     struct stat second;
-    return a >= 0 && fstat(a, &first) == 0 && fstat(b, &second) == 0
-           && first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+    return a >= 0 && GetStatus(a, first) && GetStatus(b, second) && first.st_dev == second.st_dev
+           && first.st_ino == second.st_ino;
 }
 
 EFound Judge(const struct stat& status)
@@ -46,7 +47,7 @@ EFound Judge(const struct stat& status)
 EFound Look(int directory, const std::string& name, struct stat& status)
 {
     const TCDescriptor found = OpenIn(directory, name, O_PATH);
-    if (found.IsOpen() && fstat(found.Get(), &status) == 0) {
+    if (found.IsOpen() && GetStatus(found.Get(), status)) {
         return Judge(status);
     }
     switch (errno) {
@@ -132,7 +133,7 @@ EFound TCTakenRequests::Take(int directory, const std::string& name, const std::
     // It may have been replaced in the moment before; what it is now it stays.
     const std::string text = own.Text();
     struct stat moved;
-    if (fstatat(m_directory.Get(), text.c_str(), &moved, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (!GetStatus(m_directory.Get(), text, moved)) {
         return EFound::Gone;
     }
     status = moved;

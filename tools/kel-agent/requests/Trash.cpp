@@ -15,6 +15,7 @@ namespace agent {
 
 using tools::ForEachName;
 using tools::Freeze;
+using tools::GetStatus;
 using tools::OpenIn;
 using tools::TCDescriptor;
 using tools::TCOutcome;
@@ -67,14 +68,13 @@ bool TCTrash::Move(int directory, const std::string& name, char kind, std::strin
             result = renameat2(directory, name.c_str(), m_directory.Get(), own.c_str(),
                                RENAME_NOREPLACE);
         } while (result != 0 && errno == EEXIST);
-        return result == 0
-               && fstatat(m_directory.Get(), own.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+        return result == 0 && GetStatus(m_directory.Get(), own, status);
     };
     bool done = move();
     if (!done) { // a directory gets a new "..", for which one needs rights in it
         const TCDescriptor found = OpenIn(directory, name, kDirectory);
         struct stat before;
-        done = found.IsOpen() && fstat(found.Get(), &before) == 0 && Freeze(found.Get()) && move();
+        done = found.IsOpen() && GetStatus(found.Get(), before) && Freeze(found.Get()) && move();
         if (done && S_ISDIR(status.st_mode)) {
             status.st_uid = before.st_uid;
         }
