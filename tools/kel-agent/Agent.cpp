@@ -86,6 +86,13 @@ bool TCAgent::m_SetPolicy(const TBytes& request, TBytes& response)
                      request.size());
         return false;
     }
+    if (read == EPolicyArchive::Foreign) {
+        std::fprintf(stderr,
+                     "kel-agent: refused a message of %zu bytes: its archive is of another word "
+                     "size, or of a newer Boost\n",
+                     request.size());
+        return false;
+    }
 
     EAnswer answer = TooLarge;
     if (read == EPolicyArchive::Policy) {

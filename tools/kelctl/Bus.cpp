@@ -18,5 +18,17 @@ TGlibPtr<GDBusConnection> ConnectToBus()
     return connection;
 }
 
+TGlibPtr<GVariant> AskBus(GDBusConnection* connection, const char* question, const char* name,
+                          const char* type, TGlibPtr<GError>& error)
+{
+    GError* failure = nullptr;
+    TGlibPtr<GVariant> answer(g_dbus_connection_call_sync(
+        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        question, g_variant_new("(s)", name), G_VARIANT_TYPE(type), G_DBUS_CALL_FLAGS_NO_AUTO_START,
+        -1, nullptr, &failure));
+    error.reset(failure);
+    return answer;
+}
+
 } // namespace ctl
 } // namespace kel

@@ -24,5 +24,13 @@ template <typename Handle> using TGlibPtr = std::unique_ptr<Handle, TSRelease>;
 /// @return empty, with one line on standard error, when there is no bus.
 TGlibPtr<GDBusConnection> ConnectToBus();
 
+/// Asks the bus itself, which starts nobody for that. The answer holds one value of the type.
+///
+/// @return empty, with the error, when there is none.
+TGlibPtr<GVariant> AskBus(GDBusConnection* connection, const char* question, const char* name,
+                          const char* type, TGlibPtr<GError>& error);
+
+constexpr char kAgentName[] = "com.norvale.kel.IControl";
+
 } // namespace ctl
 } // namespace kel

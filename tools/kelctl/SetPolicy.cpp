@@ -9,6 +9,8 @@
 
 #include <kel/api.h>
 
+#include "Bus.h"
+
 namespace kel {
 namespace ctl {
 
@@ -62,6 +64,14 @@ bool ReadPolicy(const std::string& name, std::string& policy)
     return true;
 }
 
+// Without a word where there is no bus.
+bool AgentRuns()
+{
+    const TGlibPtr<GDBusConnection> bus(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
+    TGlibPtr<GError> error;
+    return bus && AskBus(bus.get(), "GetNameOwner", kAgentName, "(s)", error);
+}
+
 EStatus SetPolicy(const std::string& name)
 {
     std::string policy;
@@ -77,7 +87,10 @@ EStatus SetPolicy(const std::string& name)
         return EStatus::NoAnswer;
     }
     if (answer == kNoAnswer) {
-        std::fprintf(stderr, "kelctl: no answer from the agent\n");
+        std::fprintf(stderr, "kelctl: no answer from the agent%s\n",
+                     AgentRuns() ? ", which runs: it is busy, or cannot read archives of this word "
+                                   "size and this Boost"
+                                 : "");
         return EStatus::NoAnswer;
     }
 

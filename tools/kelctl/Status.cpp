@@ -11,21 +11,6 @@ namespace ctl {
 
 namespace {
 
-constexpr char kAgentName[] = "com.norvale.kel.IControl";
-
-// Asks the bus itself, which starts nobody for that. The answer holds one value of the type.
-TGlibPtr<GVariant> AskBus(GDBusConnection* connection, const char* question, const char* name,
-                          const char* type, TGlibPtr<GError>& error)
-{
-    GError* failure = nullptr;
-    TGlibPtr<GVariant> answer(g_dbus_connection_call_sync(
-        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        question, g_variant_new("(s)", name), G_VARIANT_TYPE(type), G_DBUS_CALL_FLAGS_NO_AUTO_START,
-        -1, nullptr, &failure));
-    error.reset(failure);
-    return answer;
-}
-
 // The owner's unique name and process. True on success, otherwise false with the error.
 bool FindAgent(GDBusConnection* connection, std::string& uniqueName, guint32& process,
                TGlibPtr<GError>& error)

@@ -88,13 +88,21 @@ bool HasTrueLengths(const TSPolicyArchive::TBytes& archive, size_t& length)
            && length == reader.Left();
 }
 
+// The length before the signature has 4 bytes there and 8 here, or the reverse.
+bool IsOfOtherWordSize(const TSPolicyArchive::TBytes& archive)
+{
+    constexpr size_t signatureAt = sizeof(size_t) == 8 ? 4 : 8;
+    return archive.size() > signatureAt + kSignatureLength
+           && std::memcmp(archive.data() + signatureAt, kSignature, kSignatureLength) == 0;
+}
+
 } // namespace
 
 EPolicyArchive TSPolicyArchive::Read(const TBytes& archive, size_t mostBytes, std::string& policy)
 {
     size_t length = 0;
     if (!HasTrueLengths(archive, length)) {
-        return EPolicyArchive::NoPolicy;
+        return IsOfOtherWordSize(archive) ? EPolicyArchive::Foreign : EPolicyArchive::NoPolicy;
     }
     if (length > mostBytes) {
         return EPolicyArchive::TooLarge;
@@ -107,7 +115,7 @@ EPolicyArchive TSPolicyArchive::Read(const TBytes& archive, size_t mostBytes, st
         policy.swap(text);
         return EPolicyArchive::Policy;
     } catch (const boost::archive::archive_exception&) {
-        return EPolicyArchive::NoPolicy; // of a newer library, or of another kind of machine
+        return EPolicyArchive::Foreign;
     }
 }
 

@@ -8,7 +8,12 @@ namespace kel {
 namespace agent {
 
 /// What a message that should carry a policy is.
-enum class EPolicyArchive { Policy, NoPolicy, TooLarge };
+enum class EPolicyArchive {
+    Policy,
+    NoPolicy,
+    TooLarge,
+    Foreign // of another word size, or of a newer Boost
+};
 
 /// Reads the archive that carries a policy, and writes the one that carries the answer to it. Both
 /// are Boost.Serialization binary archives in this machine's own word size and byte order.
