@@ -167,6 +167,18 @@ KEL_SAME_PLACE(TCCallbacksProxy, TSCallbacksProxyMembers, m_requestProcessInfoCb
 KEL_SAME_PLACE(TCCallbacksProxy, TSCallbacksProxyMembers, m_pClient);
 KEL_SAME_SIZE(TCCallbacksProxy, TSCallbacksProxyMembers);
 
+// In words, which are all that these are made of; 32-bit and 64-bit machines differ in nothing
+// else.
+constexpr size_t kWord = sizeof(void*);
+static_assert(kWord == 4 || kWord == 8);
+static_assert(sizeof(TCDebug) == 2 * kWord);
+static_assert(sizeof(TCDbusServer::TSClient) == 8 * kWord);
+static_assert(sizeof(TCDeactivator) == 7 * kWord);
+static_assert(sizeof(TCControlProxy) == 3 * kWord);
+static_assert(sizeof(TCCallbacksProxy) == 11 * kWord);
+
+static_assert(sizeof(ICallbacks::ECallbackType) == sizeof(int));
+
 static_assert(offsetof(TSBufferProperties, m_destroyed) == 0);
 static_assert(offsetof(TSBufferProperties, m_persistent) == 1);
 static_assert(offsetof(TSBufferProperties, m_bufferId) == 4);
