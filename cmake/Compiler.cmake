@@ -19,6 +19,28 @@ if(KEL_WERROR)
     target_compile_options(kel-warnings INTERFACE -Werror -Wno-error=deprecated-declarations)
 endif()
 
+# What a fault in memory must not be made into: nothing is left to write to that is called through,
+# a smashed stack ends the process, as does a copy beyond a buffer's end, and code is nowhere that
+# can be known before. The sanitizers see more than fortified functions do, and not through them;
+# without optimisation there are none.
+add_compile_options(-fstack-protector-strong)
+add_link_options(LINKER:-z,relro LINKER:-z,now)
+include(CheckPIESupported)
+check_pie_supported(LANGUAGES CXX)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+string(TOUPPER "${CMAKE_BUILD_TYPE}" kel_type)
+if("${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_${kel_type}}" MATCHES "-O[1-3sz]" AND NOT KEL_SANITIZE)
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 12)
+        set(KEL_FORTIFY 2)
+    else()
+        set(KEL_FORTIFY 3)
+    endif()
+    # The first word is for the compilers that have a level of their own.
+    add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=${KEL_FORTIFY})
+else()
+    set(KEL_FORTIFY 0)
+endif()
+
 # Installed programs find the libraries beside them wherever the tree is put: a program that the
 # bus starts gets no LD_LIBRARY_PATH. CMAKE_SKIP_INSTALL_RPATH=ON leaves it out.
 if(NOT DEFINED CMAKE_INSTALL_RPATH)

@@ -40,7 +40,9 @@ bool IsExact(int directory, mode_t mode)
 std::string RandomName()
 {
     uint64_t number = 0;
-    getrandom(&number, sizeof(number), 0);
+    if (getrandom(&number, sizeof(number), 0) < 0) {
+        number = static_cast<uint64_t>(getpid()); // any name will do that is free
+    }
     char name[sizeof("0123456789abcdef")];
     std::snprintf(name, sizeof(name), "%016llx", static_cast<unsigned long long>(number));
     return name;
