@@ -41,6 +41,14 @@ else()
     set(KEL_FORTIFY 0)
 endif()
 
+# For what is installed, by the compiler that tells them apart. A number that does not fit its new
+# type, and a pointer to what need not lie where the machine can read it, are faults on another
+# machine than the one they are written on.
+add_library(kel-strict-warnings INTERFACE)
+target_compile_options(kel-strict-warnings INTERFACE
+    "$<$<CXX_COMPILER_ID:GNU>:-Wconversion;-Wcast-align=strict>")
+target_link_libraries(kel-strict-warnings INTERFACE kel-warnings)
+
 # Installed programs find the libraries beside them wherever the tree is put: a program that the
 # bus starts gets no LD_LIBRARY_PATH. CMAKE_SKIP_INSTALL_RPATH=ON leaves it out.
 if(NOT DEFINED CMAKE_INSTALL_RPATH)

@@ -41,7 +41,7 @@ constexpr size_t kMostKernelLines = 4096;
 // The newest lines that fit.
 std::string Join(const std::vector<std::string>& lines, uint64_t room, size_t& count)
 {
-    uint64_t size = 0;
+    size_t size = 0;
     auto first = lines.end();
     while (first != lines.begin() && size + std::prev(first)->size() + 1 <= room) {
         --first;

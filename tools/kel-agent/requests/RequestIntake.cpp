@@ -87,15 +87,16 @@ TCRequestIntake::~TCRequestIntake() { m_junk.FlushAll(); }
 
 void TCRequestIntake::ReadChanges()
 {
-    alignas(inotify_event) char changes[16384];
+    char changes[16384];
     for (ssize_t size = 0; (size = read(m_changes.Get(), changes, sizeof(changes))) > 0;) {
         for (ssize_t at = 0; at < size;) {
-            const auto* const change = reinterpret_cast<const inotify_event*>(changes + at);
-            at += static_cast<ssize_t>(sizeof(inotify_event) + change->len);
-            const bool lost = (change->mask & IN_Q_OVERFLOW) != 0;
-            m_writerEnds = m_writerEnds || change->wd == m_takenWatch || lost;
-            if (change->wd != m_takenWatch) {
-                m_LookSoon((change->mask & IN_CREATE) != 0 ? kJunkDelay
+            inotify_event change;
+            std::memcpy(&change, changes + at, sizeof(change));
+            at += static_cast<ssize_t>(sizeof(change) + change.len);
+            const bool lost = (change.mask & IN_Q_OVERFLOW) != 0;
+            m_writerEnds = m_writerEnds || change.wd == m_takenWatch || lost;
+            if (change.wd != m_takenWatch) {
+                m_LookSoon((change.mask & IN_CREATE) != 0 ? kJunkDelay
                                                            : std::chrono::milliseconds(0));
             }
         }
