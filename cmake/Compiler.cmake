@@ -35,9 +35,13 @@ if("${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_${kel_type}}" MATCHES "-O[1-3sz]" AND N
     else()
         set(KEL_FORTIFY 3)
     endif()
+    # What is installed is built for size: it waits for the bus, the disk and other processes. Not the
+    # other way round: a debug build stays one.
+    set(KEL_SMALL -Os)
     # The first word is for the compilers that have a level of their own.
     add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=${KEL_FORTIFY})
 else()
+    set(KEL_SMALL "")
     set(KEL_FORTIFY 0)
 endif()
 
