@@ -1,7 +1,5 @@
 #include <kel/KELCallbacksProxy.h>
 
-#include <boost/bind/bind.hpp>
-
 #include <kel/KELDbusClient.h>
 
 #include "KELLog.h"
@@ -9,8 +7,6 @@
 #include "KELSingletonLife.h"
 
 KEL_LOG_SOURCE("KELCallbacksProxy", "kel::TCCallbacksProxy")
-
-using namespace boost::placeholders;
 
 namespace kel {
 
@@ -93,8 +89,11 @@ bool TCCallbacksProxy::m_Set(int type, Function TCCallbacksProxy::*pMember, cons
         this->*pMember = shared;
     }
     try {
-        if (m_pClient->SetCallback(
-                type, boost::bind(&TCCallbacksProxy::m_Callback, this, type, _1, _2))) {
+        const auto callback = [this, type](const std::vector<unsigned char>& request,
+                                           std::vector<unsigned char>& response) {
+            return m_Callback(type, request, response);
+        };
+        if (m_pClient->SetCallback(type, callback)) {
             return true;
         }
     } catch (...) {

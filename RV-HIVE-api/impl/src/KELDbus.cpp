@@ -6,8 +6,6 @@
 #include <new>
 #include <utility>
 
-#include <boost/bind/bind.hpp>
-
 #include "KELGlib.h"
 #include "KELGlibEntry.h"
 #include "KELHandlerGate.h"
@@ -16,8 +14,6 @@
 #include "KELSharedFunction.h"
 
 KEL_LOG_SOURCE("KELDbus", "kel::TCDbus")
-
-using namespace boost::placeholders;
 
 namespace kel {
 
@@ -200,7 +196,10 @@ std::string TCDbus::GetUniqueName()
 
 bool TCDbus::t_Start()
 {
-    t_SetDbusCallback(t_dbusSendMethod, boost::bind(&TCDbus::m_HandleMessage, this, _1, _2, _3));
+    t_SetDbusCallback(t_dbusSendMethod, [this](const char* sender, GVariant* parameters,
+                                               GDBusMethodInvocation* invocation) {
+        m_HandleMessage(sender, parameters, invocation);
+    });
     m_pNodeInfo = g_dbus_node_info_new_for_xml(m_interfaceXml, nullptr);
 
     TCGlibError error;

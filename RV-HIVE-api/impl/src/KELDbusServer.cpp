@@ -4,8 +4,6 @@
 #include <future>
 #include <memory>
 
-#include <boost/bind/bind.hpp>
-
 #include "KELFanOut.h"
 #include "KELGlib.h"
 #include "KELGlibEntry.h"
@@ -15,8 +13,6 @@
 #include "KELSharedFunction.h"
 
 KEL_LOG_SOURCE("KELDbusServer", "kel::TCDbusServer")
-
-using namespace boost::placeholders;
 
 namespace kel {
 
@@ -264,8 +260,10 @@ bool TCDbusServer::t_Start()
 
     // Before the base exports the object: a client's "Hello" may be there at once, and one that
     // finds no handler would be answered and lost.
-    t_SetDbusCallback(t_dbusHelloMethod,
-                      boost::bind(&TCDbusServer::m_HandleHelloMessage, this, _1, _2, _3));
+    t_SetDbusCallback(t_dbusHelloMethod, [this](const char* sender, GVariant* parameters,
+                                                GDBusMethodInvocation* invocation) {
+        m_HandleHelloMessage(sender, parameters, invocation);
+    });
     if (!TCDbus::t_Start()) {
         return false;
     }
@@ -277,7 +275,7 @@ bool TCDbusServer::t_Start()
 
     m_pContext = g_main_context_new();
     m_pLoop = g_main_loop_new(m_pContext, FALSE);
-    m_loopThread = boost::thread(&TCDbusServer::m_StartMainLoop, this);
+    m_loopThread = boost::thread([this] { m_StartMainLoop(); });
 
     KEL_DEBUG("Server started. Own name id %d", m_ownerId);
     return true;

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <boost/function.hpp>
-#include <boost/make_shared.hpp>
+#include <boost/shared_ptr.hpp>
 
 namespace kel {
 
@@ -16,7 +16,9 @@ ShareState(const boost::function<Result(Arguments...)>& function)
     if (function.empty()) {
         return function;
     }
-    const auto shared = boost::make_shared<boost::function<Result(Arguments...)>>(function);
+    // Not in one block with its counters, which costs more code for each type of function.
+    typedef boost::function<Result(Arguments...)> TFunction;
+    const boost::shared_ptr<TFunction> shared(new TFunction(function));
     return [shared](Arguments... arguments) -> Result { return (*shared)(arguments...); };
 }
 
