@@ -117,7 +117,7 @@ bool GetStatus(int directory, const char* path, int flags, struct stat& status)
 
 fs::file_status StatusOf(const fs::path& path, boost::system::error_code& code)
 {
-    const fs::file_status status = fs::status(path, code);
+    fs::file_status status = fs::status(path, code);
     if (!IsOfDate(code)) {
         return status;
     }
