@@ -32,10 +32,11 @@ private:
 /// The calls of one send: starts them all together, and starts those again for which the bus had
 /// no room.
 ///
-/// The bus lets a connection wait for so many replies at once (128 on a stock system bus:
-/// max_replies_per_connection in dbus-daemon(1)) and refuses the calls beyond. A call of this send
-/// that ends makes room for one of those. Room that others make (another send, peers of older
-/// calls) is found by a timer that tries a few of them at a fixed interval.
+/// A bus has limits, and refuses the calls beyond: dbus-daemon lets a connection wait for so many
+/// replies at once (128: max_replies_per_connection in dbus-daemon(1)), dbus-broker lets a user
+/// have so many bytes on their way to another. A call of this send that ends makes room for one of
+/// those. Room that others make (another send, peers of older calls) is found by a timer that tries
+/// a few of them at a fixed interval.
 ///
 /// Threads: made and filled by the sending thread. From Start() on it belongs to the thread that
 /// iterates the context, until the last call has ended; it needs no lock.
