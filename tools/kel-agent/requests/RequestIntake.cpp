@@ -97,7 +97,7 @@ void TCRequestIntake::ReadChanges()
             m_writerEnds = m_writerEnds || change.wd == m_takenWatch || lost;
             if (change.wd != m_takenWatch) {
                 m_LookSoon((change.mask & IN_CREATE) != 0 ? kJunkDelay
-                                                           : std::chrono::milliseconds(0));
+                                                          : std::chrono::milliseconds(0));
             }
         }
     }
