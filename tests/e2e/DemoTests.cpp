@@ -13,7 +13,7 @@ using testing::HasSubstr;
 
 TEST_F(Demo, ShowsTheRoadEndsWithItsResultAndLeavesNothing)
 {
-    const TSFinished ended = RunProgram({KEL_DEMO}, Environment(KEL_BINARIES));
+    const TSFinished ended = RunProgram({KEL_DEMO}, Environment(KEL_BINARIES), {}, kDemoDeadline);
 
     EXPECT_EQ(ended.m_exit, 0) << ended.m_output << ended.m_errorOutput;
     EXPECT_EQ(ended.m_errorOutput, "");
@@ -41,8 +41,8 @@ class FaultyDemo : public Demo, public testing::WithParamInterface<TSFault>
 
 TEST_P(FaultyDemo, FailsAndSaysWhy)
 {
-    const TSFinished ended
-        = RunProgram({KEL_DEMO}, Environment(BinariesWith("kelctl", GetParam().m_kelctl)));
+    const TSFinished ended = RunProgram(
+        {KEL_DEMO}, Environment(BinariesWith("kelctl", GetParam().m_kelctl)), {}, kDemoDeadline);
 
     EXPECT_EQ(ended.m_exit, 1);
     EXPECT_THAT(ended.m_errorOutput,

@@ -82,7 +82,11 @@ void ExpectEachOnce(const std::vector<TSReport>& reports, const std::string& pro
 class Neighbours : public ReportRoad
 {
 protected:
-    Neighbours() { chmod(m_bus.Directory().c_str(), 0755); }
+    Neighbours()
+    {
+        Sandbox::NeedOtherUsers();
+        chmod(m_bus.Directory().c_str(), 0755);
+    }
 };
 
 TEST_F(Neighbours, OfOneWhoIsHostileAreServedWithinTwoSeconds)

@@ -113,6 +113,7 @@ protected:
 
 TEST_F(ReportCrowd, WithAStrangerWhoDoesAllThatHeCanEveryRequestHasItsReport)
 {
+    Sandbox::NeedOtherUsers();
     const auto agent = StartCollector({"--max-reports", "100000"});
     const Stranger annoying(Annoy, true);
     const Stranger first([] { FileAll(kUsers[0]); }, false, kUsers[0]);

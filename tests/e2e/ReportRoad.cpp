@@ -149,6 +149,9 @@ void ReportRoad::RequestSlot(std::string process, std::string thread, int reboot
 
 void ReportRoad::File(const std::string& name, const std::string& content, uid_t owner)
 {
+    if (owner != geteuid()) {
+        Sandbox::NeedOtherUsers();
+    }
     static int number = 0;
     const fs::path outside = "/tmp/request-" + std::to_string(++number);
     WriteFile(outside, content);

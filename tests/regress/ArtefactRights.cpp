@@ -22,6 +22,7 @@ protected:
 
     ArtefactRights()
     {
+        Sandbox::NeedOtherUsers();
         fs::permissions(m_scratch / "", fs::perms(0755));
         WriteFile(m_scratch / "secret", "secret");
     }

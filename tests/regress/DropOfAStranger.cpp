@@ -80,6 +80,7 @@ TEST_F(DropOfAStranger, WhichHeHasLockedIsReplacedAndWhatIsInItIsServed)
 
 TEST_F(DropOfAStranger, HasItsAclNoLonger)
 {
+    Sandbox::NeedOtherUsers();
     const Stranger stranger([] {
         for (const fs::path& directory : {kDrop, kRebootDrop}) {
             mkdir(directory.c_str(), 0777);
@@ -114,6 +115,7 @@ TEST_F(DropOfAStranger, IsReplacedWhenItsRightsChange)
 
 TEST_F(DropOfAStranger, ARequestThatOthersCouldWriteHasNoArtefact)
 {
+    Sandbox::NeedOtherUsers();
     WriteFile(m_scratch / "secret", "secret");
     const auto agent = StartCollector();
     WriteFile(m_scratch / "request", (m_scratch / "secret").string());

@@ -40,6 +40,7 @@ TEST_F(KelctlTest, WhateverIsInTheSnapshotsPlaceItNeitherWaitsNorShowsIt)
 
 TEST_F(KelctlTest, WhatIsInTheSnapshotsPlaceAndNotTheirsEndsOthersWithAReason)
 {
+    Sandbox::NeedOtherUsers();
     fs::create_directory("/tmp/Device_Tracker.log");
     SetKernelLog("line\n");
     const TWords command = {"setpriv", "--reuid=65534", "--clear-groups", KEL_CTL, "klog"};
@@ -55,6 +56,7 @@ TEST_F(KelctlTest, WhatIsInTheSnapshotsPlaceAndNotTheirsEndsOthersWithAReason)
 
 TEST_F(KelctlTest, FollowsAsSoonAsTheSnapshotHasItsPlace)
 {
+    Sandbox::NeedOtherUsers();
     SetKernelLog("line\n");
     fs::permissions(kTools / "dmesg", fs::perms(0755));
     fs::create_directory("/tmp/Device_Tracker.log");
@@ -74,6 +76,7 @@ TEST_F(KelctlTest, FollowsAsSoonAsTheSnapshotHasItsPlace)
 
 TEST_F(ReportRoad, HasTheKernelsOwnLinesWhateverIsInTheSnapshotsPlace)
 {
+    Sandbox::NeedOtherUsers();
     const fs::path snapshot = "/tmp/Device_Tracker.log";
     const fs::path other = m_bus.Directory() + "/other";
     WriteFile(other, "other\n");

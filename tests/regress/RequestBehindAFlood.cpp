@@ -14,6 +14,7 @@ namespace kel::test {
 
 TEST_F(ReportRoad, BehindAFloodOfAnotherUserARequestComesSoon)
 {
+    Sandbox::NeedOtherUsers();
     constexpr int kFlood = 5000;
     StartCollector(); // makes the directories
     const Stranger stranger([] {

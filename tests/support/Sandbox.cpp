@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <vector>
 
@@ -162,6 +163,18 @@ void Sandbox::Need()
 {
     if (!IsEntered()) {
         Skip("nobody may make a mount namespace here");
+    }
+}
+
+void Sandbox::NeedOtherUsers()
+{
+    std::ifstream map("/proc/self/uid_map");
+    unsigned long first = 0;
+    unsigned long outside = 0;
+    unsigned long count = 0;
+    map >> first >> outside >> count;
+    if (count == 1) {
+        Skip("a user namespace of one user");
     }
 }
 

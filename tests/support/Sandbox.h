@@ -24,6 +24,9 @@ public:
 
     /// Skips the running test where this process is not inside.
     static void Need();
+
+    /// The same where it has no user but root, as in a namespace that an ordinary user has made.
+    static void NeedOtherUsers();
 };
 
 /// Ends the running test as a skipped one, by an exception: here it cannot run.
