@@ -187,7 +187,7 @@ TCCollector::EProgress TCCollector::m_Serve(const std::vector<TSRequest>& reques
 std::optional<TCOutcome> TCCollector::m_ServeOne(const TSRequest& request, TCOutcome& canReport)
 {
     if (!m_reporter.IsReported(request) && m_unremoved.count(request.m_stamp) == 0) {
-        const std::optional<TCOutcome> reported = m_reporter.Report(request);
+        std::optional<TCOutcome> reported = m_reporter.Report(request);
         canReport = reported.value_or(canReport);
         if (!reported || !*reported) {
             return reported;
