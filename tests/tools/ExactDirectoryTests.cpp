@@ -138,9 +138,9 @@ TEST_F(ExactDirectory, TrashIsEmptiedHoweverDeepAndOddItIs)
         salvaged += kind == 'k' ? 1 : 0;
         return std::optional<bool>();
     };
-    TCPassLimit limit;
-    while (trash.Empty(limit, salvage)) {
-        ASSERT_FALSE(limit.IsCut());
+    for (bool more = true; more;) {
+        TCPassLimit limit; // of time, too: on a busy machine it takes more than one pass
+        more = trash.Empty(limit, salvage);
     }
 
     EXPECT_EQ(salvaged, 2U) << "its own entries alone";
