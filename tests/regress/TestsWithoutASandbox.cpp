@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <regex>
 #include <sstream>
 
 #include <gmock/gmock.h>
@@ -72,9 +73,10 @@ TEST_P(TestsWithoutASandbox, AreSkippedAndLeaveTheMachineAsItIs)
 
     const TSFinished ended = RunProgram({GetParam()}, {{"KEL_TEST_SANDBOX", "none"}});
 
-    EXPECT_EQ(ended.m_exit, 0) << ended.m_output;
-    EXPECT_THAT(ended.m_output,
-                testing::HasSubstr(": Skipped\nnobody may make a mount namespace here\n"));
+    // With the word as it is, CTest takes a failure that shows it for a test that was skipped.
+    const std::string said = std::regex_replace(ended.m_output, std::regex("SKIPPED"), "skipped");
+    EXPECT_EQ(ended.m_exit, 0) << said;
+    EXPECT_THAT(said, testing::HasSubstr(": Skipped\nnobody may make a mount namespace here\n"));
     EXPECT_EQ(TheMachine(), before);
 }
 
