@@ -351,7 +351,8 @@ bool TCRequestIntake::m_Throw(int directory, const std::string& name, const TSDr
         }
         return reason == ENOENT;
     }
-    if (m_Take(m_trash.Get(), moved, name, drop, IFTODT(status.st_mode)) == EFound::Request) {
+    const auto type = static_cast<unsigned char>(IFTODT(status.st_mode)); // 4 bits
+    if (m_Take(m_trash.Get(), moved, name, drop, type) == EFound::Request) {
         return true;
     }
     m_trash.Remove(moved);
