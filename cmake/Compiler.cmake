@@ -24,7 +24,7 @@ endif()
 # can be known before. The sanitizers see more than fortified functions do, and not through them;
 # without optimisation there are none.
 add_compile_options(-fstack-protector-strong)
-add_link_options(LINKER:-z,relro LINKER:-z,now)
+add_link_options(-Wl,-z,relro -Wl,-z,now)
 include(CheckPIESupported)
 check_pie_supported(LANGUAGES CXX)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
