@@ -20,6 +20,7 @@
 #include "requests/ExactDirectory.h"
 #include "requests/Trash.h"
 #include "support/PrivateBus.h"
+#include "support/Sandbox.h"
 
 namespace kel::test {
 
@@ -31,6 +32,14 @@ using tools::OpenIn;
 using tools::TCDescriptor;
 
 namespace {
+
+// To enter directories of mode 0, as an agent does that is root: in the sandbox everybody is.
+void NeedRights()
+{
+    if (geteuid() != 0) {
+        Sandbox::Need();
+    }
+}
 
 // As where the kernel has none, for this process's rest.
 void ForbidOpenat2()
@@ -83,6 +92,7 @@ protected:
 
 TEST_F(ExactDirectory, IsMadeWhateverTheMaskIs)
 {
+    NeedRights();
     const mode_t mask = umask(0777);
     EXPECT_FALSE(Open());
     umask(mask);
@@ -118,6 +128,7 @@ TEST_F(ExactDirectory, TakesThePlaceOfWhatIsNotExact)
 
 TEST_F(ExactDirectory, TrashIsEmptiedHoweverDeepAndOddItIs)
 {
+    NeedRights();
     TCTrash trash;
     ASSERT_TRUE(trash.Open(m_parent.Get()));
     fs::path deep = m_root / "deep";
