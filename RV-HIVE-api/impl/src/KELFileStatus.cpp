@@ -72,7 +72,11 @@ bool RemoveTree(int parent, const char* name)
     const std::unique_ptr<DIR, int (*)(DIR*)> stream(directory < 0 ? nullptr : fdopendir(directory),
                                                      &closedir);
     if (stream == nullptr) {
-        errno = refusal == EISDIR ? errno : refusal;
+        const int failure = errno;
+        if (directory >= 0) { // nobody has it then
+            close(directory);
+        }
+        errno = refusal == EISDIR ? failure : refusal;
         return false;
     }
     for (const dirent* entry = nullptr; (entry = readdir(stream.get())) != nullptr;) {
