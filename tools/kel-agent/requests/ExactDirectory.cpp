@@ -48,6 +48,11 @@ std::string RandomName()
     return name;
 }
 
+bool Rename(int parent, const std::string& from, const std::string& to, unsigned flags)
+{
+    return renameat2(parent, from.c_str(), parent, to.c_str(), flags) == 0;
+}
+
 } // namespace
 
 TCExactDirectory::TCExactDirectory(std::string name, mode_t mode, std::string aside)
@@ -65,8 +70,7 @@ TCOutcome TCExactDirectory::Open(int parent, TCDescriptor& directory, bool& move
         if (!found.IsOpen() && errno == EXDEV) {
             return TCOutcome::Failed("it is a mount point, which requests cannot be moved out of");
         }
-        TCOutcome step
-            = !found.IsOpen() && errno == ENOENT ? m_Make(parent) : m_MoveAside(parent, moved);
+        TCOutcome step = m_Replace(parent, moved);
         if (!step) {
             return step;
         }
@@ -74,13 +78,40 @@ TCOutcome TCExactDirectory::Open(int parent, TCDescriptor& directory, bool& move
     return TCOutcome::Failed("it is replaced again and again");
 }
 
-// With the owner's rights alone until it is exact, whatever the umask and the parent's ACL give.
-TCOutcome TCExactDirectory::m_Make(int parent) const
+// The two change names in one step: at no moment is there none, and nobody's request fails.
+TCOutcome TCExactDirectory::m_Replace(int parent, bool& moved) const
 {
-    if (mkdirat(parent, m_name.c_str(), kOwnersAlone) != 0) {
-        return errno == EEXIST ? TCOutcome() : TCOutcome::Failed(std::strerror(errno));
+    const std::string fresh = m_aside + RandomName();
+    TCOutcome outcome = m_Make(parent, fresh);
+    if (outcome && Rename(parent, fresh, m_name, RENAME_NOREPLACE)) {
+        return outcome;
     }
-    const TCDescriptor made = OpenIn(parent, m_name, kDirectory);
+    struct stat status = {};
+    if (outcome && Rename(parent, fresh, m_name, RENAME_EXCHANGE)) {
+        moved = true;
+        GetStatus(parent, fresh, status, AT_NO_AUTOMOUNT);
+        std::fprintf(stderr, "kel-agent: what user %u had in the place of %s is moved aside\n",
+                     status.st_uid, m_name.c_str());
+        return outcome;
+    }
+    if (outcome && errno != ENOENT) { // else it has just gone
+        const int reason = errno;
+        GetStatus(parent, m_name, status, AT_NO_AUTOMOUNT);
+        outcome
+            = TCOutcome::Failed("what user " + std::to_string(status.st_uid)
+                                + " has in its place cannot be moved: " + std::strerror(reason));
+    }
+    unlinkat(parent, fresh.c_str(), AT_REMOVEDIR);
+    return outcome;
+}
+
+// With the owner's rights alone until it is exact, whatever the umask and the parent's ACL give.
+TCOutcome TCExactDirectory::m_Make(int parent, const std::string& name) const
+{
+    if (mkdirat(parent, name.c_str(), kOwnersAlone) != 0) {
+        return TCOutcome::Failed(std::strerror(errno));
+    }
+    const TCDescriptor made = OpenIn(parent, name, kDirectory);
     if (!made.IsOpen()) {
         return TCOutcome::Failed(std::strerror(errno));
     }
@@ -89,23 +120,6 @@ TCOutcome TCExactDirectory::m_Make(int parent) const
     }
     return IsExact(made.Get(), m_mode) ? TCOutcome()
                                        : TCOutcome::Failed("its rights cannot be set");
-}
-
-TCOutcome TCExactDirectory::m_MoveAside(int parent, bool& moved) const
-{
-    struct stat status = {};
-    GetStatus(parent, m_name, status, AT_NO_AUTOMOUNT);
-    const std::string aside = m_aside + RandomName();
-    if (renameat2(parent, m_name.c_str(), parent, aside.c_str(), RENAME_NOREPLACE) == 0) {
-        moved = true;
-        std::fprintf(stderr, "kel-agent: what user %u had in the place of %s is moved aside\n",
-                     status.st_uid, m_name.c_str());
-        return TCOutcome();
-    }
-    return errno == ENOENT
-               ? TCOutcome() // it has just gone
-               : TCOutcome::Failed("what user " + std::to_string(status.st_uid)
-                                   + " has in its place cannot be moved: " + std::strerror(errno));
 }
 
 } // namespace agent

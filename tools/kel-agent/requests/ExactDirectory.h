@@ -12,8 +12,8 @@ namespace agent {
 
 /// A directory of the agent's own in a place where anybody may have made one before: in the sticky
 /// /tmp. It is exact, or it is not used: a directory that belongs to the agent's user, of one mode,
-/// and without an ACL. Whatever else has its name is renamed aside, and a fresh one made: the agent
-/// never works in what somebody else has made, whose rights, locks and open files would live on.
+/// and without an ACL. Whatever else has its name changes names with a fresh one: the agent never
+/// works in what somebody else has made, whose rights, locks and open files would live on.
 ///
 /// Threads: one at a time.
 class TCExactDirectory
@@ -31,8 +31,8 @@ public:
     tools::TCOutcome Open(int parent, tools::TCDescriptor& directory, bool& moved) const;
 
 private:
-    tools::TCOutcome m_Make(int parent) const;
-    tools::TCOutcome m_MoveAside(int parent, bool& moved) const;
+    tools::TCOutcome m_Replace(int parent, bool& moved) const;
+    tools::TCOutcome m_Make(int parent, const std::string& name) const;
 
     const std::string m_name;
     const mode_t m_mode;
