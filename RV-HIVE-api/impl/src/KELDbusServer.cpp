@@ -74,8 +74,8 @@ bool IsTimeToProbe(size_t clients)
 
 } // namespace
 
-// One call to one client. It belongs to the sending thread, which waits on the future; the private
-// thread borrows it from m_SendMessage until the promise is fulfilled.
+// One call to one client. It belongs to the sending thread, which reads the future when the fan-out
+// is over; the private thread borrows it from m_SendMessage until then.
 struct TCDbusServer::TSAsyncMessage
 {
     TSAsyncMessage(TCDbusServer* pServer, GDBusProxy* pProxy)
@@ -90,13 +90,11 @@ struct TCDbusServer::TSAsyncMessage
         m_SendMessage(message);
     }
 
-    // The last that the private thread does with it. Out of the message first: the sender destroys
-    // everything once it sees the value.
+    // The last that the private thread does with it.
     void End(bool handled)
     {
+        m_promise.set_value(handled);
         m_pFanOut->Ended();
-        std::promise<bool> promise = std::move(m_promise);
-        promise.set_value(handled);
     }
 
     // Instead of End(), for a client that is not there, as it seems: an application may hand on
@@ -238,6 +236,9 @@ TCDbusServer::SendMessage(int type, const std::vector<unsigned char>& data, int 
         if (!messages.empty()) {
             fanOut.Start();
         }
+    }
+    if (!messages.empty()) {
+        fanOut.Wait();
     }
     for (const auto& message : messages) {
         ++(message->m_future.get() ? successes : failures);

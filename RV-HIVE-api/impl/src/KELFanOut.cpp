@@ -31,7 +31,7 @@ int TCDeadline::Left(gint64 now) const
 
 TCFanOut::TCFanOut(GMainContext* context, int timeout, TStart start)
     : m_pContext(context), m_timeout(timeout), m_pStart(start),
-      m_deadline(timeout, g_get_monotonic_time()), m_left(0)
+      m_deadline(timeout, g_get_monotonic_time()), m_left(0), m_isOver(m_over.get_future())
 {}
 
 void TCFanOut::Start()
@@ -49,6 +49,8 @@ void TCFanOut::Ended()
 {
     if (--m_left == 0) {
         m_Disarm();
+        std::promise<bool> over = std::move(m_over); // the sender destroys this once it sees it
+        over.set_value(true);
     } else if (!m_refused.empty()) {
         m_Restart();
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <future>
 #include <vector>
 
 #include <boost/circular_buffer.hpp>
@@ -58,6 +59,10 @@ public:
     /// then on nothing is allocated but by GLib.
     void Start();
 
+    /// Waits until all calls have ended. One wake-up, where the calls' own futures would cost one
+    /// each. After Start().
+    void Wait() { m_isOver.wait(); }
+
     // The thread that iterates the context.
 
     /// A call has ended for good.
@@ -87,6 +92,8 @@ private:
     boost::circular_buffer<void*> m_refused; // in the order of their refusal
     size_t m_left;                           // calls that have not ended
     TGlibPtr<GSource> m_timer;               // null when none is under way
+    std::promise<bool> m_over;               // fulfilled by the last call
+    const std::future<bool> m_isOver;        // the sender's
 };
 
 } // namespace kel
