@@ -1,0 +1,31 @@
+# Completes the command line of kelctl(1) in fish.
+
+set -l commands set-policy monitor status report reports klog policy
+set -l none "not __fish_seen_subcommand_from $commands"
+
+complete -c kelctl -f
+complete -c kelctl -s h -l help -d 'print a summary and exit'
+complete -c kelctl -n $none -l version -d 'print the version and exit'
+
+complete -c kelctl -n $none -a set-policy -d 'set the policy of the agent'
+complete -c kelctl -n $none -a monitor -d 'print the events of the agent'
+complete -c kelctl -n $none -a status -d 'tell whether an agent runs'
+complete -c kelctl -n $none -a report -d 'ask for an issue report'
+complete -c kelctl -n $none -a reports -d 'list the reports, or print one'
+complete -c kelctl -n $none -a klog -d 'print the newest lines of the kernel log'
+complete -c kelctl -n $none -a policy -d 'tell which policy file applies'
+
+complete -c kelctl -n '__fish_seen_subcommand_from set-policy' -F
+complete -c kelctl -n '__fish_seen_subcommand_from monitor status reports policy' -l json -d 'print JSON'
+complete -c kelctl -n '__fish_seen_subcommand_from monitor' -x -l count -d 'end after so many events'
+complete -c kelctl -n '__fish_seen_subcommand_from monitor' -x -l timeout -d 'end after so many seconds'
+complete -c kelctl -n '__fish_seen_subcommand_from report' -x -l process -d 'the process that it is about'
+complete -c kelctl -n '__fish_seen_subcommand_from report' -x -l thread -d 'the thread that it is about'
+complete -c kelctl -n '__fish_seen_subcommand_from report' -x -l mode \
+    -a 'oqc-always always once-only policy' -d 'the send mode'
+complete -c kelctl -n '__fish_seen_subcommand_from report' -r -F -l path -d 'a file that the report is to have'
+complete -c kelctl -n '__fish_seen_subcommand_from report' -l reboot -d 'ask for a restart, too'
+complete -c kelctl -n '__fish_seen_subcommand_from report' -l slot -d 'leave the request in the key-value store'
+complete -c kelctl -n '__fish_seen_subcommand_from reports' -x -l state-dir \
+    -a '(__fish_complete_directories)' -d "the agent's directory of state"
+complete -c kelctl -n '__fish_seen_subcommand_from klog' -l follow -d 'go on with new lines'

@@ -1,0 +1,52 @@
+#compdef kelctl
+# Completes the command line of kelctl(1) in zsh.
+
+_kelctl() {
+    local curcontext=$curcontext state line
+    local -a help commands
+    typeset -A opt_args
+    help=('(- *)'{-h,--help}'[print a summary and exit]')
+    commands=(
+        'set-policy:set the policy of the agent'
+        'monitor:print the events of the agent'
+        'status:tell whether an agent runs'
+        'report:ask for an issue report'
+        'reports:list the reports, or print one'
+        'klog:print the newest lines of the kernel log'
+        'policy:tell which policy file applies'
+    )
+
+    _arguments -C $help '(- *)--version[print the version and exit]' \
+        '1: :->command' '*:: :->arguments' && return
+
+    case $state in
+    command) _describe -t commands command commands ;;
+    arguments)
+        case $line[1] in
+        set-policy) _arguments $help '1:policy:_files' ;;
+        monitor)
+            _arguments $help '--json[a JSON object for each event]' \
+                '--count[end after so many events]:events: ' \
+                '--timeout[end after so many seconds]:seconds: '
+            ;;
+        status | policy) _arguments $help '--json[print a JSON object]' ;;
+        report)
+            _arguments $help \
+                '--process[the process that it is about]:name: ' \
+                '--thread[the thread that it is about]:name: ' \
+                '--mode[the send mode]:mode:(oqc-always always once-only policy)' \
+                '--path[a file that the report is to have]:file:_files' \
+                '--reboot[ask for a restart, too]' \
+                '--slot[leave the request in the key-value store]'
+            ;;
+        reports)
+            _arguments $help '--json[print JSON]' \
+                "--state-dir[the agent's directory of state]:directory:_files -/" '1:report: '
+            ;;
+        klog) _arguments $help '--follow[go on with new lines]' ;;
+        esac
+        ;;
+    esac
+}
+
+_kelctl "$@"
