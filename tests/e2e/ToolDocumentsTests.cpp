@@ -121,6 +121,24 @@ TEST(ToolDocuments, TheCompletionOffersTheCommandsAndEveryOption)
     }
 }
 
+// These shells are not on each machine that builds: the words have to be there.
+TEST(ToolDocuments, TheCompletionsOfOtherShellsHaveTheCommandsAndEveryOption)
+{
+    const std::string zsh = ReadFile(KEL_TOOLS "/kelctl/kelctl.zsh");
+    const std::string fish = ReadFile(KEL_TOOLS "/kelctl/kelctl.fish");
+
+    std::set<std::string> options = Options({KEL_CTL});
+    for (const std::string& command : kCommands) {
+        EXPECT_THAT(zsh, HasSubstr("'" + command + ":"));
+        EXPECT_THAT(fish, HasSubstr(" -a " + command + " -d"));
+        options.merge(Options({KEL_CTL, command}));
+    }
+    for (const std::string& option : options) {
+        EXPECT_THAT(zsh, HasSubstr(option));
+        EXPECT_THAT(fish, HasSubstr(" -l " + option.substr(2) + " "));
+    }
+}
+
 TEST(ToolDocuments, TheCompletionOffersFilesWhereFilesAreMeantAndNothingForANumber)
 {
     EXPECT_EQ(Completed("kelctl set-policy '" KEL_EXAMPLES "/pol'"),
