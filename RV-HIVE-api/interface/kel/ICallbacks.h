@@ -13,11 +13,16 @@ namespace kel {
 /// object, but must not set or reset functions, nor destroy the singleton: it would wait for
 /// itself. The agent gets its answer after the function has returned: a process that exits at once
 /// may take the answer along.
+///
+/// @snippet class-examples.cpp ICallbacks
 class KEL_EXPORT ICallbacks
 {
 public:
     /// The types of the agent's messages to an application, as they travel.
-    enum ECallbackType { POLICY_UPDATE = 2, REQUEST_PROCESS_INFO = 4 };
+    enum ECallbackType {
+        POLICY_UPDATE = 2,       ///< The agent's policy has changed.
+        REQUEST_PROCESS_INFO = 4 ///< The agent wants process information.
+    };
 
     virtual ~ICallbacks() {}
 

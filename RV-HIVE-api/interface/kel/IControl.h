@@ -7,6 +7,8 @@
 namespace kel {
 
 /// What an application can ask of the agent. Obtained from kel::api::GetControl().
+///
+/// @snippet class-examples.cpp IControl
 class KEL_EXPORT IControl
 {
 public:

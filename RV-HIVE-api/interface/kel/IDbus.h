@@ -14,6 +14,8 @@ namespace kel {
 /// message was handled. It runs on the thread that iterates the main context in which the end was
 /// created. It may send, but must not register or remove callbacks on the end that called it: it
 /// would wait for itself.
+///
+/// @snippet class-examples.cpp IDbus
 class KEL_EXPORT IDbus
 {
 public:

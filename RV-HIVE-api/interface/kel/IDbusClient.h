@@ -8,6 +8,8 @@ namespace kel {
 
 /// The application's end of the channel: sends messages to the agent, and receives the ones it
 /// registered callbacks for.
+///
+/// @snippet class-examples.cpp TCDbusClientProvider
 class KEL_EXPORT IDbusClient : public virtual IDbus
 {
 public:

@@ -9,6 +9,8 @@
 namespace kel {
 
 /// The agent's end of the channel.
+///
+/// @snippet class-examples.cpp TCDbusServer
 class KEL_EXPORT IDbusServer : public virtual IDbus
 {
 public:

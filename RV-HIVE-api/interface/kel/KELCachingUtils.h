@@ -15,6 +15,8 @@ namespace kel {
 ///
 /// Thread-safe. One lock serialises all look-ups, and the platform is asked while it is held, so
 /// that no two threads ask for the same missing key.
+///
+/// @snippet class-examples.cpp TCHtCachingUtils
 class KEL_EXPORT TCHtCachingUtils
 {
 public:

@@ -17,6 +17,8 @@ namespace kel {
 ///
 /// The object does not take its handlers back when it is destroyed: reset the functions before the
 /// last pointer goes if the client lives on.
+///
+/// @snippet class-examples.cpp ICallbacks
 class KEL_EXPORT TCCallbacksProxy : public ICallbacks
 {
 public:

@@ -12,7 +12,10 @@
 namespace kel {
 
 /// The process's control object: carries IControl's operations to the agent over the channel.
-/// Every operation is thread-safe.
+/// Every operation is thread-safe. Programs come by it through kel::api::GetControl(), which also
+/// has it ended when the process exits.
+///
+/// @snippet class-examples.cpp IControl
 class KEL_EXPORT TCControlProxy : public IControl
 {
 public:
@@ -20,10 +23,11 @@ public:
 
     int SetPolicy(const std::string& policy) override;
 
-    /// The singleton, created on first use; empty after Destroy().
+    /// The singleton, created on first use; empty after Destroy(). Thread-safe. The first use
+    /// connects to the system bus on the calling thread, if the process has no client yet.
     static boost::shared_ptr<IControl> Instance();
 
-    /// Ends the singleton for good. Who holds it keeps a working object.
+    /// Ends the singleton for good. Who holds it keeps a working object. Thread-safe.
     static void Destroy();
 
 private:

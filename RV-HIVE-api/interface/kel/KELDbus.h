@@ -23,6 +23,9 @@ namespace kel {
 /// queued ones find it gone, and a handler that drops its own end does not wait for itself.
 ///
 /// Locks: the state mutex before the callbacks mutex or the start/stop mutex, never the reverse.
+///
+/// Nobody makes one: see TCDbusClient and TCDbusServer. What they have in common for a program:
+/// @snippet class-examples.cpp TCDbus
 class KEL_EXPORT TCDbus : public virtual IDbus
 {
 public:
@@ -96,43 +99,51 @@ protected:
     /// untouched. The result gets the byte as it came, like the flag of a request.
     void t_ConvertBytes(GVariant* in, bool& result, std::vector<unsigned char>& data) const;
 
-    static const char* const t_interfaceName;
-    static const char* const t_dbusSendMethod;
-    static const char* const t_dbusHelloMethod;
+    static const char* const t_interfaceName;   ///< The one interface of both ends.
+    static const char* const t_dbusSendMethod;  ///< "Send": a message.
+    static const char* const t_dbusHelloMethod; ///< "Hello": the types that a client wants.
 
-    // Set by the constructor.
+    /// Whether this is an end of the test channel; set by the constructor, as are the next two.
     bool m_test;
 
-    // The process's shared connection; one reference, taken by t_Start, released by t_Stop.
+    /// The process's shared connection; one reference, taken by t_Start(), released by t_Stop().
     GDBusConnection* m_pConnection;
 
-    // Set by the constructor.
-    const char* m_busName;
-    const char* m_objectPath;
+    const char* m_busName;    ///< The agent's bus name. Set by the constructor.
+    const char* m_objectPath; ///< The object of both ends. Set by the constructor.
 
+    /// This process's unique name on the bus; empty while there is no connection.
     std::string m_uniqueName KEL_GUARDED_BY(m_stateMutex);
+    /// Whether the channel can carry messages; what IsReady() tells.
     bool m_ready KEL_GUARDED_BY(m_stateMutex);
 
+    /// Message type to callback.
     typedef std::map<int, TMessageCallback> TCallbacks;
+    /// Held shared while a callback runs; comes after the state mutex.
     TCSharedMutex m_callbacksMutex;
+    /// What the owner of this end has registered.
     TCallbacks m_callbacks KEL_GUARDED_BY(m_callbacksMutex);
 
+    /// Comes before the callbacks mutex and the start/stop mutex.
     TCSharedMutex m_stateMutex;
-    TCSharedMutex m_startStopMutex; // for the client's start and stop
+    /// For the client's start and stop.
+    TCSharedMutex m_startStopMutex;
 
-    // The peer whose "Send" is being handled, empty otherwise, and that message's async flag.
+    /// The peer whose "Send" is being handled; empty otherwise.
     std::string m_currentSender KEL_GUARDED_BY(m_messageMutex);
+    /// Whether that peer waits for no answer.
     bool m_currentAsync KEL_GUARDED_BY(m_messageMutex);
 
-    // One for all ends, held for a swap or a copy. It is not the state mutex: a synchronous send
-    // holds that one for as long as it waits, and an event would wait behind it.
+    /// One for all ends, held for a swap or a copy. It is not the state mutex: a synchronous send
+    /// holds that one for as long as it waits, and an event would wait behind it. Not exported.
     KEL_HIDDEN static TCMutex m_messageMutex;
 
-    // Taken by t_Start, released by t_Stop.
+    /// What the object looks like to the bus; taken by t_Start(), released by t_Stop().
     GDBusNodeInfo* m_pNodeInfo;
-    unsigned int m_registrationId; // 0 when the object path has been given up
+    /// Of the object; 0 when its path has been given up.
+    unsigned int m_registrationId;
 
-    // Filled before the object is exported, constant from then on.
+    /// D-Bus method to handler. Filled before the object is exported, constant from then on.
     std::map<std::string, TMethodHandler> m_methodHandlers;
 
 private:

@@ -18,6 +18,9 @@ namespace kel {
 /// client never becomes ready (it can send all the same).
 ///
 /// Locks: the state mutex before the callbacks mutex or the start/stop mutex, never the reverse.
+///
+/// An application seldom makes one: GetControl() and TCCallbacksProxy share the process's own.
+/// @snippet class-examples.cpp TCDbusClient
 class KEL_EXPORT TCDbusClient : public TCDbus, public IDbusClient
 {
 public:
@@ -28,6 +31,10 @@ public:
 
     ~TCDbusClient() override;
 
+    /// Registers the handler for a message type: see IDbus::SetCallback().
+    /// The agent is told of the new set of types at once, or when it appears.
+    ///
+    /// @return true when it was added; false when the type has one already, which stays.
     bool SetCallback(int type, const TMessageCallback& handler) override;
     bool UnSetCallback(int type) override;
     bool SendMessage(int type, const std::vector<unsigned char>& data,
@@ -56,7 +63,9 @@ private:
     GDBusProxy* m_pProxy KEL_GUARDED_BY(m_stateMutex);
 };
 
-/// Hands out the process's one client, which lives as long as somebody holds it.
+/// Hands out the process's one client, which lives as long as somebody holds it. For messages of
+/// types of your own, beside those of IControl and ICallbacks.
+/// @snippet class-examples.cpp TCDbusClientProvider
 class KEL_EXPORT TCDbusClientProvider
 {
 public:

@@ -22,6 +22,8 @@ namespace kel {
 /// A private thread carries the outgoing calls and takes none of our locks.
 ///
 /// Locks: the state mutex before the callbacks mutex, never the reverse.
+///
+/// @snippet class-examples.cpp TCDbusServer
 class KEL_EXPORT TCDbusServer : public TCDbus, public IDbusServer
 {
 public:
@@ -33,6 +35,9 @@ public:
 
     ~TCDbusServer() override;
 
+    /// Registers the callback for a message type: see IDbus::SetCallback().
+    ///
+    /// @return true when it was added; false when the type has one already, which stays.
     bool SetCallback(int type, const TMessageCallback& callback) override;
     bool UnSetCallback(int type) override;
     size_t NumberOfClients() override;

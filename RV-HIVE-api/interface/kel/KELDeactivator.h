@@ -15,6 +15,8 @@ namespace kel {
 /// Threads: every operation from any thread, before, during and after process exit.
 /// Locks: one mutex, held while the registered functions run; they must not register or
 /// unregister anything.
+///
+/// @snippet class-examples.cpp TCDeactivator
 class KEL_EXPORT TCDeactivator
 {
 public:

@@ -13,9 +13,12 @@ namespace kel {
 /// Every line goes to the system logger in any case; all switches are off until the hosting
 /// program turns them on. Threads: every operation from any thread. No heap allocation while a
 /// line is written.
+///
+/// @snippet class-examples.cpp TCDebug
 class KEL_EXPORT TCDebug
 {
 public:
+    /// All switches off. The library has the one object: see m_instance.
     TCDebug();
 
     /// Turns the copy to "/tmp/kel_<program>_<pid>.log" on or off.
@@ -54,9 +57,9 @@ public:
 
     // Read by every thread that logs while the program may set them: atomic, at the price of a
     // plain byte.
-    std::atomic<bool> m_perfLogEnabled;
-    std::atomic<bool> m_stdoutLogEnabled;
-    std::atomic<bool> m_fileLogEnabled;
+    std::atomic<bool> m_perfLogEnabled;   ///< What EnablePerfLog() was told last.
+    std::atomic<bool> m_stdoutLogEnabled; ///< What EnableStdoutLog() was told last.
+    std::atomic<bool> m_fileLogEnabled;   ///< What EnableFileLog() was told last.
 
     /// Opened by EnableFileLog(), never closed: lines may be written until the process is gone.
     std::atomic<FILE*> m_logFile;

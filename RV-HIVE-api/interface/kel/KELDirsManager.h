@@ -14,6 +14,8 @@ namespace kel {
 /// "/opt/usr/share/vostek/vostek_kel_policy.xml", "/opt/usr/share/dlog/yol_kel_policy.xml",
 /// "/opt/usr/share/dlog/default_kel_policy.xml". On a debug image ("/etc/debug" exists),
 /// "vostek/vostek_kel_policy.xml" on the first USB storage device comes before them all.
+///
+/// @snippet class-examples.cpp TCDirsManager
 class KEL_EXPORT TCDirsManager
 {
 public:

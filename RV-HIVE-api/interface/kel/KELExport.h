@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// What the library exports, and what it keeps to itself.
+
 /// Marks what the library exports. Everything else is built hidden.
 #define KEL_EXPORT __attribute__((visibility("default")))
 

@@ -17,6 +17,8 @@ namespace kel {
 /// A path exists when its status, links followed, is neither an error nor "not found". Failures
 /// are logged where a comment says so, and given back as the neutral value that it names. What may
 /// be thrown is a boost::filesystem::filesystem_error, and only by the operations that say so.
+///
+/// @snippet class-examples.cpp TSFileSystem
 class KEL_EXPORT TSFileSystem
 {
 public:

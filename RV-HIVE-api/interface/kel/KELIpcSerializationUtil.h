@@ -8,7 +8,9 @@
 namespace kel {
 
 /// Carries bytes between the string streams that archives are written to and the channel's byte
-/// vectors. Stateless.
+/// vectors. Stateless: any thread.
+///
+/// @snippet class-examples.cpp TCIpcSerializationUtil
 class KEL_EXPORT TCIpcSerializationUtil
 {
 public:

@@ -7,8 +7,15 @@
 
 #include <kel/KELExport.h>
 
+/// @file
+/// New lines of the kernel log, and a shell.
+///
+/// @snippet class-examples.cpp DumpKernelLog
+
 /// Reserved: DumpKernelLog() takes it and does not look at it.
-enum DumpCondition : int { DUMP_CONDITION_NONE = 0 };
+enum DumpCondition : int {
+    DUMP_CONDITION_NONE = 0 ///< What a caller passes.
+};
 
 /// Collects the lines of the kernel log that are new since the last call in this process: at most
 /// the last 512 lines, without empty ones, by way of "/tmp/Device_Tracker.log", which takes the

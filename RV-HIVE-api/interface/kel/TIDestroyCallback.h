@@ -6,6 +6,8 @@ namespace kel {
 
 /// Implemented by a user of the library that wants to know when the process takes the library
 /// down. See TCDeactivator::RegisterUser().
+///
+/// @snippet class-examples.cpp TCDeactivator
 class KEL_EXPORT TIDestroyCallback
 {
 public:
