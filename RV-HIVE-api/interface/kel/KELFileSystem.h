@@ -43,6 +43,7 @@ public:
     /// The full paths of the regular files of one directory, in its order. A directory that cannot
     /// be opened has none.
     ///
+    /// @param directory  where to look.
     /// @param extension  with its dot; empty for any.
     /// @param namePart   must occur in the full path, the directory's part included, on purpose;
     ///                   empty for any.
@@ -77,6 +78,7 @@ public:
     /// Reads a whole file. Waits for another process's lease on it, as any open does, and not for
     /// the other end of a FIFO.
     ///
+    /// @param fileName  which one.
     /// @param contents  replaced on success, untouched otherwise.
     /// @return true on success; false when the file cannot be opened (a debug line), has no
     ///         measurable size or cannot be read (an error line).
@@ -87,7 +89,9 @@ public:
     /// Copies a regular file, its mode bits included, also from one file system to another. A FIFO
     /// is not waited for: it is no file.
     ///
-    /// @param overwrite  replace an existing destination instead of failing on it.
+    /// @param source       what to copy; links are followed.
+    /// @param destination  the copy's own path, and not a directory to put it in.
+    /// @param overwrite    replace an existing destination instead of failing on it.
     /// @return true on success, otherwise false with an error line; what was written so far stays.
     static bool CopyFile(boost::filesystem::path source, boost::filesystem::path destination,
                          bool overwrite);
@@ -95,7 +99,9 @@ public:
     /// Renames; but copies to a destination whose path contains "media/USB", and then leaves the
     /// source in place, on purpose.
     ///
-    /// @param overwrite  for the copy; a rename replaces an existing file in any case.
+    /// @param source       what to move.
+    /// @param destination  its new path, and not a directory to put it in.
+    /// @param overwrite    for the copy; a rename replaces an existing file in any case.
     /// @return true on success, otherwise false with an error line.
     static bool MoveFile(const boost::filesystem::path& source,
                          const boost::filesystem::path& destination, bool overwrite);
@@ -113,14 +119,17 @@ public:
 
     /// Sets permission bits, and then ownership.
     ///
+    /// @param path     of what; links are followed.
     /// @param bits     replace the mode, unless they carry Boost's add_perms or remove_perms.
     /// @param userId   with groupId: the new owner; -1 in either leaves ownership alone.
+    /// @param groupId  the new group; -1 likewise.
     /// @return true on success, otherwise false with an error line.
     static bool SetPermissions(boost::filesystem::path path, boost::filesystem::perms bits,
                                int userId, int groupId);
 
     /// Makes a directory and its missing parents. One that exists is left as it is.
     ///
+    /// @param directory       the path of the directory.
     /// @param setPermissions  give the directory, not its parents, the mode 0777. Failure of that
     ///                        does not count where the path contains "opt/media/USB".
     /// @return true on success; false when it could not be made (an error line tells the space
@@ -130,7 +139,9 @@ public:
     /// Finds a name that is free in a directory: "log.txt", else "log_1.txt", "log_2.txt" and so
     /// on. The name is not reserved.
     ///
-    /// @param result  the path found, or the last one tried.
+    /// @param directory  where the name has to be free.
+    /// @param fileName   the name to begin with.
+    /// @param result     the path found, or the last one tried.
     /// @return true on success; false (and a debug line) when the directory cannot be searched.
     /// @throws std::out_of_range when the name is taken and has no dot to put a number before.
     static bool GenerateUniqueName(const boost::filesystem::path& directory,
