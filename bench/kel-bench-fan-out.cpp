@@ -383,6 +383,9 @@ TSTimes TimeAgents(size_t count, size_t size)
                                  &times.m_oneByOneRatio}) {
             figures >> kind->emplace_back();
         }
+        if (!figures) {
+            Fail("an agent's figures: " + timed.m_output);
+        }
     }
     return times;
 }
