@@ -95,8 +95,11 @@ std::string AgentRoad::AgentLog() const { return ReadFile(m_bus.Directory() + "/
 
 std::string ReadFile(const std::string& path)
 {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    // Reading can fail after opening, of a process that has just ended: what was read is the
+    // result.
+    std::ostringstream content;
+    content << std::ifstream(path, std::ios::binary).rdbuf();
+    return content.str();
 }
 
 bool Says(const ChildProcess& program, const std::string& text)
@@ -107,9 +110,10 @@ bool Says(const ChildProcess& program, const std::string& text)
 std::vector<std::string> NamesIn(const std::filesystem::path& directory)
 {
     std::vector<std::string> names;
-    std::error_code none;
-    for (const auto& entry : std::filesystem::directory_iterator(directory, none)) {
-        names.push_back(entry.path().filename());
+    std::error_code none; // as soon as it is gone, its list ends
+    for (std::filesystem::directory_iterator entry(directory, none), end; entry != end;
+         entry.increment(none)) {
+        names.push_back(entry->path().filename());
     }
     std::sort(names.begin(), names.end());
     return names;

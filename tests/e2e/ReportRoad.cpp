@@ -170,15 +170,8 @@ std::string ReportRoad::Slot() { return ReadFile(kSlotFile); }
 
 TNames ReportRoad::Ids(const fs::path& stateDir)
 {
-    TNames ids;
-    std::error_code none;
-    for (const auto& entry : fs::directory_iterator(stateDir / "reports", none)) {
-        const std::string name = entry.path().filename();
-        if (!IsHidden(name)) {
-            ids.push_back(name);
-        }
-    }
-    std::sort(ids.begin(), ids.end());
+    TNames ids = NamesIn(stateDir / "reports");
+    ids.erase(std::remove_if(ids.begin(), ids.end(), IsHidden), ids.end());
     return ids;
 }
 
@@ -270,10 +263,8 @@ mode_t ModeOf(const fs::path& path)
 std::vector<pid_t> ChildrenOf(pid_t process)
 {
     std::vector<pid_t> children;
-    std::error_code gone;
-    for (const auto& thread :
-         fs::directory_iterator("/proc/" + std::to_string(process) + "/task", gone)) {
-        std::ifstream list(thread.path() / "children");
+    for (const std::string& thread : NamesIn("/proc/" + std::to_string(process) + "/task")) {
+        std::ifstream list("/proc/" + std::to_string(process) + "/task/" + thread + "/children");
         for (pid_t child; list >> child;) {
             children.push_back(child);
         }
