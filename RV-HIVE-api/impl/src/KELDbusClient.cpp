@@ -1,7 +1,5 @@
 #include <kel/KELDbusClient.h>
 
-#include <boost/make_shared.hpp>
-
 #include "KELGlib.h"
 #include "KELGlibEntry.h"
 #include "KELHandlerGate.h"
@@ -276,7 +274,7 @@ boost::shared_ptr<IDbusClient> TCDbusClientProvider::Get(bool test)
             const TCLock path(pathMutex);
             TSClientLife::LeavePath();
         }
-        const auto life = boost::make_shared<TSClientLife>(test);
+        const boost::shared_ptr<TSClientLife> life(new TSClientLife(test));
         client = boost::shared_ptr<IDbusClient>(life, &life->m_client);
         *m_pDbusClient = client;
     }

@@ -3,7 +3,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
-#include <deque>
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -71,7 +71,7 @@ template <typename Visitor>
 std::optional<boost::filesystem::filesystem_error>
 Walk(const boost::filesystem::path& start, boost::system::error_code& code, Visitor isDirectory)
 {
-    std::deque<std::string> queue{start.string()};
+    std::list<std::string> queue(1, start.string());
     while (!queue.empty()) {
         TCDirectory directory(queue.front(), code);
         queue.pop_front();

@@ -3,9 +3,7 @@
 #include <pthread.h>
 
 #include <mutex>
-#include <optional>
 
-#include <boost/thread/locks.hpp>
 #include <boost/thread/shared_mutex.hpp>
 
 /// @file
@@ -142,21 +140,31 @@ class KEL_SCOPED_CAPABILITY TCUpgradeLock
 public:
     /// Waits for the mutex, but not for its readers.
     explicit TCUpgradeLock(TCSharedMutex& mutex)
-        KEL_ACQUIRE_SHARED(mutex) KEL_NO_THREAD_SAFETY_ANALYSIS : m_upgrade(mutex)
-    {}
-    ~TCUpgradeLock() KEL_RELEASE() KEL_NO_THREAD_SAFETY_ANALYSIS {}
+        KEL_ACQUIRE_SHARED(mutex) KEL_NO_THREAD_SAFETY_ANALYSIS : m_mutex(mutex),
+                                                                  m_isPromoted(false)
+    {
+        m_mutex.lock_upgrade();
+    }
+    ~TCUpgradeLock() KEL_RELEASE() KEL_NO_THREAD_SAFETY_ANALYSIS
+    {
+        if (m_isPromoted) {
+            m_mutex.unlock_and_lock_upgrade();
+        }
+        m_mutex.unlock_upgrade();
+    }
     TCUpgradeLock(const TCUpgradeLock&) = delete;
     TCUpgradeLock& operator=(const TCUpgradeLock&) = delete;
 
     /// Waits until there are no readers, and holds the mutex exclusively from then on. Once.
     void Promote() KEL_RELEASE() KEL_ACQUIRE() KEL_NO_THREAD_SAFETY_ANALYSIS
     {
-        m_exclusive.emplace(m_upgrade);
+        m_mutex.unlock_upgrade_and_lock();
+        m_isPromoted = true;
     }
 
 private:
-    boost::upgrade_lock<boost::shared_mutex> m_upgrade;
-    std::optional<boost::upgrade_to_unique_lock<boost::shared_mutex>> m_exclusive;
+    TCSharedMutex& m_mutex;
+    bool m_isPromoted;
 };
 
 /// Holds a TCMutex for a scope.
