@@ -36,7 +36,7 @@ TCFanOut::TCFanOut(GMainContext* context, int timeout, TStart start)
 
 void TCFanOut::Start()
 {
-    m_refused.set_capacity(m_calls.size());
+    m_refused.reserve(m_calls.size());
     m_left = m_calls.size();
     const auto startAll = [](void* fanOut) -> gboolean {
         static_cast<TCFanOut*>(fanOut)->m_StartAll();
@@ -75,7 +75,7 @@ void TCFanOut::m_StartAll()
 void TCFanOut::m_Restart()
 {
     void* const call = m_refused.front();
-    m_refused.pop_front();
+    m_refused.erase(m_refused.begin());
     m_pStart(call, TimeLeft());
 }
 

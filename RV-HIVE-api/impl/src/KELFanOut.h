@@ -4,8 +4,6 @@
 #include <future>
 #include <vector>
 
-#include <boost/circular_buffer.hpp>
-
 #include "KELGlib.h"
 
 namespace kel {
@@ -89,11 +87,11 @@ private:
     const TStart m_pStart;
     const TCDeadline m_deadline; // counted from the construction
     std::vector<void*> m_calls;
-    boost::circular_buffer<void*> m_refused; // in the order of their refusal
-    size_t m_left;                           // calls that have not ended
-    TGlibPtr<GSource> m_timer;               // null when none is under way
-    std::promise<bool> m_over;               // fulfilled by the last call
-    const std::future<bool> m_isOver;        // the sender's
+    std::vector<void*> m_refused;     // in the order of their refusal
+    size_t m_left;                    // calls that have not ended
+    TGlibPtr<GSource> m_timer;        // null when none is under way
+    std::promise<bool> m_over;        // fulfilled by the last call
+    const std::future<bool> m_isOver; // the sender's
 };
 
 } // namespace kel
