@@ -1,6 +1,5 @@
 #include "KELHandlerGate.h"
 
-#include <condition_variable>
 #include <map>
 
 namespace kel {
@@ -15,7 +14,7 @@ struct TSHandlerGate
     };
 
     TCMutex m_mutex;
-    std::condition_variable_any m_left; // signalled whenever a handler leaves
+    TCCondition m_left; // signalled whenever a handler leaves
 
     TTicket m_lastTicket KEL_GUARDED_BY(m_mutex) = 0;
     std::map<TTicket, TSPlace> m_places KEL_GUARDED_BY(m_mutex);
@@ -92,7 +91,7 @@ void CloseGate(const TCDbus& end)
         own += stay->m_ticket == ticket ? 1 : 0;
     }
     while (CountInside(ticket) != own) {
-        handlerGate->m_left.wait(handlerGate->m_mutex);
+        handlerGate->m_left.Wait(handlerGate->m_mutex);
     }
 }
 
@@ -120,7 +119,7 @@ TCHandlerStay::~TCHandlerStay()
     if (--place->second.m_inside == 0 && place->second.m_pEnd == nullptr) {
         handlerGate->m_places.erase(place);
     }
-    handlerGate->m_left.notify_all();
+    handlerGate->m_left.NotifyAll();
 }
 
 TCCallbackHold::TCCallbackHold(const TCDbus& end, TCSharedMutex& mutex,

@@ -61,7 +61,29 @@ public:
     void unlock() KEL_RELEASE() { pthread_mutex_unlock(&m_lock); }
 
 private:
+    friend class TCCondition;
+
     pthread_mutex_t m_lock = PTHREAD_MUTEX_INITIALIZER;
+};
+
+/// What a thread waits for that holds a TCMutex, which needs no construction and no destruction
+/// either.
+class TCCondition
+{
+public:
+    constexpr TCCondition() = default;
+    TCCondition(const TCCondition&) = delete;
+    TCCondition& operator=(const TCCondition&) = delete;
+
+    /// Frees the mutex while it waits; may return without a reason.
+    void Wait(TCMutex& mutex) KEL_REQUIRES(mutex)
+    {
+        pthread_cond_wait(&m_condition, &mutex.m_lock);
+    }
+    void NotifyAll() { pthread_cond_broadcast(&m_condition); }
+
+private:
+    pthread_cond_t m_condition = PTHREAD_COND_INITIALIZER;
 };
 
 /// A boost::shared_mutex that the compiler's lock checks know by name.
