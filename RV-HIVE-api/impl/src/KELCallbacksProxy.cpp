@@ -89,11 +89,7 @@ bool TCCallbacksProxy::m_Set(int type, Function TCCallbacksProxy::*pMember, cons
         this->*pMember = shared;
     }
     try {
-        const auto callback = [this, type](const std::vector<unsigned char>& request,
-                                           std::vector<unsigned char>& response) {
-            return m_Callback(type, request, response);
-        };
-        if (m_pClient->SetCallback(type, callback)) {
+        if (m_SetHandler(type)) {
             return true;
         }
     } catch (...) {
@@ -102,6 +98,14 @@ bool TCCallbacksProxy::m_Set(int type, Function TCCallbacksProxy::*pMember, cons
     }
     m_Clear(pMember, refused);
     return false;
+}
+
+bool TCCallbacksProxy::m_SetHandler(int type)
+{
+    return m_pClient->SetCallback(type, [this, type](const std::vector<unsigned char>& request,
+                                                     std::vector<unsigned char>& response) {
+        return m_Callback(type, request, response);
+    });
 }
 
 template <typename Function>

@@ -49,6 +49,7 @@ private:
     // Not exported: whether there is anything to export depends on the compiler.
     template <typename Function>
     KEL_HIDDEN bool m_Set(int type, Function TCCallbacksProxy::*pMember, const Function& cb);
+    KEL_HIDDEN bool m_SetHandler(int type);
     template <typename Function>
     KEL_HIDDEN bool m_Reset(int type, Function TCCallbacksProxy::*pMember);
     template <typename Function>
