@@ -162,17 +162,13 @@ class KEL_SCOPED_CAPABILITY TCUpgradeLock
 public:
     /// Waits for the mutex, but not for its readers.
     explicit TCUpgradeLock(TCSharedMutex& mutex)
-        KEL_ACQUIRE_SHARED(mutex) KEL_NO_THREAD_SAFETY_ANALYSIS : m_mutex(mutex),
-                                                                  m_isPromoted(false)
+        KEL_ACQUIRE_SHARED(mutex) KEL_NO_THREAD_SAFETY_ANALYSIS : m_mutex(mutex)
     {
         m_mutex.lock_upgrade();
     }
     ~TCUpgradeLock() KEL_RELEASE() KEL_NO_THREAD_SAFETY_ANALYSIS
     {
-        if (m_isPromoted) {
-            m_mutex.unlock_and_lock_upgrade();
-        }
-        m_mutex.unlock_upgrade();
+        m_isPromoted ? m_mutex.unlock() : m_mutex.unlock_upgrade();
     }
     TCUpgradeLock(const TCUpgradeLock&) = delete;
     TCUpgradeLock& operator=(const TCUpgradeLock&) = delete;
@@ -186,7 +182,7 @@ public:
 
 private:
     TCSharedMutex& m_mutex;
-    bool m_isPromoted;
+    bool m_isPromoted = false;
 };
 
 /// Holds a TCMutex for a scope.
