@@ -31,7 +31,7 @@ int TCDeadline::Left(gint64 now) const
 
 TCFanOut::TCFanOut(GMainContext* context, int timeout, TStart start)
     : m_pContext(context), m_timeout(timeout), m_pStart(start),
-      m_deadline(timeout, g_get_monotonic_time()), m_left(0), m_isOver(m_over.get_future())
+      m_deadline(timeout, g_get_monotonic_time()), m_left(0)
 {}
 
 void TCFanOut::Start()
@@ -45,12 +45,21 @@ void TCFanOut::Start()
     Post(m_pContext, startAll, this);
 }
 
+void TCFanOut::Wait()
+{
+    const TCLock over(m_overMutex);
+    while (!m_isOver) {
+        m_over.Wait(m_overMutex);
+    }
+}
+
 void TCFanOut::Ended()
 {
     if (--m_left == 0) {
         m_Disarm();
-        std::promise<bool> over = std::move(m_over); // the sender destroys this once it sees it
-        over.set_value(true);
+        const TCLock over(m_overMutex); // the sender destroys this once it is free
+        m_isOver = true;
+        m_over.NotifyAll();
     } else if (!m_refused.empty()) {
         m_Restart();
     }

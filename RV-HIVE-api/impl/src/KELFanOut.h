@@ -1,8 +1,9 @@
 #pragma once
 
 #include <cstddef>
-#include <future>
 #include <vector>
+
+#include <kel/KELLocks.h>
 
 #include "KELGlib.h"
 
@@ -38,7 +39,7 @@ private:
 /// a few of them at a fixed interval.
 ///
 /// Threads: made and filled by the sending thread. From Start() on it belongs to the thread that
-/// iterates the context, until the last call has ended; it needs no lock.
+/// iterates the context, until the last call has ended; the end alone needs a lock.
 class TCFanOut
 {
 public:
@@ -59,7 +60,7 @@ public:
 
     /// Waits until all calls have ended. One wake-up, where the calls' own futures would cost one
     /// each. After Start().
-    void Wait() { m_isOver.wait(); }
+    void Wait();
 
     // The thread that iterates the context.
 
@@ -87,11 +88,12 @@ private:
     const TStart m_pStart;
     const TCDeadline m_deadline; // counted from the construction
     std::vector<void*> m_calls;
-    std::vector<void*> m_refused;     // in the order of their refusal
-    size_t m_left;                    // calls that have not ended
-    TGlibPtr<GSource> m_timer;        // null when none is under way
-    std::promise<bool> m_over;        // fulfilled by the last call
-    const std::future<bool> m_isOver; // the sender's
+    std::vector<void*> m_refused; // in the order of their refusal
+    size_t m_left;                // calls that have not ended
+    TGlibPtr<GSource> m_timer;    // null when none is under way
+    TCMutex m_overMutex;
+    TCCondition m_over; // signalled by the last call
+    bool m_isOver KEL_GUARDED_BY(m_overMutex) = false;
 };
 
 } // namespace kel
