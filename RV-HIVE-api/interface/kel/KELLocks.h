@@ -80,6 +80,7 @@ public:
     {
         pthread_cond_wait(&m_condition, &mutex.m_lock);
     }
+    /// Wakes all who wait. One of them may destroy both, once the caller has freed the mutex.
     void NotifyAll() { pthread_cond_broadcast(&m_condition); }
 
 private:
