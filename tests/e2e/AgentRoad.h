@@ -59,7 +59,7 @@ protected:
 std::string ReadFile(const std::string& path);
 
 /// How long the agent has for what takes it many looks.
-constexpr std::chrono::seconds kCollected(60);
+constexpr std::chrono::seconds kCollected(100);
 
 /// Waits until a program has written this to standard error.
 bool Says(const ChildProcess& program, const std::string& text);
