@@ -13,6 +13,7 @@
 #include <kel/KELDeactivator.h>
 #include <kel/KELDebug.h>
 #include <kel/KELDirsManager.h>
+#include <kel/KELFailure.h>
 #include <kel/KELFileSystem.h>
 #include <kel/KELIpcSerializationUtil.h>
 #include <kel/KELIssueReport.h>
@@ -29,6 +30,19 @@ void Control()
         std::cerr << "no agent has answered\n";
     }
     //! [IControl]
+}
+
+void Failure()
+{
+    //! [LastFailure]
+    const boost::shared_ptr<kel::IControl> control = kel::api::GetControl();
+    if (control && control->SetPolicy("<policy/>") == -1) {
+        const kel::TSFailure failure = kel::LastFailure();
+        if (failure.m_kind == kel::EFailure::Denied) {
+            std::cerr << "this user may not: " << failure.m_text << "\n";
+        }
+    }
+    //! [LastFailure]
 }
 
 void Callbacks()

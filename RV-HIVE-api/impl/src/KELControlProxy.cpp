@@ -12,6 +12,7 @@
 #include <kel/KELIpcSerializationUtil.h>
 #include <kel/api.h>
 
+#include "KELFailureNote.h"
 #include "KELLog.h"
 #include "KELSingletonLife.h"
 
@@ -53,6 +54,7 @@ TCControlProxy::~TCControlProxy() = default;
 
 int TCControlProxy::SetPolicy(const std::string& policy)
 {
+    ClearFailure();
     std::stringstream requestStream;
     boost::archive::binary_oarchive(requestStream) << policy;
     std::vector<unsigned char> request;
@@ -65,8 +67,10 @@ int TCControlProxy::SetPolicy(const std::string& policy)
             response.resize(1); // the read fails as it would have, at once
         }
         std::stringstream responseStream;
+        NoteFailure(EFailure::Unreadable); // unless the read does not throw
         TCIpcSerializationUtil::ConvertData(response, responseStream);
         boost::archive::binary_iarchive(responseStream) >> result;
+        ClearFailure();
     }
     return result;
 }
@@ -84,6 +88,7 @@ boost::shared_ptr<IControl> GetControl()
 {
     TCDeactivator::RegisterDBUS(&TCControlProxy::Destroy);
     if (TCDeactivator::HasBegun()) {
+        NoteFailure(EFailure::Ended);
         return nullptr; // an object made now would never be ended, and one still there is about to
     }
     return TCControlProxy::Instance();

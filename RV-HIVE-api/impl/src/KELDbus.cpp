@@ -6,6 +6,7 @@
 #include <new>
 #include <utility>
 
+#include "KELFailureNote.h"
 #include "KELGlib.h"
 #include "KELGlibEntry.h"
 #include "KELHandlerGate.h"
@@ -196,6 +197,7 @@ std::string TCDbus::GetUniqueName()
 
 bool TCDbus::t_Start()
 {
+    ClearFailure();
     t_SetDbusCallback(t_dbusSendMethod, [this](const char* sender, GVariant* parameters,
                                                GDBusMethodInvocation* invocation) {
         m_HandleMessage(sender, parameters, invocation);
@@ -206,6 +208,8 @@ bool TCDbus::t_Start()
     m_pConnection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error.Out());
     if (error.IsSet()) {
         KEL_ERROR("Connecting to system bus error, errno %d", error.Code());
+        NoteFailure(EFailure::NoBus, error);
+        KeepFailedStart();
         return false;
     }
     m_uniqueName = g_dbus_connection_get_unique_name(m_pConnection);
@@ -217,6 +221,8 @@ bool TCDbus::t_Start()
         AsUserData(OpenGate(*this)), nullptr, error.Out());
     if (error.IsSet()) {
         KEL_ERROR("Registering object error, errno %d", error.Code());
+        NoteFailure(error);
+        KeepFailedStart();
         return false;
     }
     return true;

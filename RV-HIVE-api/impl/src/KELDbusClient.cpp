@@ -1,5 +1,6 @@
 #include <kel/KELDbusClient.h>
 
+#include "KELFailureNote.h"
 #include "KELGlib.h"
 #include "KELGlibEntry.h"
 #include "KELHandlerGate.h"
@@ -72,10 +73,12 @@ bool TCDbusClient::UnSetCallback(int type)
 bool TCDbusClient::SendMessage(int type, const std::vector<unsigned char>& data,
                                std::vector<unsigned char>& response, bool async)
 {
+    ClearFailure();
     const size_t size = MessageSize({m_busName, m_objectPath, t_interfaceName, t_dbusSendMethod},
                                     false, kRequestHeaderSize + data.size());
     if (size > kBusMessageLimit) {
         KEL_ERROR("Unable to send %zu bytes, the bus takes %zu", size, kBusMessageLimit);
+        NoteFailure(EFailure::TooLarge);
         return false;
     }
     const TCReadLock state(m_stateMutex);
@@ -91,6 +94,9 @@ bool TCDbusClient::SendMessage(int type, const std::vector<unsigned char>& data,
     GVariant* request = nullptr;
     t_ConvertBytes(type, async, data, request);
     const TGlibPtr<GVariant> parameters = SinkVariant(request);
+    if (m_pProxy == nullptr) {
+        NoteFailedStart();
+    }
     if (async) {
         if (m_pProxy != nullptr) {
             g_dbus_proxy_call(m_pProxy, t_dbusSendMethod, parameters.get(), G_DBUS_CALL_FLAGS_NONE,
@@ -108,6 +114,7 @@ bool TCDbusClient::SendMessage(int type, const std::vector<unsigned char>& data,
     }
     if (error.IsSet()) {
         KEL_ERROR("Sending message error, errno %d", error.Code());
+        NoteFailure(error);
         return false;
     }
     if (reply == nullptr) {
@@ -117,11 +124,16 @@ bool TCDbusClient::SendMessage(int type, const std::vector<unsigned char>& data,
     if (!g_variant_is_of_type(reply.get(), G_VARIANT_TYPE("(ay)"))) {
         // A stranger that is no agent of ours has the name.
         KEL_ERROR("Sending message error, errno %d", G_DBUS_ERROR_INVALID_SIGNATURE);
+        NoteFailure(EFailure::Unreadable);
         return false;
     }
     bool result = true; // what an empty reply array leaves, on purpose: it was an answer
     t_ConvertBytes(reply.get(), result, response);
-    return Truth(result);
+    const bool handled = Truth(result);
+    if (!handled) {
+        NoteFailure(EFailure::NotHandled);
+    }
+    return handled;
 }
 
 bool TCDbusClient::t_Start()
@@ -140,6 +152,8 @@ bool TCDbusClient::t_Start()
             nullptr, m_busName, m_objectPath, t_interfaceName, nullptr, error.Out());
         if (error.IsSet()) {
             KEL_ERROR("Registering proxy error, errno %d", error.Code());
+            NoteFailure(error);
+            KeepFailedStart();
             return false;
         }
     }

@@ -49,6 +49,9 @@ public:
     bool IsSet() const { return m_pError != nullptr; }
     int Code() const { return m_pError->code; }
     const char* Message() const { return m_pError->message; }
+    const GError& Get() const { return *m_pError; }
+    /// Hands the error over.
+    GError* Release() { return std::exchange(m_pError, nullptr); }
 
     /// Whether the bus, or the peer, answered with this error (GDBusError).
     bool Is(GDBusError code) const

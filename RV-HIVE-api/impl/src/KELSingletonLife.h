@@ -4,6 +4,8 @@
 
 #include <kel/KELLocks.h>
 
+#include "KELFailureNote.h"
+
 namespace kel {
 
 /// The life that the proxies share: created on first use, ended once and for good.
@@ -14,6 +16,24 @@ template <typename Proxy> struct TSSingletonLife
 {
     /// The singleton; empty once it has ended. Thread-safe.
     static auto Instance()
+    {
+        auto instance = Held();
+        if (!instance) {
+            NoteFailure(EFailure::Ended);
+        }
+        return instance;
+    }
+
+    /// Ends the singleton. Thread-safe.
+    static void Destroy()
+    {
+        auto last = Unhold();
+        // Dropped here, outside the lock: it may be the last owner, and the proxy's end takes the
+        // client's locks.
+    }
+
+private:
+    static auto Held()
     {
         {
             const TCStaticReadLock lock(Proxy::m_rwlock);
@@ -30,15 +50,6 @@ template <typename Proxy> struct TSSingletonLife
         return *Proxy::m_pInstance;
     }
 
-    /// Ends the singleton. Thread-safe.
-    static void Destroy()
-    {
-        auto last = Unhold();
-        // Dropped here, outside the lock: it may be the last owner, and the proxy's end takes the
-        // client's locks.
-    }
-
-private:
     static auto Unhold()
     {
         const TCStaticWriteLock lock(Proxy::m_rwlock);
