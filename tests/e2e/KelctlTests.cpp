@@ -30,13 +30,144 @@ TBytes Handled(TBytes response)
 class Kelctl : public AgentRoad
 {
 protected:
-    void ExpectNoAnswer(const TSFinished& set)
+    void ExpectNoAnswer(const TSFinished& set, const std::string& reason = "")
     {
         EXPECT_EQ(set.m_exit, 3) << Text(set);
         EXPECT_EQ(set.m_output, "");
-        EXPECT_TRUE(IsOneLine(set.m_errorOutput, "kelctl: ")) << Text(set);
+        EXPECT_TRUE(IsOneLine(set.m_errorOutput, "kelctl: " + reason)) << Text(set);
     }
 };
+
+class KelctlDenied : public AgentRoad
+{
+protected:
+    KelctlDenied() : AgentRoad(NobodyMayCallTheAgent()) {}
+
+    static PrivateBus::TSOptions NobodyMayCallTheAgent()
+    {
+        PrivateBus::TSOptions options;
+        options.m_config = "<policy context=\"mandatory\">"
+                           "<deny send_destination=\"com.norvale.kel.IControl\"/></policy>";
+        return options;
+    }
+};
+
+TEST_F(KelctlDenied, EveryCommandThatNeedsTheAgentTellsSo)
+{
+    ASSERT_TRUE(m_peer.OwnName());
+
+    const TSFinished set = SetPolicy("<policy/>");
+    const TSFinished monitor = AgentRoad::Kelctl({"monitor"});
+    const TSFinished information = AgentRoad::Kelctl({"process-info"});
+    const TSFinished status = AgentRoad::Kelctl({"status"});
+    const TSFinished json = AgentRoad::Kelctl({"status", "--json"});
+
+    for (const TSFinished& ended : {set, monitor, information}) {
+        EXPECT_EQ(ended.m_exit, 3) << Text(ended);
+        EXPECT_EQ(ended.m_output, "");
+        EXPECT_TRUE(IsOneLine(ended.m_errorOutput, "kelctl: the bus forbids ")) << Text(ended);
+    }
+    EXPECT_EQ(status.m_exit, 0) << Text(status);
+    EXPECT_THAT(status.m_output, testing::EndsWith(", which the bus forbids this user\n"));
+    EXPECT_THAT(json.m_output, HasSubstr("\"denied\": true, \"answers\": false}"));
+    EXPECT_TRUE(m_peer.Calls().empty());
+}
+
+TEST_F(KelctlDenied, AMonitorThatIsThereBeforeTheAgentTellsSoWhenItComes)
+{
+    ChildProcess monitor({KEL_CTL, "monitor", "--verbose"});
+    ASSERT_TRUE(Says(monitor, "Name vanished"));
+
+    ASSERT_TRUE(m_peer.OwnName());
+
+    EXPECT_EQ(monitor.Wait(), 3);
+    EXPECT_THAT(monitor.ErrorOutput(), HasSubstr("kelctl: the bus forbids this user the agent: "));
+}
+
+TEST_F(Kelctl, AloneItPointsToTheHelp)
+{
+    const TSFinished ended = AgentRoad::Kelctl({});
+
+    EXPECT_EQ(ended.m_exit, 2);
+    EXPECT_EQ(ended.m_errorOutput, "kelctl: a command is required: see kelctl --help\n");
+}
+
+TEST_F(Kelctl, RangesAreToldInPlainNumbers)
+{
+    const TSFinished count = AgentRoad::Kelctl({"monitor", "--count", "0"});
+    const TSFinished timeout = AgentRoad::Kelctl({"monitor", "--timeout", "1e9"});
+
+    EXPECT_EQ(count.m_errorOutput, "kelctl: --count: 0 is no number from 1 to 2147483648\n");
+    EXPECT_EQ(timeout.m_errorOutput,
+              "kelctl: --timeout: 1e9 is no number of seconds from 0.001 to 4000000\n");
+}
+
+TEST_F(Kelctl, EveryCommandEndsInTheSameWayWhenItsReaderHasGone)
+{
+    ASSERT_TRUE(m_peer.OwnName());
+    // The reader is gone before the first byte comes.
+    for (const char* const command :
+         {"policy", "status", "reports --json --state-dir /tmp", "monitor", "--help",
+          "set-policy '" KEL_EXAMPLES "/policy.xml'"}) {
+        m_peer.SetAnswer("Send", RawPeer::TSAnswer::Bytes(Handled(ArchiveOf(0))));
+        const TSFinished ended
+            = RunProgram({"bash", "-c",
+                          std::string("mkfifo /tmp/gone; exec 3<>/tmp/gone 4>/tmp/gone 3<&-; rm "
+                                      "/tmp/gone; exec '" KEL_CTL "' ")
+                              + command + " >&4 4>&-"});
+
+        EXPECT_EQ(ended.m_exit, 5) << command << Text(ended);
+        EXPECT_EQ(ended.m_errorOutput, "") << command;
+    }
+}
+
+TEST_F(Kelctl, TheTestChannelIsServedAside)
+{
+    const std::unique_ptr<ChildProcess> agent = StartAgent({"--test"});
+    ASSERT_TRUE(Says(*agent, "kel-agent: ready\n"));
+    ChildProcess monitor({KEL_CTL, "monitor", "--test", "--count", "1"});
+
+    const TSFinished status = AgentRoad::Kelctl({"status"});
+    const TSFinished testStatus = AgentRoad::Kelctl({"--test", "status"});
+    const TSFinished set = AgentRoad::Kelctl({"set-policy", "--test", KEL_EXAMPLES "/policy.xml"});
+    EXPECT_TRUE(WaitUntil([&] {
+        EXPECT_EQ(AgentRoad::Kelctl({"process-info", "--test"}).m_exit, 0);
+        return !monitor.Output().empty();
+    })) << monitor.ErrorOutput();
+
+    EXPECT_EQ(status.m_exit, 1) << Text(status);
+    EXPECT_EQ(testStatus.m_exit, 0) << Text(testStatus);
+    EXPECT_EQ(set.m_output, "0 (accepted)\n") << Text(set);
+    EXPECT_EQ(monitor.Wait(), 0);
+}
+
+TEST_F(Kelctl, ProcessInformationIsAskedForThroughTheAgent)
+{
+    const std::unique_ptr<ChildProcess> agent = StartAgent();
+    ASSERT_TRUE(Says(*agent, "kel-agent: ready\n"));
+
+    const TSFinished asked = AgentRoad::Kelctl({"process-info"});
+
+    EXPECT_EQ(asked.m_exit, 0) << Text(asked);
+    EXPECT_EQ(asked.m_output + asked.m_errorOutput, "");
+    EXPECT_TRUE(Says(*agent, "kel-agent: process information: "));
+}
+
+TEST_F(Kelctl, ProcessInformationIsNotAskedOfAnAgentThatMayNotKnowTheSignal)
+{
+    const TSFinished none = AgentRoad::Kelctl({"process-info"});
+    ASSERT_TRUE(m_peer.OwnName()); // this process, which the signal would end
+    const TSFinished other = AgentRoad::Kelctl({"process-info"});
+    m_peer.SetAnswer("Send", RawPeer::TSAnswer::Error("org.example.Strange"));
+    const TSFinished silent = AgentRoad::Kelctl({"process-info"});
+
+    EXPECT_EQ(none.m_exit, 1) << Text(none);
+    EXPECT_EQ(none.m_errorOutput, "kelctl: no agent runs\n");
+    EXPECT_EQ(other.m_exit, 1) << Text(other);
+    EXPECT_TRUE(IsOneLine(other.m_errorOutput, "kelctl: the agent that runs is another one"));
+    EXPECT_EQ(silent.m_exit, 3) << Text(silent);
+    EXPECT_EQ(silent.m_errorOutput, "kelctl: the agent does not answer\n");
+}
 
 TEST_F(Kelctl, WrongUsageIsToldInOneLine)
 {
@@ -58,6 +189,10 @@ TEST_F(Kelctl, WrongUsageIsToldInOneLine)
                                                       {"monitor", "--timeout", "-1"},
                                                       {"monitor", "--timeout", "nan"},
                                                       {"monitor", "--timeout", "1e9"},
+                                                      {"monitor", "--timeout", ""},
+                                                      {"report", "--process", ""},
+                                                      {"report", "--thread", ""},
+                                                      {"process-info", "operand"},
                                                       {"status", "operand"},
                                                       {"status", "--count", "1"},
                                                       {"policy", "operand"},
@@ -125,7 +260,7 @@ TEST_F(Kelctl, WhatTheBusDropsGetsNoAnswer)
 
     const TSFinished set = SetPolicy(std::string(32 << 20, 'x')); // and the bytes around it
 
-    ExpectNoAnswer(set);
+    ExpectNoAnswer(set, "the policy, with what goes around it, is larger than the bus carries\n");
 }
 
 TEST_F(Kelctl, ThePolicyTravelsAsAnArchiveOfOneString)
@@ -159,7 +294,42 @@ TEST_F(Kelctl, AnAgentThatDeclinesGivesNoAnswer)
     m_peer.SetAnswer("Send", RawPeer::TSAnswer::Bytes({0}));
     ASSERT_TRUE(m_peer.OwnName());
 
-    ExpectNoAnswer(SetPolicy("<policy/>"));
+    ExpectNoAnswer(SetPolicy("<policy/>"), "the agent declined the policy: ");
+}
+
+TEST_F(Kelctl, WhoHasTheNameAndServesNoChannelIsTold)
+{
+    m_peer.SetAnswer("Send", RawPeer::TSAnswer::Error("org.freedesktop.DBus.Error.UnknownMethod"));
+    ASSERT_TRUE(m_peer.OwnName());
+
+    ExpectNoAnswer(SetPolicy("<policy/>"), "who has the agent's name serves no channel: ");
+}
+
+TEST_F(Kelctl, AnAnswerThatIsNoneOfTheChannelCannotBeRead)
+{
+    m_peer.SetAnswer("Send", RawPeer::TSAnswer::Other("('yes',)"));
+    ASSERT_TRUE(m_peer.OwnName());
+
+    ExpectNoAnswer(SetPolicy("<policy/>"), "the agent's answer cannot be read\n");
+}
+
+TEST_F(Kelctl, AnErrorThatNobodyExpectsIsToldWithItsName)
+{
+    m_peer.SetAnswer("Send", RawPeer::TSAnswer::Error("org.example.Strange"));
+    ASSERT_TRUE(m_peer.OwnName());
+
+    ExpectNoAnswer(SetPolicy("<policy/>"), "no answer from the agent: org.example.Strange");
+}
+
+TEST_F(Kelctl, MinusOneOfAnAgentIsARefusal)
+{
+    m_peer.SetAnswer("Send", RawPeer::TSAnswer::Bytes(Handled(ArchiveOf(-1))));
+    ASSERT_TRUE(m_peer.OwnName());
+
+    const TSFinished set = SetPolicy("<policy/>");
+
+    EXPECT_EQ(set.m_exit, 1) << Text(set);
+    EXPECT_EQ(set.m_output, "-1 (refused)\n");
 }
 
 TEST_F(Kelctl, AnAnswerThatIsNoArchiveIsNoAnswer)
@@ -180,13 +350,16 @@ TEST_F(Kelctl, AnAnswerThatIsNoArchiveIsNoAnswer)
     }
 }
 
-TEST_F(Kelctl, WithoutAnAgentThereIsNoAnswer) { ExpectNoAnswer(SetPolicy("<policy/>")); }
+TEST_F(Kelctl, WithoutAnAgentThereIsNoAnswer)
+{
+    ExpectNoAnswer(SetPolicy("<policy/>"), "no agent runs, and the bus can start none: ");
+}
 
 TEST_F(Kelctl, AnAgentThatCannotBeStartedGivesNoAnswer)
 {
     m_bus.AddService(kBusName, "/bin/false");
 
-    ExpectNoAnswer(SetPolicy("<policy/>"));
+    ExpectNoAnswer(SetPolicy("<policy/>"), "no agent runs, and the bus can start none: ");
 }
 
 TEST_F(Kelctl, AnAgentThatVanishesDuringTheSendGivesNoAnswer)
@@ -199,7 +372,8 @@ TEST_F(Kelctl, AnAgentThatVanishesDuringTheSendGivesNoAnswer)
     m_peer.Vanish();
 
     const std::optional<int> exit = kelctl.Wait(std::chrono::seconds(8));
-    ExpectNoAnswer({exit, kelctl.Output(), kelctl.ErrorOutput()});
+    ExpectNoAnswer({exit, kelctl.Output(), kelctl.ErrorOutput()},
+                   "the agent, or the bus, ended without an answer: ");
 }
 
 TEST_F(Kelctl, ASilentAgentIsWaitedForTenSeconds)
@@ -210,7 +384,7 @@ TEST_F(Kelctl, ASilentAgentIsWaitedForTenSeconds)
 
     const TSFinished set = SetPolicy("<policy/>");
 
-    ExpectNoAnswer(set);
+    ExpectNoAnswer(set, "the agent did not answer in 10 s\n");
     EXPECT_GE(TClock::now() - start, std::chrono::milliseconds(9900));
     EXPECT_LT(TClock::now() - start, std::chrono::seconds(20));
 }
@@ -248,7 +422,28 @@ TEST(KelctlWithoutBus, ThereIsNoAnswerPromptly)
 
     EXPECT_EQ(set.m_exit, 3) << Text(set);
     EXPECT_EQ(set.m_output, "");
-    EXPECT_EQ(set.m_errorOutput, "kelctl: no answer from the agent\n");
+    EXPECT_TRUE(IsOneLine(set.m_errorOutput, "kelctl: no system bus: Could not connect"))
+        << Text(set);
+}
+
+TEST(KelctlWithoutBus, TheLogIsShownForWhoAsksForIt)
+{
+    for (const std::vector<std::string>& words :
+         {std::vector<std::string>{"--verbose", "set-policy", "-"},
+          {"set-policy", "--verbose", "-"}}) {
+        std::vector<std::string> command{KEL_CTL};
+        command.insert(command.end(), words.begin(), words.end());
+        const TSFinished set = RunProgram(
+            command, {{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/tmp/none"}}, "<policy/>");
+
+        EXPECT_EQ(set.m_exit, 3) << Text(set);
+        EXPECT_EQ(set.m_output, "");
+        EXPECT_THAT(
+            set.m_errorOutput,
+            testing::ContainsRegex("KEL >kel::TCDbus:t_Start:[0-9]+< Connecting to system bus "
+                                   "error, errno [0-9]+\n"));
+        EXPECT_THAT(set.m_errorOutput, HasSubstr("\nkelctl: no system bus: "));
+    }
 }
 
 } // namespace kel::test

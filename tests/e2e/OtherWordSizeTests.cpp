@@ -29,8 +29,8 @@ TEST_P(OtherWordSize, OfTheApplicationIsSaidAtBothEnds)
 
     EXPECT_EQ(set.m_exit, 3) << Text(set);
     EXPECT_EQ(set.m_errorOutput,
-              "kelctl: no answer from the agent, which runs: it is busy, or cannot read archives "
-              "of this word size and this Boost\n");
+              "kelctl: the agent declined the policy: it takes none, or cannot read archives of "
+              "this word size and this Boost\n");
     EXPECT_TRUE(Says(agent, " bytes: its archive is of another word size, or of a newer Boost\n"))
         << agent.ErrorOutput();
     EXPECT_EQ(StoredPolicy(), "");

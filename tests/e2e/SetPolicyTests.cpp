@@ -149,7 +149,8 @@ TEST_F(SetPolicyRoad, AnAgentThatDiesDuringTheSendIsNoAnswer)
 
     EXPECT_EQ(kelctl.Wait(std::chrono::seconds(8)), 3); // before its own time is over
     EXPECT_EQ(kelctl.Output(), "");
-    EXPECT_THAT(kelctl.ErrorOutput(), HasSubstr("kelctl: no answer from the agent\n"));
+    EXPECT_THAT(kelctl.ErrorOutput(),
+                HasSubstr("kelctl: the agent, or the bus, ended without an answer: "));
 }
 
 TEST_F(SetPolicyRoad, TheExampleApplicationSetsAPolicy)

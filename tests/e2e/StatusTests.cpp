@@ -12,6 +12,13 @@ namespace kel::test {
 
 class KelctlStatus : public AgentRoad
 {
+protected:
+    static TBytes Handled(const std::string& text)
+    {
+        TBytes bytes{1};
+        bytes.insert(bytes.end(), text.begin(), text.end());
+        return bytes;
+    }
 };
 
 TEST_F(KelctlStatus, TellsProcessAndUniqueNameOfTheOwner)
@@ -28,8 +35,44 @@ TEST_F(KelctlStatus, TellsProcessAndUniqueNameOfTheOwner)
     EXPECT_EQ(text.m_errorOutput, "");
     EXPECT_EQ(json.m_exit, 0) << Text(json);
     EXPECT_EQ(json.m_output, "{\"running\": true, \"pid\": " + process + ", \"unique-name\": \""
-                                 + m_peer.Name() + "\"}\n");
-    EXPECT_TRUE(m_peer.Calls().empty()); // the owner is not asked
+                                 + m_peer.Name() + "\", \"denied\": false, \"answers\": true}\n");
+    for (const TSCall& call : m_peer.Calls()) {
+        EXPECT_EQ(call.m_bytes, SendBytes(100, 0)); // nothing but the version is asked for
+    }
+}
+
+TEST_F(KelctlStatus, TellsTheVersionAndNothingThatIsNone)
+{
+    ASSERT_TRUE(m_peer.OwnName());
+    const std::pair<std::string, std::string> answers[]
+        = {{"1.2.3~rc1+dfsg-4", ", version 1.2.3~rc1+dfsg-4"},
+           {"", ""},
+           {"1 2", ""},
+           {"1\"", ""},
+           {"\033[2J", ""},
+           {std::string(100, '1'), ""}};
+    for (const auto& [version, told] : answers) {
+        m_peer.SetAnswer("Send", RawPeer::TSAnswer::Bytes(Handled(version)));
+
+        const TSFinished text = Kelctl({"status"});
+
+        EXPECT_EQ(text.m_exit, 0) << Text(text);
+        EXPECT_THAT(text.m_output, testing::EndsWith("unique name " + m_peer.Name() + told + "\n"));
+    }
+    m_peer.SetAnswer("Send", RawPeer::TSAnswer::Bytes(Handled("1.2")));
+    EXPECT_THAT(Kelctl({"status", "--json"}).m_output,
+                testing::EndsWith("\"answers\": true, \"version\": \"1.2\"}\n"));
+}
+
+TEST_F(KelctlStatus, TellsOfAnAgentThatDoesNotAnswer)
+{
+    m_peer.SetAnswer("Send", RawPeer::TSAnswer::Nothing());
+    ASSERT_TRUE(m_peer.OwnName());
+
+    const TSFinished text = Kelctl({"status"});
+
+    EXPECT_EQ(text.m_exit, 0) << Text(text);
+    EXPECT_THAT(text.m_output, testing::EndsWith(", does not answer\n"));
 }
 
 TEST_F(KelctlStatus, TellsTheRealAgentFromNoneAndStartsNone)
@@ -51,6 +94,7 @@ TEST_F(KelctlStatus, TellsTheRealAgentFromNoneAndStartsNone)
     EXPECT_EQ(with.m_exit, 0) << Text(with);
     EXPECT_THAT(with.m_output,
                 testing::StartsWith("running: process " + std::to_string(AgentId().value()) + ","));
+    EXPECT_THAT(with.m_output, testing::EndsWith(", version " KEL_VERSION "\n"));
 }
 
 TEST(KelctlStatusWithoutBus, TellsSo)

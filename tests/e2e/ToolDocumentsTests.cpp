@@ -79,7 +79,7 @@ TWords Completed(const std::string& words)
 }
 
 const std::vector<std::string> kCommands{"set-policy", "monitor", "status", "report",
-                                         "reports",    "klog",    "policy"};
+                                         "reports",    "klog",    "policy", "process-info"};
 
 } // namespace
 

@@ -2,12 +2,14 @@
 
 #include <csignal>
 #include <cstdio>
+#include <string_view>
 
 #include <boost/bind/bind.hpp>
 
 #include <glib-unix.h>
 #include <glib.h>
 
+#include "common/AgentMessages.h"
 #include "policy/PolicyArchive.h"
 #include "policy/PolicyText.h"
 
@@ -55,6 +57,7 @@ TCAgent::TCAgent(bool test, const std::string& stateDirectory,
       m_collector(m_server, m_intake, stateDirectory, limits, readerServer)
 {
     m_server.SetCallback(kSetPolicyType, boost::bind(&TCAgent::m_SetPolicy, this, _1, _2));
+    m_server.SetCallback(tools::AskVersion, boost::bind(&TCAgent::m_TellVersion, _2));
 }
 
 TCAgent::~TCAgent() { g_main_loop_unref(m_pLoop); }
@@ -124,6 +127,13 @@ TCAgent::EAnswer TCAgent::m_Take(const std::string& policy)
     // waiting: the update is asked for when this call is over.
     g_idle_add_full(G_PRIORITY_DEFAULT, &TCAgent::m_OnPolicyAccepted, this, nullptr);
     return Accepted;
+}
+
+bool TCAgent::m_TellVersion(TBytes& response)
+{
+    const std::string_view version = KEL_VERSION;
+    response.assign(version.begin(), version.end());
+    return true;
 }
 
 void TCAgent::m_End(bool ok)

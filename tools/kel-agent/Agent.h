@@ -48,6 +48,7 @@ private:
 
     bool m_SetPolicy(const TBytes& request, TBytes& response);
     EAnswer m_Take(const std::string& policy);
+    static bool m_TellVersion(TBytes& response);
     void m_End(bool ok);
 
     static int m_OnSignal(void* agent);

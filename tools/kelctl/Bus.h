@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
 #include <gio/gio.h>
 
@@ -30,7 +31,32 @@ TGlibPtr<GDBusConnection> ConnectToBus();
 TGlibPtr<GVariant> AskBus(GDBusConnection* connection, const char* question, const char* name,
                           const char* type, TGlibPtr<GError>& error);
 
-constexpr char kAgentName[] = "com.norvale.kel.IControl";
+/// The names of a channel.
+struct TSChannel
+{
+    const char* m_agent; // on the bus
+    const char* m_object;
+};
+constexpr TSChannel kChannel
+    = {"com.norvale.kel.IControl", "/com/norvale/kel/CommunicationChannel"};
+constexpr TSChannel kTestChannel
+    = {"com.norvale.kel.IControlTest", "/com/norvale/kel/CommunicationChannelTest"};
+
+/// Asks the owner of the agent's name for its version, which starts nobody.
+///
+/// @param agent  its unique name.
+void AskVersion(GDBusConnection* connection, const TSChannel& channel, const char* agent,
+                GAsyncReadyCallback answered, void* user);
+
+/// The version, in what AskVersion() has got; empty, with the error, when there was no answer, and
+/// without one when the agent does not tell its version.
+std::string TakeVersion(GObject* connection, GAsyncResult* result, TGlibPtr<GError>& error);
+
+/// Whether it is the bus that forbids something to this user.
+bool IsDenied(const TGlibPtr<GError>& error);
+
+/// What an error says, without its name, for a terminal.
+std::string TextOf(const GError& error);
 
 } // namespace ctl
 } // namespace kel

@@ -79,8 +79,6 @@ EStatus PrintOnce()
 class TCFollower
 {
 public:
-    TCFollower() { std::signal(SIGPIPE, SIG_IGN); } // a reader that goes is seen otherwise
-
     EStatus Run();
 
 private:
@@ -118,7 +116,6 @@ bool TCFollower::m_Wait(short output, int time)
     pollfd events[] = {{m_signals.Get(), POLLIN, 0}, {STDOUT_FILENO, output, 0}};
     poll(events, std::size(events), time);
     if ((events[1].revents & ~output) != 0) {
-        std::fprintf(stderr, "kelctl: nobody reads the output\n");
         m_status = EStatus::NoOutput;
     } else if (events[1].revents != 0) {
         return true;
@@ -142,8 +139,10 @@ void TCFollower::m_Print(const std::string& text)
         if (size >= 0) {
             printed += static_cast<size_t>(size);
         } else if (errno != EINTR && errno != EAGAIN) {
-            std::fprintf(stderr, "kelctl: the output cannot be written: %s\n",
-                         std::strerror(errno));
+            if (errno != EPIPE) { // who has gone knows
+                std::fprintf(stderr, "kelctl: the output cannot be written: %s\n",
+                             std::strerror(errno));
+            }
             m_status = EStatus::NoOutput;
         }
     }

@@ -3,8 +3,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -15,6 +15,7 @@
 #include <glib-unix.h>
 
 #include <kel/KELCallbacksProxy.h>
+#include <kel/KELDbusClient.h>
 
 #include "Bus.h"
 #include "common/Text.h"
@@ -38,7 +39,7 @@ struct TSOptions
 class TCMonitor
 {
 public:
-    TCMonitor(const TSOptions& options, TGlibPtr<GDBusConnection> connection);
+    TCMonitor(const TSOptions& options, bool test, TGlibPtr<GDBusConnection> connection);
     TCMonitor(const TCMonitor&) = delete;
     TCMonitor& operator=(const TCMonitor&) = delete;
 
@@ -51,24 +52,33 @@ private:
     static int m_OnSignal(void* monitor);
     static int m_OnTimeout(void* monitor);
     static int m_OnOutputGone(int descriptor, GIOCondition condition, void* monitor);
+    static void m_OnAgent(GDBusConnection* connection, const char* name, const char* owner,
+                          void* monitor);
+    static void m_OnVersion(GObject* connection, GAsyncResult* result, void* monitor);
     static void m_OnBusGone(GDBusConnection* connection, int remote, GError* error, void* monitor);
 
     const TSOptions m_options;
+    const TSChannel& m_channel;
+    // The process's: that of the channel that the first asks for.
+    const boost::shared_ptr<IDbusClient> m_client;
     const TGlibPtr<GDBusConnection> m_connection;
     const TGlibPtr<GMainLoop> m_loop;
     unsigned int m_printed;
     std::optional<EStatus> m_status; // from its end on
 };
 
-TCMonitor::TCMonitor(const TSOptions& options, TGlibPtr<GDBusConnection> connection)
-    : m_options(options), m_connection(std::move(connection)),
+TCMonitor::TCMonitor(const TSOptions& options, bool test, TGlibPtr<GDBusConnection> connection)
+    : m_options(options), m_channel(test ? kTestChannel : kChannel),
+      m_client(TCDbusClientProvider::Get(test)), m_connection(std::move(connection)),
       m_loop(g_main_loop_new(nullptr, FALSE)), m_printed(0)
 {
-    std::signal(SIGPIPE, SIG_IGN); // a reader that goes is seen otherwise
     g_unix_signal_add(SIGINT, &TCMonitor::m_OnSignal, this);
     g_unix_signal_add(SIGTERM, &TCMonitor::m_OnSignal, this);
     g_unix_fd_add(STDOUT_FILENO, G_IO_ERR, &TCMonitor::m_OnOutputGone, this);
     g_signal_connect(m_connection.get(), "closed", G_CALLBACK(&TCMonitor::m_OnBusGone), this);
+    g_bus_watch_name_on_connection(m_connection.get(), m_channel.m_agent,
+                                   G_BUS_NAME_WATCHER_FLAGS_NONE, &TCMonitor::m_OnAgent, nullptr,
+                                   this, nullptr);
     if (m_options.m_timeout > 0) {
         g_timeout_add(static_cast<unsigned int>(m_options.m_timeout * 1000),
                       &TCMonitor::m_OnTimeout, this);
@@ -106,7 +116,7 @@ void TCMonitor::m_Print(const char* event)
         std::printf("%s %s\n", time.c_str(), event);
     }
     if (std::fflush(stdout) != 0) {
-        m_End(EStatus::NoOutput, std::strerror(errno));
+        m_End(EStatus::NoOutput, errno == EPIPE ? nullptr : std::strerror(errno));
         return;
     }
     if (++m_printed == m_options.m_count) {
@@ -145,8 +155,27 @@ int TCMonitor::m_OnTimeout(void* monitor)
 
 int TCMonitor::m_OnOutputGone(int, GIOCondition, void* monitor)
 {
-    static_cast<TCMonitor*>(monitor)->m_End(EStatus::NoOutput, "nobody reads the output");
+    static_cast<TCMonitor*>(monitor)->m_End(EStatus::NoOutput); // without a word, as everywhere
     return G_SOURCE_REMOVE;
+}
+
+// Nobody waits for an answer to the greeting that the library sends: whether the bus lets it
+// through is asked for beside it.
+void TCMonitor::m_OnAgent(GDBusConnection* connection, const char*, const char* owner,
+                          void* monitor)
+{
+    AskVersion(connection, static_cast<TCMonitor*>(monitor)->m_channel, owner,
+               &TCMonitor::m_OnVersion, monitor);
+}
+
+void TCMonitor::m_OnVersion(GObject* connection, GAsyncResult* result, void* monitor)
+{
+    TGlibPtr<GError> error;
+    TakeVersion(connection, result, error);
+    if (IsDenied(error)) {
+        const std::string reason = "the bus forbids this user the agent: " + TextOf(*error);
+        static_cast<TCMonitor*>(monitor)->m_End(EStatus::NoAnswer, reason.c_str());
+    }
 }
 
 void TCMonitor::m_OnBusGone(GDBusConnection*, int, GError*, void* monitor)
@@ -154,32 +183,48 @@ void TCMonitor::m_OnBusGone(GDBusConnection*, int, GError*, void* monitor)
     static_cast<TCMonitor*>(monitor)->m_End(EStatus::NoAnswer, "the system bus is gone");
 }
 
-EStatus Monitor(const TSOptions& options)
+// Of the plain forms alone, as they are printed: neither 1e3 nor 0x10, nor "nan", which is in every
+// range.
+bool IsWithin(bool isPlain, const std::string& text, double least, double most)
+{
+    char* pEnd = nullptr;
+    const double value = std::strtod(text.c_str(), &pEnd);
+    return isPlain && !text.empty() && *pEnd == '\0' && value >= least && value <= most;
+}
+
+EStatus Monitor(const TSOptions& options, bool test)
 {
     TGlibPtr<GDBusConnection> connection = ConnectToBus();
     if (!connection) {
         return EStatus::NoAnswer;
     }
-    return TCMonitor(options, std::move(connection)).Run();
+    return TCMonitor(options, test, std::move(connection)).Run();
 }
 
 } // namespace
 
-void AddMonitor(CLI::App& program, EStatus& status)
+void AddMonitor(CLI::App& program, const TSCommon& common, EStatus& status)
 {
     CLI::App* const command = program.add_subcommand("monitor", "Print the agent's events");
     const auto options = std::make_shared<TSOptions>();
     command->add_flag("--json", options->m_json, "Print a JSON object a line");
     command->add_option("--count", options->m_count, "End after so many events")
         ->type_name("N")
-        ->check(CLI::Range(1U, kMostEvents).description(""));
+        ->check([](const std::string& text) {
+            const bool isNumber = text.find_first_not_of("0123456789") == std::string::npos;
+            return IsWithin(isNumber, text, 1, kMostEvents)
+                       ? ""
+                       : text + " is no number from 1 to 2147483648";
+        });
     command->add_option("--timeout", options->m_timeout, "End after so many seconds")
         ->type_name("S")
-        ->check(CLI::Range(0.001, kLongestTimeout).description(""))
-        ->check([](const std::string& text) { // a "nan" is in every range
-            return std::string(text.find_first_of("nN") == std::string::npos ? "" : "no number");
+        ->check([](const std::string& text) {
+            const bool isNumber = text.find_first_not_of("0123456789.") == std::string::npos;
+            return IsWithin(isNumber, text, 0.001, kLongestTimeout)
+                       ? ""
+                       : text + " is no number of seconds from 0.001 to 4000000";
         });
-    command->callback([options, &status] { status = Monitor(*options); });
+    command->callback([options, &common, &status] { status = Monitor(*options, common.m_test); });
 }
 
 } // namespace ctl

@@ -139,6 +139,12 @@ EStatus Report(const TSOptions& options)
     if (!options.m_process && !options.m_thread) {
         throw CLI::RequiredError("--process or --thread");
     }
+    if (options.m_process && options.m_process->empty()) {
+        throw CLI::ValidationError("--process", "no name");
+    }
+    if (options.m_thread && options.m_thread->empty()) {
+        throw CLI::ValidationError("--thread", "no name");
+    }
     if (options.m_path && options.m_path->empty()) {
         throw CLI::ValidationError("--path", "no file");
     }

@@ -7,16 +7,17 @@
 #include <memory>
 #include <string>
 
+#include <kel/KELDbusClient.h>
+#include <kel/KELFailure.h>
 #include <kel/api.h>
 
-#include "Bus.h"
+#include "common/Text.h"
 
 namespace kel {
 namespace ctl {
 
 namespace {
 
-constexpr int kNoAnswer = -1;
 constexpr size_t kSizeLimit = 32U << 20; // the system bus carries no larger message
 
 const char* Meaning(int answer)
@@ -64,33 +65,55 @@ bool ReadPolicy(const std::string& name, std::string& policy)
     return true;
 }
 
-// Without a word where there is no bus.
-bool AgentRuns()
+// Why there was no answer.
+std::string Reason(const TSFailure& failure)
 {
-    const TGlibPtr<GDBusConnection> bus(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
-    TGlibPtr<GError> error;
-    return bus && AskBus(bus.get(), "GetNameOwner", kAgentName, "(s)", error);
+    const std::string text = failure.m_text.empty() ? "" : ": " + tools::Printable(failure.m_text);
+    switch (failure.m_kind) {
+    case EFailure::NoBus:
+        return "no system bus" + text;
+    case EFailure::NotOwned:
+        return "no agent runs, and the bus can start none" + text;
+    case EFailure::Denied:
+        return "the bus forbids it" + text;
+    case EFailure::TimedOut: // the bus's own time for a start has a name
+        return failure.m_errorName.empty() ? "the agent did not answer in 10 s"
+                                           : "the agent was not there in time" + text;
+    case EFailure::NotHandled:
+        return failure.m_errorName.empty() ? "the agent declined the policy: it takes none, or "
+                                             "cannot read archives of this "
+                                             "word size and this Boost"
+                                           : "who has the agent's name serves no channel" + text;
+    case EFailure::Unreadable:
+        return "the agent's answer cannot be read";
+    case EFailure::TooLarge:
+        return "the policy, with what goes around it, is larger than the bus carries";
+    case EFailure::Ended:
+        return "the agent, or the bus, ended without an answer" + text;
+    default:
+        return "no answer from the agent: " + tools::Printable(failure.m_errorName) + text;
+    }
 }
 
-EStatus SetPolicy(const std::string& name)
+EStatus SetPolicy(const std::string& name, bool test)
 {
     std::string policy;
     if (!ReadPolicy(name, policy)) {
         return EStatus::WrongUsage;
     }
 
-    int answer = kNoAnswer;
+    // The control object has the process's client, which is of the channel that the first asks for.
+    const boost::shared_ptr<IDbusClient> client = TCDbusClientProvider::Get(test);
+    int answer = 0;
     try {
         answer = api::GetControl()->SetPolicy(policy);
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "kelctl: the agent's answer cannot be read: %s\n", failure.what());
         return EStatus::NoAnswer;
     }
-    if (answer == kNoAnswer) {
-        std::fprintf(stderr, "kelctl: no answer from the agent%s\n",
-                     AgentRuns() ? ", which runs: it is busy, or cannot read archives of this word "
-                                   "size and this Boost"
-                                 : "");
+    const TSFailure failure = LastFailure();
+    if (failure.m_kind != EFailure::None) {
+        std::fprintf(stderr, "kelctl: %s\n", Reason(failure).c_str());
         return EStatus::NoAnswer;
     }
 
@@ -104,13 +127,13 @@ EStatus SetPolicy(const std::string& name)
 
 } // namespace
 
-void AddSetPolicy(CLI::App& program, EStatus& status)
+void AddSetPolicy(CLI::App& program, const TSCommon& common, EStatus& status)
 {
     CLI::App* const command = program.add_subcommand("set-policy", "Set the agent's policy");
     const auto name = std::make_shared<std::string>();
     command->add_option("FILE", *name, "The policy, an XML text; - reads standard input")
         ->required();
-    command->callback([name, &status] { status = SetPolicy(*name); });
+    command->callback([name, &common, &status] { status = SetPolicy(*name, common.m_test); });
 }
 
 } // namespace ctl

@@ -1,75 +1,63 @@
-#include "Commands.h"
-
 #include <cstdio>
 #include <memory>
 #include <string>
 
-#include "Bus.h"
+#include "Agent.h"
 
 namespace kel {
 namespace ctl {
 
 namespace {
 
-// The owner's unique name and process. True on success, otherwise false with the error.
-bool FindAgent(GDBusConnection* connection, std::string& uniqueName, guint32& process,
-               TGlibPtr<GError>& error)
+void PrintText(const TSAgent& agent)
 {
-    const TGlibPtr<GVariant> owner = AskBus(connection, "GetNameOwner", kAgentName, "(s)", error);
-    if (!owner) {
-        return false;
+    std::string state;
+    if (agent.m_denied) {
+        state = ", which the bus forbids this user";
+    } else if (!agent.m_answers) {
+        state = ", does not answer";
+    } else if (!agent.m_version.empty()) {
+        state = ", version " + agent.m_version;
     }
-    const char* name = nullptr;
-    g_variant_get(owner.get(), "(&s)", &name);
-    uniqueName = name;
-
-    const TGlibPtr<GVariant> id
-        = AskBus(connection, "GetConnectionUnixProcessID", name, "(u)", error);
-    if (!id) {
-        return false;
-    }
-    g_variant_get(id.get(), "(u)", &process);
-    return true;
+    std::printf("running: process %u, unique name %s%s\n", agent.m_process,
+                agent.m_uniqueName.c_str(), state.c_str());
 }
 
-EStatus Status(bool json)
+void PrintJson(const TSAgent& agent)
 {
-    const TGlibPtr<GDBusConnection> connection = ConnectToBus();
-    if (!connection) {
-        return EStatus::NoAnswer;
+    const auto word = [](bool is) { return is ? "true" : "false"; };
+    std::string version;
+    if (!agent.m_version.empty()) {
+        version = ", \"version\": \"" + agent.m_version + "\"";
     }
+    std::printf("{\"running\": true, \"pid\": %u, \"unique-name\": \"%s\", \"denied\": %s, "
+                "\"answers\": %s%s}\n",
+                agent.m_process, agent.m_uniqueName.c_str(), word(agent.m_denied),
+                word(agent.m_answers), version.c_str());
+}
 
-    std::string uniqueName;
-    guint32 process = 0;
-    TGlibPtr<GError> error;
-    if (FindAgent(connection.get(), uniqueName, process, error)) {
-        if (json) {
-            std::printf("{\"running\": true, \"pid\": %u, \"unique-name\": \"%s\"}\n", process,
-                        uniqueName.c_str());
-        } else {
-            std::printf("running: process %u, unique name %s\n", process, uniqueName.c_str());
-        }
-        return EStatus::Success;
+EStatus Status(bool json, const TSChannel& channel)
+{
+    TSAgent agent;
+    const EStatus found = agent.Find(channel);
+    if (found == EStatus::Success) {
+        json ? PrintJson(agent) : PrintText(agent);
+    } else if (found == EStatus::Negative && json) {
+        std::printf("{\"running\": false}\n");
     }
-    if (g_error_matches(error.get(), G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER)) {
-        if (json) {
-            std::printf("{\"running\": false}\n");
-        }
-        std::fprintf(stderr, "kelctl: no agent runs\n");
-        return EStatus::Negative;
-    }
-    std::fprintf(stderr, "kelctl: no answer from the bus: %s\n", error->message);
-    return EStatus::NoAnswer;
+    return found;
 }
 
 } // namespace
 
-void AddStatus(CLI::App& program, EStatus& status)
+void AddStatus(CLI::App& program, const TSCommon& common, EStatus& status)
 {
     CLI::App* const command = program.add_subcommand("status", "Tell whether an agent runs");
     const auto json = std::make_shared<bool>(false);
     command->add_flag("--json", *json, "Print a JSON object");
-    command->callback([json, &status] { status = Status(*json); });
+    command->callback([json, &common, &status] {
+        status = Status(*json, common.m_test ? kTestChannel : kChannel);
+    });
 }
 
 } // namespace ctl

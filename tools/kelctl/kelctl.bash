@@ -7,7 +7,7 @@ _kelctl() {
     COMPREPLY=()
 
     if [[ $COMP_CWORD -eq 1 ]]; then
-        words='set-policy monitor status report reports klog policy --help --version'
+        words='set-policy monitor status report reports klog policy process-info --help --test --verbose --version'
     else
         case $command in
         set-policy)
@@ -43,7 +43,11 @@ _kelctl() {
             words='--json --state-dir --help'
             ;;
         klog) words='--follow --help' ;;
+        process-info) words='--help' ;;
         esac
+        if [[ $words == *--help ]]; then # it is an option's turn
+            words+=' --test --verbose'
+        fi
     fi
     local found
     mapfile -t found < <(compgen -W "$words" -- "$current")

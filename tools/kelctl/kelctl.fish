@@ -1,10 +1,12 @@
 # Completes the command line of kelctl(1) in fish.
 
-set -l commands set-policy monitor status report reports klog policy
+set -l commands set-policy monitor status report reports klog policy process-info
 set -l none "not __fish_seen_subcommand_from $commands"
 
 complete -c kelctl -f
 complete -c kelctl -s h -l help -d 'print a summary and exit'
+complete -c kelctl -l test -d 'use the test channel'
+complete -c kelctl -l verbose -d "show the library's log"
 complete -c kelctl -n $none -l version -d 'print the version and exit'
 
 complete -c kelctl -n $none -a set-policy -d 'set the policy of the agent'
@@ -14,6 +16,7 @@ complete -c kelctl -n $none -a report -d 'ask for an issue report'
 complete -c kelctl -n $none -a reports -d 'list the reports, or print one'
 complete -c kelctl -n $none -a klog -d 'print the newest lines of the kernel log'
 complete -c kelctl -n $none -a policy -d 'tell which policy file applies'
+complete -c kelctl -n $none -a process-info -d 'have the agent ask for process information'
 
 complete -c kelctl -n '__fish_seen_subcommand_from set-policy' -F
 complete -c kelctl -n '__fish_seen_subcommand_from monitor status reports policy' -l json -d 'print JSON'

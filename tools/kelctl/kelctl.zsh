@@ -5,7 +5,11 @@ _kelctl() {
     local curcontext=$curcontext state line
     local -a help commands
     typeset -A opt_args
-    help=('(- *)'{-h,--help}'[print a summary and exit]')
+    help=(
+        '(- *)'{-h,--help}'[print a summary and exit]'
+        '--test[use the test channel]'
+        "--verbose[show the library's log]"
+    )
     commands=(
         'set-policy:set the policy of the agent'
         'monitor:print the events of the agent'
@@ -14,6 +18,7 @@ _kelctl() {
         'reports:list the reports, or print one'
         'klog:print the newest lines of the kernel log'
         'policy:tell which policy file applies'
+        'process-info:have the agent ask for process information'
     )
 
     _arguments -C $help '(- *)--version[print the version and exit]' \
@@ -43,6 +48,7 @@ _kelctl() {
             _arguments $help '--json[print JSON]' \
                 "--state-dir[the agent's directory of state]:directory:_files -/" '1:report: '
             ;;
+        process-info) _arguments $help ;;
         klog) _arguments $help '--follow[go on with new lines]' ;;
         esac
         ;;

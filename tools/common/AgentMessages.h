@@ -1,0 +1,13 @@
+#pragma once
+
+namespace kel {
+namespace tools {
+
+/// Messages to the reference agent, beside the one of the channel that sets a policy. An agent that
+/// does not know them declines them.
+enum EAgentMessage : int {
+    AskVersion = 100 ///< Without data; the response is the text of the agent's version.
+};
+
+} // namespace tools
+} // namespace kel
