@@ -1,5 +1,6 @@
 // kelctl policy: what the library resolves on this device, and why.
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
@@ -40,7 +41,7 @@ protected:
     // What it tells as JSON; the text must tell the same.
     static json Policy()
     {
-        const json policy = json::parse(Output({"policy", "--json"}));
+        const json policy = json::parse(Output({"policy", "--state-dir", kState, "--json"}));
         std::string candidates;
         std::string used;
         bool usedExists = false;
@@ -59,16 +60,71 @@ protected:
         EXPECT_EQ(policy.at("policy"), used);
         const int policyMode = policy.at("policy-mode");
         const int deviceMode = policy.at("device-mode");
-        EXPECT_EQ(Output({"policy"}),
+        EXPECT_EQ(Output({"policy", "--state-dir", kState}),
                   "policy: " + used + (usedExists ? "\n" : " (missing)\n")
                       + "why: " + policy.at("why").get<std::string>() + "\npolicy mode: "
                       + (policyMode == 0 ? "0 (default)\n" : "2 (vendor's or variant's)\n")
                       + "device mode: " + (deviceMode == 0 ? "0 (normal)\n" : "3 (USB test)\n")
                       + "debug image: " + (policy.at("debug-image") ? "yes\n" : "no\n")
-                      + "candidates:\n" + candidates);
+                      + "candidates:\n" + candidates + "agent's policy: none has been set\n");
         return policy;
     }
 };
+
+TEST_F(KelctlPolicy, ShowsTheAgentsOwnBesideIt)
+{
+    const fs::path file = kState / "policy.xml";
+    const std::string text = "<policy>\033[2J\xff</policy>\n";
+    std::ofstream(file) << text;
+    const timespec time[2] = {{1795340000, 250'000'000}, {1795340000, 250'000'000}};
+    ASSERT_EQ(utimensat(AT_FDCWD, file.c_str(), time, 0), 0);
+
+    const json policy
+        = json::parse(Output({"policy", "--json", "--state-dir", kState})).at("agent-policy");
+    const std::string words = Output({"policy", "--state-dir", kState});
+    const std::string printed = Output({"policy", "--print", "--state-dir", kState});
+    // A terminal is not steered.
+    const TSFinished seen = RunProgram({"/usr/bin/python3", "-c",
+                                        "import pty, sys; pty.spawn(['" KEL_CTL
+                                        "', 'policy', '--print', '--state-dir', sys.argv[1]])",
+                                        kState});
+
+    EXPECT_EQ(policy, json({{"path", file},
+                            {"state", "stored"},
+                            {"bytes", text.size()},
+                            {"since", "2026-11-22T09:33:20.250Z"}}));
+    EXPECT_THAT(words, testing::EndsWith("\nagent's policy: /tmp/the state/policy.xml, "
+                                         + std::to_string(text.size())
+                                         + " bytes, stored 2026-11-22T09:33:20.250Z\n"));
+    EXPECT_EQ(printed, text);
+    EXPECT_EQ(seen.m_output, "<policy>\\x1b[2J\\xff</policy>\r\n") << Text(seen);
+}
+
+TEST_F(KelctlPolicy, TellsWhenTheAgentHasNoneOrItCannotBeRead)
+{
+    const TSFinished none = Run({"policy", "--print", "--state-dir", kState});
+    fs::create_directory(kState / "policy.xml");
+    const TSFinished directory = Run({"policy", "--print", "--state-dir", kState});
+    fs::remove(kState / "policy.xml");
+    fs::create_symlink("/etc/passwd", kState / "policy.xml");
+    const TSFinished link = Run({"policy", "--print", "--state-dir", kState});
+    const json unreadable
+        = json::parse(Output({"policy", "--json", "--state-dir", kState})).at("agent-policy");
+
+    for (const TSFinished& ended : {none, directory, link}) {
+        EXPECT_EQ(ended.m_exit, 1) << Text(ended);
+        EXPECT_EQ(ended.m_output, "");
+    }
+    EXPECT_EQ(none.m_errorOutput, "kelctl: the agent's policy: none has been set\n");
+    EXPECT_EQ(directory.m_errorOutput,
+              "kelctl: the agent's policy: /tmp/the state/policy.xml cannot "
+              "be read: it is no file that the agent has written\n");
+    EXPECT_TRUE(IsOneLine(link.m_errorOutput,
+                          "kelctl: the agent's policy: /tmp/the state/policy.xml "
+                          "cannot be read: "));
+    EXPECT_EQ(unreadable.at("state"), "unreadable");
+    EXPECT_NE(unreadable.at("reason"), "");
+}
 
 // Which one applies is the library's to say; the reasons are kelctl's own.
 TEST_F(KelctlPolicy, TellsWhichAppliesAndWhy)

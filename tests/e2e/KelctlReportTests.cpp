@@ -186,6 +186,27 @@ TEST_F(KelctlReport, TheSlotHoldsBothNamesAndTheRestart)
     EXPECT_EQ(ReadFile(kSlot), "player|player|0");
 }
 
+TEST_F(KelctlReport, ASlotThatIsThisUsersAloneIsToldOf)
+{
+    Sandbox::NeedOtherUsers();
+    const fs::path home = "/tmp/running";
+    fs::create_directory(home);
+    fs::permissions(home, fs::perms(0777));
+    const TWords command = {"setpriv", "--reuid=65534", "--clear-groups", KEL_CTL,
+                            "report",  "--slot",        "--process",      "a"};
+
+    const TSFinished own = RunProgram(command, {{"XDG_RUNTIME_DIR", home}});
+    fs::permissions(kStore, fs::perms(0777));
+    const TSFinished common
+        = RunProgram(command, {{"XDG_RUNTIME_DIR", home}, {"KEL_HOST_VCONF_DIR", kStore}});
+
+    EXPECT_EQ(own.m_exit, 0) << Text(own);
+    EXPECT_EQ(own.m_errorOutput, "kelctl: nobody will collect it but an agent of this user: the "
+                                 "key-value store is the user's own\n");
+    EXPECT_EQ(common.m_exit, 0) << Text(common);
+    EXPECT_EQ(common.m_errorOutput, "");
+}
+
 TEST_F(KelctlReport, AStoreThatTakesNothingIsToldOf)
 {
     const TSFinished ended
@@ -223,6 +244,11 @@ TEST_F(KelctlReport, WrongUsageLeavesNothing)
     ExpectWrongUsage({"--process", "a", "--mode", "1"});
     ExpectWrongUsage({"--process", "a", "--mode", ""});
     ExpectWrongUsage({"--process", "a", "--path", ""});
+    ExpectWrongUsage({"--process", ""});
+    ExpectWrongUsage({"--process", "a", "--thread", ""});
+    ExpectWrongUsage({"--process", "a", "--timeout", "1"});
+    ExpectWrongUsage({"--process", "a", "--wait", "--timeout", "0"});
+    ExpectWrongUsage({"--process", "a", "--state-dir", "/tmp"});
     ExpectWrongUsage({"--process", "a", "--slot", "--mode", "always"});
     ExpectWrongUsage({"--process", "a", "--slot", "--path", "/tmp/log"});
 

@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -18,15 +17,13 @@
 #include <kel/KELDbusClient.h>
 
 #include "Bus.h"
+#include "Numbers.h"
 #include "common/Text.h"
 
 namespace kel {
 namespace ctl {
 
 namespace {
-
-constexpr double kLongestTimeout = 4000000; // seconds; the main loop's milliseconds have 32 bits
-constexpr unsigned int kMostEvents = 1U << 31;
 
 struct TSOptions
 {
@@ -183,15 +180,6 @@ void TCMonitor::m_OnBusGone(GDBusConnection*, int, GError*, void* monitor)
     static_cast<TCMonitor*>(monitor)->m_End(EStatus::NoAnswer, "the system bus is gone");
 }
 
-// Of the plain forms alone, as they are printed: neither 1e3 nor 0x10, nor "nan", which is in every
-// range.
-bool IsWithin(bool isPlain, const std::string& text, double least, double most)
-{
-    char* pEnd = nullptr;
-    const double value = std::strtod(text.c_str(), &pEnd);
-    return isPlain && !text.empty() && *pEnd == '\0' && value >= least && value <= most;
-}
-
 EStatus Monitor(const TSOptions& options, bool test)
 {
     TGlibPtr<GDBusConnection> connection = ConnectToBus();
@@ -210,20 +198,10 @@ void AddMonitor(CLI::App& program, const TSCommon& common, EStatus& status)
     command->add_flag("--json", options->m_json, "Print a JSON object a line");
     command->add_option("--count", options->m_count, "End after so many events")
         ->type_name("N")
-        ->check([](const std::string& text) {
-            const bool isNumber = text.find_first_not_of("0123456789") == std::string::npos;
-            return IsWithin(isNumber, text, 1, kMostEvents)
-                       ? ""
-                       : text + " is no number from 1 to 2147483648";
-        });
+        ->check(&CheckCount);
     command->add_option("--timeout", options->m_timeout, "End after so many seconds")
         ->type_name("S")
-        ->check([](const std::string& text) {
-            const bool isNumber = text.find_first_not_of("0123456789.") == std::string::npos;
-            return IsWithin(isNumber, text, 0.001, kLongestTimeout)
-                       ? ""
-                       : text + " is no number of seconds from 0.001 to 4000000";
-        });
+        ->check(&CheckSeconds);
     command->callback([options, &common, &status] { status = Monitor(*options, common.m_test); });
 }
 

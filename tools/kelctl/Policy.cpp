@@ -1,5 +1,7 @@
 #include "Commands.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <memory>
@@ -10,6 +12,9 @@
 
 #include <kel/KELDirsManager.h>
 #include <kel/KELFileSystem.h>
+
+#include "StoredPolicy.h"
+#include "common/Text.h"
 
 namespace kel {
 namespace ctl {
@@ -23,6 +28,13 @@ constexpr int kUsbTestMode = 3;
 
 // The library does not tell where the device is mounted.
 constexpr char kUsbPolicy[] = "vostek/vostek_kel_policy.xml on the first USB storage device";
+
+struct TSOptions
+{
+    bool m_json = false;
+    bool m_print = false;
+    std::string m_stateDirectory = kDefaultStateDirectory;
+};
 
 struct TSCandidate
 {
@@ -71,7 +83,21 @@ TSPolicy Resolve()
     return policy;
 }
 
-void PrintText(const TSPolicy& policy)
+// What is known of the agent's own.
+std::string Words(const TSStoredPolicy& stored)
+{
+    switch (stored.m_state) {
+    case TSStoredPolicy::EState::Stored:
+        return tools::Printable(stored.m_path) + ", " + std::to_string(stored.m_text.size())
+               + " bytes, stored " + tools::IsoTime(stored.m_since);
+    case TSStoredPolicy::EState::None:
+        return "none has been set";
+    default:
+        return tools::Printable(stored.m_path) + " cannot be read: " + stored.m_reason;
+    }
+}
+
+void PrintText(const TSPolicy& policy, const TSStoredPolicy& stored)
 {
     const TSCandidate& used = policy.Used();
     std::printf("policy: %s%s\n", used.m_path.c_str(), used.m_exists ? "" : " (missing)");
@@ -86,9 +112,30 @@ void PrintText(const TSPolicy& policy)
         std::printf("  %-8s %s%s\n", one.m_exists ? "exists" : "missing", one.m_path.c_str(),
                     one.m_used ? " (in use)" : "");
     }
+    std::printf("agent's policy: %s\n", Words(stored).c_str());
 }
 
-void PrintJson(const TSPolicy& policy)
+TJson Members(const TSStoredPolicy& stored)
+{
+    TJson members;
+    members["path"] = stored.m_path;
+    switch (stored.m_state) {
+    case TSStoredPolicy::EState::Stored:
+        members["state"] = "stored";
+        members["bytes"] = stored.m_text.size();
+        members["since"] = tools::IsoTime(stored.m_since);
+        break;
+    case TSStoredPolicy::EState::None:
+        members["state"] = "none";
+        break;
+    default:
+        members["state"] = "unreadable";
+        members["reason"] = stored.m_reason;
+    }
+    return members;
+}
+
+void PrintJson(const TSPolicy& policy, const TSStoredPolicy& stored)
 {
     TJson text;
     text["policy"] = policy.Used().m_path;
@@ -102,16 +149,33 @@ void PrintJson(const TSPolicy& policy)
         text["candidates"].push_back(
             {{"path", one.m_path}, {"exists", one.m_exists}, {"used", one.m_used}});
     }
-    std::printf("%s\n", text.dump(kIndent).c_str());
+    text["agent-policy"] = Members(stored);
+    std::printf("%s\n", text.dump(kIndent, ' ', true, TJson::error_handler_t::replace).c_str());
 }
 
-EStatus Policy(bool json)
+// As it is stored; a terminal, which it could steer, gets what is to be seen of it.
+EStatus PrintStored(const TSStoredPolicy& stored)
 {
-    const TSPolicy policy = Resolve();
-    if (json) {
-        PrintJson(policy);
+    if (stored.m_state != TSStoredPolicy::EState::Stored) {
+        std::fprintf(stderr, "kelctl: the agent's policy: %s\n", Words(stored).c_str());
+        return EStatus::Negative;
+    }
+    const std::string text
+        = isatty(STDOUT_FILENO) != 0 ? tools::Printable(stored.m_text, "\t\n\\") : stored.m_text;
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    return EStatus::Success;
+}
+
+EStatus Policy(const TSOptions& options)
+{
+    const TSStoredPolicy stored(options.m_stateDirectory);
+    if (options.m_print) {
+        return PrintStored(stored);
+    }
+    if (options.m_json) {
+        PrintJson(Resolve(), stored);
     } else {
-        PrintText(policy);
+        PrintText(Resolve(), stored);
     }
     return EStatus::Success;
 }
@@ -122,9 +186,14 @@ void AddPolicy(CLI::App& program, EStatus& status)
 {
     CLI::App* const command = program.add_subcommand(
         "policy", "Tell which policy file applies on this device, and why");
-    const auto json = std::make_shared<bool>(false);
-    command->add_flag("--json", *json, "Print a JSON object");
-    command->callback([json, &status] { status = Policy(*json); });
+    const auto options = std::make_shared<TSOptions>();
+    CLI::Option* const json = command->add_flag("--json", options->m_json, "Print a JSON object");
+    command->add_flag("--print", options->m_print, "Print the text of the agent's own policy")
+        ->excludes(json);
+    command->add_option("--state-dir", options->m_stateDirectory, "The agent's directory")
+        ->type_name("DIR")
+        ->capture_default_str();
+    command->callback([options, &status] { status = Policy(*options); });
 }
 
 } // namespace ctl

@@ -1,7 +1,10 @@
 #include "Commands.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <iterator>
 #include <memory>
@@ -11,6 +14,9 @@
 #include <kel/KELFileSystem.h>
 #include <kel/KELIssueReport.h>
 
+#include "Numbers.h"
+#include "ReportWait.h"
+#include "StoredPolicy.h"
 #include "common/RequestFormat.h"
 
 namespace kel {
@@ -38,6 +44,9 @@ struct TSOptions
     std::optional<std::string> m_path;
     bool m_reboot = false;
     bool m_slot = false;
+    bool m_wait = false;
+    double m_timeout = 0; // in seconds; 0 for none
+    std::string m_stateDirectory = kDefaultStateDirectory;
 };
 
 char* OrNull(std::optional<std::string>& name) { return name ? name->data() : nullptr; }
@@ -69,7 +78,18 @@ std::string Names(const TSOptions& options, char separator)
     return process + separator + thread;
 }
 
-EStatus RequestBySlot(TSOptions options)
+// Whether this user's requests are left where the device's agent does not look: on a plain host
+// there is one store for the superuser and one for each other user, unless all are told of another.
+bool IsOwnStore()
+{
+#ifdef KEL_HOST_PLATFORM
+    return geteuid() != 0 && secure_getenv("KEL_HOST_VCONF_DIR") == nullptr;
+#else
+    return false;
+#endif
+}
+
+EStatus RequestBySlot(TSOptions options, TSAwaited& awaited)
 {
     const std::string value
         = Names(options, tools::kRequestValueSeparator) + (options.m_reboot ? "|1" : "|0");
@@ -83,9 +103,14 @@ EStatus RequestBySlot(TSOptions options)
         return Fail("the key-value store has refused it");
     }
     std::printf("\n"); // the library's line has no end
+    if (IsOwnStore()) {
+        std::fprintf(stderr, "kelctl: nobody will collect it but an agent of this user: the "
+                             "key-value store is the user's own\n");
+    }
     if (value.size() > tools::kLongestRequestValue) {
         std::fprintf(stderr, "kelctl: the names are too long, and were cut with the restart\n");
     }
+    awaited = {tools::kRequestKey, value.substr(0, tools::kLongestRequestValue)};
     return EStatus::Success;
 }
 
@@ -106,7 +131,7 @@ int RequestByFile(TSOptions& options)
     return Request_NDF(flag, process, thread);
 }
 
-EStatus RequestByFile(TSOptions options, const std::string& directory)
+EStatus RequestByFile(TSOptions options, const std::string& directory, TSAwaited& awaited)
 {
     if (options.m_path) { // the agent's current directory is another one
         std::error_code failure;
@@ -131,6 +156,7 @@ EStatus RequestByFile(TSOptions options, const std::string& directory)
     if (path.size() > tools::kLongestRequestPath) {
         std::fprintf(stderr, "kelctl: the names are too long, and were cut with the mode\n");
     }
+    awaited = {directory, path.substr(0, tools::kLongestRequestPath).substr(directory.size() + 1)};
     return EStatus::Success;
 }
 
@@ -148,11 +174,17 @@ EStatus Report(const TSOptions& options)
     if (options.m_path && options.m_path->empty()) {
         throw CLI::ValidationError("--path", "no file");
     }
-    if (options.m_slot) {
-        return RequestBySlot(options);
+    TCReportWait wait(options.m_stateDirectory, options.m_timeout);
+    if (options.m_wait && !wait.Begin()) {
+        return EStatus::Negative;
     }
-    return RequestByFile(options,
-                         options.m_reboot ? tools::kRebootRequestDrop : tools::kRequestDrop);
+    TSAwaited awaited;
+    const EStatus left = options.m_slot ? RequestBySlot(options, awaited)
+                                        : RequestByFile(options,
+                                                        options.m_reboot ? tools::kRebootRequestDrop
+                                                                         : tools::kRequestDrop,
+                                                        awaited);
+    return options.m_wait && left == EStatus::Success ? wait.Run(awaited) : left;
 }
 
 } // namespace
@@ -177,6 +209,16 @@ void AddReport(CLI::App& program, EStatus& status)
     command->add_flag("--slot", options->m_slot, "Leave it in the key-value store, not as a file")
         ->excludes(mode)
         ->excludes(path);
+    CLI::Option* const wait
+        = command->add_flag("--wait", options->m_wait, "Wait for the report, and print its number");
+    command->add_option("--timeout", options->m_timeout, "Wait for so many seconds at most")
+        ->type_name("S")
+        ->check(&CheckSeconds)
+        ->needs(wait);
+    command->add_option("--state-dir", options->m_stateDirectory, "The agent's directory")
+        ->type_name("DIR")
+        ->capture_default_str()
+        ->needs(wait);
     command->callback([options, &status] { status = Report(*options); });
 }
 

@@ -21,17 +21,30 @@ _kelctl() {
             esac
             words='--count --json --timeout --help'
             ;;
-        status | policy) words='--json --help' ;;
+        status) words='--json --help' ;;
+        policy)
+            if [[ $previous == --state-dir ]]; then
+                compopt -o filenames 2>/dev/null
+                mapfile -t COMPREPLY < <(compgen -d -- "$current")
+                return
+            fi
+            words='--json --print --state-dir --help'
+            ;;
         report)
             case $previous in
-            --process | --thread) return ;; # names of the user's own
+            --process | --thread | --timeout) return ;; # names and a number of the user's own
+            --state-dir)
+                compopt -o filenames 2>/dev/null
+                mapfile -t COMPREPLY < <(compgen -d -- "$current")
+                return
+                ;;
             --mode) words='oqc-always always once-only policy' ;;
             --path)
                 compopt -o filenames 2>/dev/null
                 mapfile -t COMPREPLY < <(compgen -f -- "$current")
                 return
                 ;;
-            *) words='--process --thread --mode --path --reboot --slot --help' ;;
+            *) words='--process --thread --mode --path --reboot --slot --state-dir --timeout --wait --help' ;;
             esac
             ;;
         reports)

@@ -29,6 +29,9 @@ complete -c kelctl -n '__fish_seen_subcommand_from report' -x -l mode \
 complete -c kelctl -n '__fish_seen_subcommand_from report' -r -F -l path -d 'a file that the report is to have'
 complete -c kelctl -n '__fish_seen_subcommand_from report' -l reboot -d 'ask for a restart, too'
 complete -c kelctl -n '__fish_seen_subcommand_from report' -l slot -d 'leave the request in the key-value store'
-complete -c kelctl -n '__fish_seen_subcommand_from reports' -x -l state-dir \
+complete -c kelctl -n '__fish_seen_subcommand_from report' -l wait -d 'wait for the report'
+complete -c kelctl -n '__fish_seen_subcommand_from report' -x -l timeout -d 'wait for so many seconds at most'
+complete -c kelctl -n '__fish_seen_subcommand_from policy' -l print -d "print the text of the agent's own policy"
+complete -c kelctl -n '__fish_seen_subcommand_from report reports policy' -x -l state-dir \
     -a '(__fish_complete_directories)' -d "the agent's directory of state"
 complete -c kelctl -n '__fish_seen_subcommand_from klog' -l follow -d 'go on with new lines'

@@ -34,7 +34,12 @@ _kelctl() {
                 '--count[end after so many events]:events: ' \
                 '--timeout[end after so many seconds]:seconds: '
             ;;
-        status | policy) _arguments $help '--json[print a JSON object]' ;;
+        status) _arguments $help '--json[print a JSON object]' ;;
+        policy)
+            _arguments $help '--json[print a JSON object]' \
+                "--print[print the text of the agent's own policy]" \
+                "--state-dir[the agent's directory of state]:directory:_files -/"
+            ;;
         report)
             _arguments $help \
                 '--process[the process that it is about]:name: ' \
@@ -42,7 +47,10 @@ _kelctl() {
                 '--mode[the send mode]:mode:(oqc-always always once-only policy)' \
                 '--path[a file that the report is to have]:file:_files' \
                 '--reboot[ask for a restart, too]' \
-                '--slot[leave the request in the key-value store]'
+                '--slot[leave the request in the key-value store]' \
+                '--wait[wait for the report, and print its number]' \
+                '--timeout[wait for so many seconds at most]:seconds: ' \
+                "--state-dir[the agent's directory of state]:directory:_files -/"
             ;;
         reports)
             _arguments $help '--json[print JSON]' \
