@@ -3,7 +3,7 @@
 #include <string>
 
 #include "Bus.h"
-#include "Commands.h"
+#include "ExitStatus.h"
 
 namespace kel {
 namespace ctl {

@@ -2,19 +2,10 @@
 
 #include <CLI/CLI.hpp>
 
+#include "ExitStatus.h"
+
 namespace kel {
 namespace ctl {
-
-/// The program's exit statuses. They are an interface: scripts look at them.
-enum class EStatus {
-    Success = 0,
-    Negative = 1, // the agent refused the policy; no agent owns the name; the request could not be
-                  // left; a report, or the kernel log, cannot be read
-    WrongUsage = 2,
-    NoAnswer = 3, // from the agent, or from the bus
-    TooFewEvents = 4,
-    NoOutput = 5 // what there is to say cannot be written
-};
 
 /// What every command takes.
 struct TSCommon

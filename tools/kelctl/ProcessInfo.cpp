@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "Agent.h"
+#include "Commands.h"
 
 namespace kel {
 namespace ctl {

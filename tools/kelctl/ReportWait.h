@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "Commands.h"
+#include "ExitStatus.h"
 
 namespace kel {
 namespace ctl {

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "Agent.h"
+#include "Commands.h"
 
 namespace kel {
 namespace ctl {
