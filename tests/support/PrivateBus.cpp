@@ -16,29 +16,6 @@ namespace {
 
 constexpr char kVariable[] = "DBUS_SYSTEM_BUS_ADDRESS";
 
-// What a stock system bus allows and denies before any policy file is read.
-constexpr char kDefaultPolicy[] = R"(
-  <policy context="default">
-    <allow user="*"/>
-    <deny own="*"/>
-    <deny send_type="method_call"/>
-    <allow send_type="signal"/>
-    <allow send_requested_reply="true" send_type="method_return"/>
-    <allow send_requested_reply="true" send_type="error"/>
-    <allow receive_type="method_call"/>
-    <allow receive_type="method_return"/>
-    <allow receive_type="error"/>
-    <allow receive_type="signal"/>
-    <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus"/>
-    <allow send_destination="org.freedesktop.DBus"
-           send_interface="org.freedesktop.DBus.Introspectable"/>
-    <allow send_destination="org.freedesktop.DBus"
-           send_interface="org.freedesktop.DBus.Properties"/>
-    <deny send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus"
-          send_member="UpdateActivationEnvironment"/>
-  </policy>
-)";
-
 // The project's policy lets root be the agent. A test that does not run as root plays all parts
 // itself, under the same rules.
 std::string PolicyForThisUser()
@@ -61,9 +38,9 @@ std::string Configuration(const std::string& directory, const PrivateBus::TSOpti
     std::string text = "<!DOCTYPE busconfig PUBLIC "
                        "\"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\" "
                        "\"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-                       "<busconfig>\n  <type>system</type>\n  <listen>unix:path="
-                       + directory + "/bus</listen>\n  <auth>EXTERNAL</auth>\n  <servicedir>"
-                       + directory + "/services</servicedir>\n" + kDefaultPolicy;
+                       "<busconfig>\n  <include>" KEL_STRICT_BUS "</include>\n  <listen>unix:path="
+                       + directory + "/bus</listen>\n  <servicedir>" + directory
+                       + "/services</servicedir>\n";
     if (options.m_projectPolicy) {
         text += "  <includedir>" KEL_POLICY_DIR "</includedir>\n";
     }
