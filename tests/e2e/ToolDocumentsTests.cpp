@@ -55,18 +55,21 @@ std::string Rendered(const std::string& page)
     return rendered.m_output;
 }
 
-// What the shell offers for the last of these words.
-TWords Completed(const std::string& words)
+// What the shell offers for the last of these words, by the function of a tool.
+TWords Completed(const std::string& words, const std::string& tool = "kelctl",
+                 const std::string& function = "_kelctl")
 {
-    const TSFinished ended = RunProgram(
-        {"bash", "-c",
-         "source '" KEL_TOOLS "/kelctl/kelctl.bash'\n"
-         "COMP_WORDS=("
-             + words
-             + ")\n"
-               "COMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n"
-               "_kelctl kelctl \"${COMP_WORDS[COMP_CWORD]}\" \"${COMP_WORDS[COMP_CWORD-1]}\"\n"
-               "printf '%s\\n' \"${COMPREPLY[@]}\""});
+    const TSFinished ended
+        = RunProgram({"bash", "-c",
+                      "source '" KEL_TOOLS "/" + tool + "/" + tool
+                          + ".bash'\n"
+                            "COMP_WORDS=("
+                          + words
+                          + ")\n"
+                            "COMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n"
+                          + function + " " + tool
+                          + " \"${COMP_WORDS[COMP_CWORD]}\" \"${COMP_WORDS[COMP_CWORD-1]}\"\n"
+                            "printf '%s\\n' \"${COMPREPLY[@]}\""});
     EXPECT_EQ(ended.m_exit, 0) << Text(ended);
     TWords offered;
     std::istringstream lines(ended.m_output);
@@ -151,6 +154,32 @@ TEST(ToolDocuments, TheCompletionOffersFilesWhereFilesAreMeantAndNothingForANumb
     EXPECT_EQ(Completed("kelctl reports --state-dir '" KEL_TOOLS "/kelc'"),
               TWords{KEL_TOOLS "/kelctl"});
     EXPECT_EQ(Completed("kelctl unknown ''"), TWords{});
+}
+
+TEST(ToolDocuments, TheTestbusIsToldOfAsItIs)
+{
+    const TWords options = Options({KEL_TESTBUS});
+    const std::string page = Rendered("kel-testbus/kel-testbus.1");
+    const std::string zsh = ReadFile(KEL_TOOLS "/kel-testbus/kel-testbus.zsh");
+    const std::string fish = ReadFile(KEL_TOOLS "/kel-testbus/kel-testbus.fish");
+    const auto completed = [](const std::string& words) {
+        return Completed("kel-testbus " + words, "kel-testbus", "_kel_testbus");
+    };
+
+    for (const std::string& option : options) {
+        EXPECT_THAT(page, HasSubstr(option));
+        EXPECT_THAT(zsh, HasSubstr(option));
+        EXPECT_THAT(fish, HasSubstr(" -l " + option.substr(2) + " "));
+    }
+    TWords first = options;
+    first.insert("--");
+    EXPECT_EQ(completed("--"), first);
+    EXPECT_EQ(completed("--agent ref"), TWords{"reference"});
+    EXPECT_EQ(completed("--agent '" KEL_EXAMPLES "/testbus/sl'"),
+              TWords{KEL_EXAMPLES "/testbus/slow.agent"});
+    EXPECT_THAT(completed("--test -- dbus-dae"), Contains("dbus-daemon"));
+    EXPECT_EQ(completed("--test -- cat '" KEL_EXAMPLES "/testbus/sl'"),
+              TWords{KEL_EXAMPLES "/testbus/slow.agent"});
 }
 
 } // namespace kel::test
