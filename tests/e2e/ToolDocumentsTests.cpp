@@ -151,6 +151,10 @@ TEST(ToolDocuments, TheCompletionOffersFilesWhereFilesAreMeantAndNothingForANumb
               TWords{KEL_EXAMPLES "/policy.xml"});
     EXPECT_EQ(Completed("kelctl report --thread ''"), TWords{});
     EXPECT_EQ(Completed("kelctl report --mode on"), TWords{"once-only"});
+    EXPECT_EQ(Completed("kelctl reports --mode on"), TWords{"once-only"});
+    EXPECT_EQ(Completed("kelctl reports --sort p"), TWords{"process"});
+    EXPECT_EQ(Completed("kelctl reports --since ''"), TWords{});
+    EXPECT_EQ(Completed("kelctl reports --user roo"), TWords{"root"});
     EXPECT_EQ(Completed("kelctl reports --state-dir '" KEL_TOOLS "/kelc'"),
               TWords{KEL_TOOLS "/kelctl"});
     EXPECT_EQ(Completed("kelctl unknown ''"), TWords{});

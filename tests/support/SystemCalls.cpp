@@ -1,7 +1,9 @@
 #include "support/SystemCalls.h"
 
+#include <fcntl.h>
 #include <sys/ptrace.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
@@ -79,6 +81,34 @@ size_t CountSystemCalls(pid_t process, std::chrono::milliseconds time)
         ptrace(PTRACE_DETACH, id, nullptr, nullptr);
     }
     return count;
+}
+
+size_t CountSystemCallsOf(const std::vector<std::string>& command)
+{
+    std::vector<char*> arguments;
+    for (const std::string& argument : command) {
+        arguments.push_back(const_cast<char*>(argument.c_str()));
+    }
+    arguments.push_back(nullptr);
+    const pid_t process = fork();
+    if (process == 0) {
+        const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+        dup2(nowhere, STDOUT_FILENO);
+        ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+        execv(arguments[0], arguments.data());
+        _exit(127);
+    }
+    size_t stops = 0;
+    int status = 0;
+    while (waitpid(process, &status, 0) == process && WIFSTOPPED(status)) {
+        ptrace(PTRACE_SETOPTIONS, process, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
+        stops += WSTOPSIG(status) == kSystemCall ? 1 : 0;
+        ptrace(PTRACE_SYSCALL, process, nullptr, nullptr);
+    }
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        throw std::runtime_error(command[0] + " has failed, or cannot be traced");
+    }
+    return stops / 2; // where one begins, and where it ends
 }
 
 size_t CountSleeps(pid_t process, std::chrono::milliseconds time)

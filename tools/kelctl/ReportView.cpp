@@ -1,9 +1,7 @@
 #include "ReportView.h"
 
 #include <algorithm>
-#include <array>
 #include <utility>
-#include <vector>
 
 #include "common/Text.h"
 
@@ -113,36 +111,43 @@ bool TSReportView::Read(const std::string& text, TJson& report)
     return true;
 }
 
-std::string TSReportView::Table(const TJson& reports)
+const TSReportView::TRow TSReportView::kHead
+    = {"ID", "COLLECTED", "PROCESS", "THREAD", "MODE", "REBOOT", "ARTEFACT", "DIRECTORY"};
+
+TSReportView::TRow TSReportView::Row(const TJson& report)
 {
-    typedef std::array<std::string, 8> TRow;
-    std::vector<TRow> rows
-        = {{"ID", "COLLECTED", "PROCESS", "THREAD", "MODE", "REBOOT", "ARTEFACT", "DIRECTORY"}};
-    for (const TJson& report : reports) {
-        rows.push_back({TextAt(report, "/id"), TextAt(report, "/time"),
-                        TextAt(report, "/request/process"), TextAt(report, "/request/thread"),
-                        TextAt(report, "/request/mode"), TextAt(report, "/request/reboot"),
-                        ArtefactOf(report), TextAt(report, "/directory")});
+    return {TextAt(report, "/id"),
+            TextAt(report, "/time"),
+            TextAt(report, "/request/process"),
+            TextAt(report, "/request/thread"),
+            TextAt(report, "/request/mode"),
+            TextAt(report, "/request/reboot"),
+            ArtefactOf(report),
+            TextAt(report, "/directory")};
+}
+
+void TSReportView::Widen(TWidths& widths, const TRow& row)
+{
+    for (size_t i = 0; i < row.size(); ++i) {
+        widths[i] = std::max(widths[i], Width(row[i]));
     }
-    size_t widths[std::tuple_size<TRow>::value] = {};
-    for (const TRow& row : rows) {
-        for (size_t i = 0; i < row.size(); ++i) {
-            widths[i] = std::max(widths[i], Width(row[i]));
-        }
+}
+
+std::string TSReportView::Line(const TRow& row, const TWidths& widths)
+{
+    std::string line;
+    for (size_t i = 0; i + 1 < row.size(); ++i) {
+        const size_t width = Width(row[i]);
+        line += row[i] + std::string(std::max(widths[i], width) - width + kGap, ' ');
     }
-    std::string table;
-    for (const TRow& row : rows) {
-        for (size_t i = 0; i + 1 < row.size(); ++i) {
-            table += row[i] + std::string(widths[i] - Width(row[i]) + kGap, ' ');
-        }
-        table += row.back() + "\n";
-    }
-    return table;
+    return line + row.back() + "\n";
 }
 
 std::string TSReportView::Members(const TJson& report) { return MembersAt(report, 0); }
 
 std::string TSReportView::Json(const TJson& value) { return Dump(value, kIndent) + "\n"; }
+
+std::string TSReportView::JsonLine(const TJson& value) { return Dump(value, kOneLine) + "\n"; }
 
 } // namespace ctl
 } // namespace kel

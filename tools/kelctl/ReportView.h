@@ -1,7 +1,9 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <string>
+#include <tuple>
 
 #include <nlohmann/json.hpp>
 
@@ -32,14 +34,26 @@ struct TSReportView
     /// @return false when it is no JSON object, or beyond a bound.
     static bool Read(const std::string& text, TJson& report);
 
-    /// An array of reports as a table, with its head.
-    static std::string Table(const TJson& reports);
+    /// A line of the table: what it tells of a report.
+    typedef std::array<std::string, 8> TRow;
+    static const TRow kHead;
+    static TRow Row(const TJson& report);
+
+    /// The characters that each column takes.
+    typedef std::array<size_t, std::tuple_size<TRow>::value> TWidths;
+
+    /// Makes room for a row.
+    static void Widen(TWidths& widths, const TRow& row);
+
+    /// A row as it is printed; one that has no room is longer.
+    static std::string Line(const TRow& row, const TWidths& widths);
 
     /// The members of one, a line each.
     static std::string Members(const TJson& report);
 
-    /// A value as JSON in ASCII, over several lines.
+    /// A value as JSON in ASCII, over several lines or on one.
     static std::string Json(const TJson& value);
+    static std::string JsonLine(const TJson& value);
 };
 
 } // namespace ctl

@@ -48,12 +48,21 @@ _kelctl() {
             esac
             ;;
         reports)
-            if [[ $previous == --state-dir ]]; then
+            case $previous in
+            --since | --older-than | --process) return ;; # the user's own
+            --user) words=$(compgen -u -- "$current") ;;
+            --mode) words='oqc-always always once-only policy' ;;
+            --sort) words='id time process user mode size' ;;
+            --state-dir)
                 compopt -o filenames 2>/dev/null
                 mapfile -t COMPREPLY < <(compgen -d -- "$current")
                 return
-            fi
-            words='--json --state-dir --help'
+                ;;
+            *)
+                words='--since --older-than --process --user --mode --sort --reverse --json --follow
+                    --remove --state-dir --help'
+                ;;
+            esac
             ;;
         klog) words='--follow --help' ;;
         process-info) words='--help' ;;

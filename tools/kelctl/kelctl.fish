@@ -34,4 +34,14 @@ complete -c kelctl -n '__fish_seen_subcommand_from report' -x -l timeout -d 'wai
 complete -c kelctl -n '__fish_seen_subcommand_from policy' -l print -d "print the text of the agent's own policy"
 complete -c kelctl -n '__fish_seen_subcommand_from report reports policy' -x -l state-dir \
     -a '(__fish_complete_directories)' -d "the agent's directory of state"
+complete -c kelctl -n '__fish_seen_subcommand_from reports' -x -l since -d 'only those of this time or age, and newer ones'
+complete -c kelctl -n '__fish_seen_subcommand_from reports' -x -l older-than -d 'only those of more than this age'
+complete -c kelctl -n '__fish_seen_subcommand_from reports' -x -l process -d 'only those about this process'
+complete -c kelctl -n '__fish_seen_subcommand_from reports' -x -l user -a '(__fish_complete_users)' -d 'only those that this user asked for'
+complete -c kelctl -n '__fish_seen_subcommand_from reports' -x -l mode \
+    -a 'oqc-always always once-only policy' -d 'only those of this mode'
+complete -c kelctl -n '__fish_seen_subcommand_from reports' -x -l sort -a 'id time process user mode size' -d 'sort them'
+complete -c kelctl -n '__fish_seen_subcommand_from reports' -l reverse -d 'turn the order round'
+complete -c kelctl -n '__fish_seen_subcommand_from reports' -l follow -d 'go on with those that are new'
+complete -c kelctl -n '__fish_seen_subcommand_from reports' -l remove -d 'remove them'
 complete -c kelctl -n '__fish_seen_subcommand_from klog' -l follow -d 'go on with new lines'

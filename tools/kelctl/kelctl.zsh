@@ -54,7 +54,16 @@ _kelctl() {
             ;;
         reports)
             _arguments $help '--json[print JSON]' \
-                "--state-dir[the agent's directory of state]:directory:_files -/" '1:report: '
+                '--since[only those of this time or age, and newer ones]:time: ' \
+                '--older-than[only those of more than this age]:age: ' \
+                '--process[only those about this process]:name: ' \
+                '--user[only those that this user asked for]:user:_users' \
+                '--mode[only those of this mode]:mode:(oqc-always always once-only policy)' \
+                '--sort[sort them]:key:(id time process user mode size)' \
+                '--reverse[turn the order round]' \
+                '--follow[go on with those that are new]' \
+                '--remove[remove them]' \
+                "--state-dir[the agent's directory of state]:directory:_files -/" '*:report: '
             ;;
         process-info) _arguments $help ;;
         klog) _arguments $help '--follow[go on with new lines]' ;;
