@@ -182,6 +182,22 @@ TEST_F(KelctlReports, OneThatTheAgentDropsMeanwhileIsSimplyNotThere)
     EXPECT_EQ(Directories(json::parse(kelctl.Output())), TWords{kReports / "0000000003"});
 }
 
+TEST_F(KelctlReports, OneThatIsAskedForAndDroppedMeanwhileIsToldOf)
+{
+    fs::create_directories(kReports / "0000000001");
+    const fs::path file = kReports / "0000000001" / "report.json";
+    ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+    ChildProcess kelctl({KEL_CTL, "reports", "--state-dir", kState, "1"});
+    const int writer = open(file.c_str(), O_WRONLY | O_CLOEXEC); // when kelctl has opened it
+    ASSERT_GE(writer, 0);
+
+    fs::rename(kReports / "0000000001", kReports / ".old-0000000001");
+    close(writer);
+
+    EXPECT_EQ(kelctl.Wait(), 1);
+    EXPECT_EQ(kelctl.ErrorOutput(), "kelctl: there is no report 1\n");
+}
+
 TEST_F(KelctlReports, WithANumberItPrintsAllOfOne)
 {
     WriteReport("0000000007", WholeReport(7, "other"));

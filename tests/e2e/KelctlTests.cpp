@@ -222,6 +222,8 @@ TEST_F(Kelctl, WrongUsageIsToldInOneLine)
                                                       {"reports", "--remove", "--follow"},
                                                       {"reports", "--follow", "8"},
                                                       {"reports", "--follow", "--sort", "id"},
+                                                      {"reports", "--html"},
+                                                      {"reports", "--html", "/tmp/page", "--json"},
                                                       {"reports", "--count", "1"}}) {
         const TSFinished ended = AgentRoad::Kelctl(arguments);
 

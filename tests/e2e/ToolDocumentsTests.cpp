@@ -155,6 +155,8 @@ TEST(ToolDocuments, TheCompletionOffersFilesWhereFilesAreMeantAndNothingForANumb
     EXPECT_EQ(Completed("kelctl reports --sort p"), TWords{"process"});
     EXPECT_EQ(Completed("kelctl reports --since ''"), TWords{});
     EXPECT_EQ(Completed("kelctl reports --user roo"), TWords{"root"});
+    EXPECT_EQ(Completed("kelctl reports --html '" KEL_EXAMPLES "/pol'"),
+              TWords{KEL_EXAMPLES "/policy.xml"});
     EXPECT_EQ(Completed("kelctl reports --state-dir '" KEL_TOOLS "/kelc'"),
               TWords{KEL_TOOLS "/kelctl"});
     EXPECT_EQ(Completed("kelctl unknown ''"), TWords{});

@@ -7,7 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 
@@ -143,12 +143,17 @@ TCReportDirectory::ERead TCReportDirectory::Read(const std::string& name, TJson&
     return lstat(path.c_str(), &status) != 0 && errno == ENOENT ? ERead::Gone : ERead::Unreadable;
 }
 
+TCDescriptor TCReportDirectory::Open(const std::string& name) const
+{
+    return TCDescriptor(open(PathOf(name).c_str(), kDirectory | O_NOFOLLOW | O_CLOEXEC));
+}
+
 TCOutcome TCReportDirectory::Remove(const std::string& name) const
 {
     const TCDescriptor reports(open(m_path.c_str(), kDirectory | O_NOFOLLOW | O_CLOEXEC));
     const TCDescriptor one = OpenIn(reports.Get(), name, kDirectory);
     if (!reports.IsOpen() || !one.IsOpen()) {
-        return FailedAt(PathOf(name));
+        return errno == ENOENT ? TCOutcome() : FailedAt(PathOf(name)); // the agent was first
     }
     const std::string old = kOld + name;
     TCTreeRemoval removal(reports.Get());
@@ -173,6 +178,11 @@ bool TCReportDirectory::IsNumber(const std::string& text)
 bool TCReportDirectory::IsReport(const std::string& name)
 {
     return name.size() == kDigits && IsNumber(name);
+}
+
+uint64_t TCReportDirectory::IdOf(const std::string& name)
+{
+    return std::strtoull(name.c_str(), nullptr, 10);
 }
 
 } // namespace ctl

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,9 @@ public:
     /// @param report  replaced on success, with its directory among its members.
     ERead Read(const std::string& name, TJson& report) const;
 
+    /// Opens the directory of a report, unless it is a link.
+    tools::TCDescriptor Open(const std::string& name) const;
+
     /// Takes a report away: in one step it is none any more, then its files go. No link is
     /// followed, and nothing that is mounted is entered, whoever else may write there. What a kill
     /// leaves behind is removed by the agent, as its own.
@@ -52,6 +56,9 @@ public:
     static bool IsNumber(const std::string& text);
 
     static bool IsReport(const std::string& name);
+
+    /// The number of a report of this name.
+    static uint64_t IdOf(const std::string& name);
 
 private:
     const std::string m_state;

@@ -36,6 +36,11 @@ struct TSShown
     TSReportView::TRow m_row;
 };
 
+void TellMissing(const std::string& id)
+{
+    std::fprintf(stderr, "kelctl: there is no report %s\n", id.c_str());
+}
+
 // Leaves the reports that are asked for. False when one of them is not there; it is told of.
 bool Choose(const TSReportsOptions& options, std::vector<std::string>& names)
 {
@@ -49,7 +54,7 @@ bool Choose(const TSReportsOptions& options, std::vector<std::string>& names)
         if (std::binary_search(names.begin(), names.end(), name)) {
             chosen.insert(name);
         } else {
-            std::fprintf(stderr, "kelctl: there is no report %s\n", id.c_str());
+            TellMissing(id);
             all = false;
         }
     }
@@ -128,7 +133,8 @@ bool Remove(const TSReportsOptions& options, const TCReportDirectory& directory,
         }
         const tools::TCOutcome outcome = directory.Remove(name);
         if (outcome) {
-            std::printf("report %lu removed\n", std::strtoul(name.c_str(), nullptr, 10));
+            std::printf("report %llu removed\n",
+                        static_cast<unsigned long long>(TCReportDirectory::IdOf(name)));
         } else {
             std::fprintf(stderr, "kelctl: %s\n", outcome.Reason().c_str());
             done = false;
@@ -153,6 +159,10 @@ EStatus Reports(const TSReportsOptions& options)
         return EStatus::Negative;
     }
     bool done = Choose(options, names);
+    if (!options.m_page.empty()) {
+        const EStatus status = WriteReportPage(options, names);
+        return status == EStatus::Success && !done ? EStatus::Negative : status;
+    }
     done = (options.m_remove ? Remove : Show)(options, directory, names) && done;
     return done ? EStatus::Success : EStatus::Negative;
 }
@@ -275,6 +285,10 @@ bool ReadSelected(const TSReportsOptions& options, const TCReportDirectory& dire
                      directory.PathOf(name).c_str());
         allRead = false;
     }
+    if (read == TCReportDirectory::ERead::Gone && !options.m_ids.empty()) {
+        TellMissing(std::to_string(TCReportDirectory::IdOf(name)));
+        allRead = false;
+    }
     return read == TCReportDirectory::ERead::Done && options.m_selection.Has(report);
 }
 
@@ -296,12 +310,18 @@ void AddReports(CLI::App& program, EStatus& status)
     CLI::Option* const follow
         = command->add_flag("--follow", options->m_follow, "Go on with those that are new")
               ->excludes(ids);
+    CLI::Option* const page
+        = command->add_option("--html", options->m_page, "Write them to a page for a browser")
+              ->type_name("FILE")
+              ->excludes(json)
+              ->excludes(follow);
     CLI::Option* const remove
         = command->add_flag("--remove", options->m_remove, "Remove them, as root")
               ->excludes(json)
-              ->excludes(follow);
+              ->excludes(follow)
+              ->excludes(page);
     for (const char* const order : {"--sort", "--reverse"}) {
-        for (CLI::Option* const other : {follow, remove}) {
+        for (CLI::Option* const other : {follow, page, remove}) {
             command->get_option(order)->excludes(other);
         }
     }

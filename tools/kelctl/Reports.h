@@ -16,6 +16,7 @@ struct TSReportsOptions
     std::vector<std::string> m_ids; // of those that are asked for; empty for all
     TSReportSelection m_selection;
     std::string m_stateDirectory;
+    std::string m_page; // the file; empty for none
     bool m_json = false;
     bool m_reverse = false;
     bool m_follow = false;
@@ -24,6 +25,11 @@ struct TSReportsOptions
 
 /// Prints the reports, and then each new one, until a signal comes or nobody reads the output.
 EStatus FollowReports(const TSReportsOptions& options);
+
+/// Writes a page of these reports, of which those that are not selected are left out.
+///
+/// @param names  the oldest first.
+EStatus WriteReportPage(const TSReportsOptions& options, const std::vector<std::string>& names);
 
 /// Reads one that is to be shown. One that cannot be read is told of.
 ///

@@ -53,6 +53,11 @@ _kelctl() {
             --user) words=$(compgen -u -- "$current") ;;
             --mode) words='oqc-always always once-only policy' ;;
             --sort) words='id time process user mode size' ;;
+            --html)
+                compopt -o filenames 2>/dev/null
+                mapfile -t COMPREPLY < <(compgen -f -- "$current")
+                return
+                ;;
             --state-dir)
                 compopt -o filenames 2>/dev/null
                 mapfile -t COMPREPLY < <(compgen -d -- "$current")
@@ -60,7 +65,7 @@ _kelctl() {
                 ;;
             *)
                 words='--since --older-than --process --user --mode --sort --reverse --json --follow
-                    --remove --state-dir --help'
+                    --html --remove --state-dir --help'
                 ;;
             esac
             ;;

@@ -43,5 +43,6 @@ complete -c kelctl -n '__fish_seen_subcommand_from reports' -x -l mode \
 complete -c kelctl -n '__fish_seen_subcommand_from reports' -x -l sort -a 'id time process user mode size' -d 'sort them'
 complete -c kelctl -n '__fish_seen_subcommand_from reports' -l reverse -d 'turn the order round'
 complete -c kelctl -n '__fish_seen_subcommand_from reports' -l follow -d 'go on with those that are new'
+complete -c kelctl -n '__fish_seen_subcommand_from reports' -r -F -l html -d 'write them to a page for a browser'
 complete -c kelctl -n '__fish_seen_subcommand_from reports' -l remove -d 'remove them'
 complete -c kelctl -n '__fish_seen_subcommand_from klog' -l follow -d 'go on with new lines'

@@ -62,6 +62,7 @@ _kelctl() {
                 '--sort[sort them]:key:(id time process user mode size)' \
                 '--reverse[turn the order round]' \
                 '--follow[go on with those that are new]' \
+                '--html[write them to a page for a browser]:file:_files' \
                 '--remove[remove them]' \
                 "--state-dir[the agent's directory of state]:directory:_files -/" '*:report: '
             ;;
