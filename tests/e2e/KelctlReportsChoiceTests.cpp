@@ -228,6 +228,7 @@ TEST_F(KelctlReportsChoice, FollowingEndsWithTheDirectoryOfStateAndWithItsReader
         = RunInShell("'" KEL_CTL "' reports --follow --state-dir '" + kState.string()
                      + "' | head -n 1; exit ${PIPESTATUS[0]}");
     EXPECT_EQ(unread.m_exit, 5) << Text(unread);
+    EXPECT_EQ(unread.m_errorOutput, ""); // who has gone knows
 }
 
 TEST_F(KelctlReportsChoice, ASignalEndsFollowingAlsoWhenItsReaderHasStopped)

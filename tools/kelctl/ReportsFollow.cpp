@@ -102,7 +102,7 @@ void TCFollower::m_Wait()
     pollfd events[] = {{m_events.Get(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
     poll(events, std::size(events), kForever);
     if (events[1].revents != 0) {
-        m_End(EStatus::NoOutput, "nobody reads the output");
+        m_status = EStatus::NoOutput; // who has gone knows
         return;
     }
     char block[4096];
@@ -141,10 +141,13 @@ void TCFollower::m_Print(const std::vector<TJson>& reports)
             text += TSReportView::Line(row, m_widths);
         }
     }
-    if (!tools::WriteAll(STDOUT_FILENO, text)) {
-        m_End(EStatus::NoOutput, errno == EPIPE ? "nobody reads the output"
-                                                : std::string("the output cannot be written: ")
-                                                      + std::strerror(errno));
+    if (tools::WriteAll(STDOUT_FILENO, text)) {
+        return;
+    }
+    m_status = EStatus::NoOutput;
+    if (errno != EPIPE) { // who has gone knows
+        m_End(EStatus::NoOutput,
+              std::string("the output cannot be written: ") + std::strerror(errno));
     }
 }
 
