@@ -1,5 +1,6 @@
 #include "KELFanOut.h"
 
+#include <algorithm>
 #include <functional>
 
 #include <gmock/gmock.h>
@@ -176,9 +177,12 @@ TEST_F(FanOut, StartsAllThatAreLeftWhenTheTimeIsOver)
     }
 
     for (const Call& call : calls) {
-        EXPECT_EQ(call.m_timeouts.back(), 1);
         EXPECT_THAT(call.m_timeouts, Each(Ge(1)));
     }
+    // The time may run out while one is being started, with what was left before.
+    const auto late = std::count_if(calls.begin(), calls.end(),
+                                    [](const Call& call) { return call.m_timeouts.back() == 1; });
+    EXPECT_GE(static_cast<size_t>(late), calls.size() - 1);
 }
 
 } // namespace
