@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <stdexcept>
 
@@ -100,7 +101,12 @@ ChildProcess::ChildProcess(const std::vector<std::string>& command, const TEnvir
     }
     setpgid(m_id, m_id); // whoever comes first
     m_input = input.m_write;
-    m_reader = std::thread(&ChildProcess::m_Read, this, output.m_read, errorOutput.m_read, m_stop);
+    m_pipes[0] = output.m_read;
+    m_pipes[1] = errorOutput.m_read;
+    for (const int pipe : m_pipes) {
+        fcntl(pipe, F_SETFL, O_NONBLOCK);
+    }
+    m_reader = std::thread(&ChildProcess::m_Read, this);
 }
 
 ChildProcess::~ChildProcess()
@@ -141,12 +147,14 @@ void ChildProcess::CloseInput()
 std::string ChildProcess::Output() const
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
+    m_Take();
     return m_output;
 }
 
 std::string ChildProcess::ErrorOutput() const
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
+    m_Take();
     return m_errorOutput;
 }
 
@@ -183,42 +191,53 @@ void ChildProcess::Kill()
     m_Reap(true);
 }
 
-void ChildProcess::m_Read(int output, int errorOutput, int stop)
+void ChildProcess::m_Read()
 {
-    pollfd sources[] = {{output, POLLIN, 0}, {errorOutput, POLLIN, 0}, {stop, POLLIN, 0}};
-    std::string* const texts[] = {&m_output, &m_errorOutput};
-    while (sources[0].fd >= 0 || sources[1].fd >= 0) {
+    for (bool stop = false; !stop;) {
+        pollfd sources[] = {{-1, POLLIN, 0}, {-1, POLLIN, 0}, {m_stop, POLLIN, 0}};
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            sources[0].fd = m_pipes[0];
+            sources[1].fd = m_pipes[1];
+        }
+        if (sources[0].fd < 0 && sources[1].fd < 0) {
+            break;
+        }
         if (poll(sources, 3, -1) < 0) {
             continue;
         }
-        bool idle = true;
-        for (int i = 0; i < 2; ++i) {
-            if (sources[i].fd < 0 || sources[i].revents == 0) {
-                continue;
-            }
-            idle = false;
-            char buffer[4096];
-            const ssize_t size = read(sources[i].fd, buffer, sizeof(buffer));
-            if (size <= 0) {
-                close(sources[i].fd);
-                sources[i].fd = -1;
-                continue;
-            }
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            texts[i]->append(buffer, static_cast<size_t>(size));
-            m_changed.notify_all();
-        }
-        if (idle && sources[2].revents != 0) {
-            break;
-        }
-    }
-    for (int i = 0; i < 2; ++i) {
-        if (sources[i].fd >= 0) {
-            close(sources[i].fd);
-        }
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_Take();
+        stop = sources[0].revents == 0 && sources[1].revents == 0 && sources[2].revents != 0;
     }
     const std::lock_guard<std::mutex> lock(m_mutex);
+    for (int& pipe : m_pipes) {
+        if (pipe >= 0) {
+            close(pipe);
+            pipe = -1;
+        }
+    }
     m_closed = true;
+    m_changed.notify_all();
+}
+
+void ChildProcess::m_Take() const
+{
+    constexpr size_t kPipe = 65536; // what one holds, see pipe(7): a writer that goes on has an end
+    std::string* const texts[] = {&m_output, &m_errorOutput};
+    for (int i = 0; i < 2; ++i) {
+        char buffer[4096];
+        ssize_t size = m_pipes[i] < 0 ? -1 : 1;
+        for (size_t taken = 0; size > 0 && taken < kPipe; taken += sizeof(buffer)) {
+            size = read(m_pipes[i], buffer, sizeof(buffer));
+            if (size > 0) {
+                texts[i]->append(buffer, static_cast<size_t>(size));
+            } else if (size == 0 || (errno != EAGAIN && errno != EINTR)) {
+                close(m_pipes[i]);
+                m_pipes[i] = -1;
+            }
+        }
+    }
     m_changed.notify_all();
 }
 

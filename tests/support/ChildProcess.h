@@ -57,7 +57,8 @@ public:
     void Kill();
 
 private:
-    void m_Read(int output, int errorOutput, int stop);
+    void m_Read();
+    void m_Take() const; // what is in the pipes; m_mutex is held
     bool m_Reap(bool block);
 
     pid_t m_id;
@@ -66,10 +67,11 @@ private:
     std::optional<int> m_exit;
 
     mutable std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::string m_output;      // guarded by m_mutex
-    std::string m_errorOutput; // guarded by m_mutex
-    bool m_closed = false;     // no more output; guarded by m_mutex
+    mutable std::condition_variable m_changed;
+    mutable int m_pipes[2] = {-1, -1}; // to read its output and errors; guarded by m_mutex
+    mutable std::string m_output;      // guarded by m_mutex
+    mutable std::string m_errorOutput; // guarded by m_mutex
+    bool m_closed = false;             // no more output; guarded by m_mutex
     std::thread m_reader;
 };
 
