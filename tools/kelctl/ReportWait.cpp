@@ -2,16 +2,13 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
+#include <cinttypes>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <ctime>
 #include <thread>
+#include <vector>
 
-#include "ReportView.h"
 #include "common/Text.h"
 
 namespace kel {
@@ -19,9 +16,6 @@ namespace ctl {
 
 namespace {
 
-namespace fs = std::filesystem;
-
-constexpr size_t kDigits = 10; // of a report's directory
 constexpr std::chrono::milliseconds kPause(100);
 
 // By the clock that dates files, which lags behind the one that tells the time.
@@ -30,11 +24,6 @@ std::string FileTime()
     timespec now;
     clock_gettime(CLOCK_REALTIME_COARSE, &now);
     return tools::IsoTime(now);
-}
-
-bool IsReport(const std::string& name)
-{
-    return name.size() == kDigits && name.find_first_not_of("0123456789") == std::string::npos;
 }
 
 template <typename Value> bool Has(const TJson& members, const char* name, const Value& value)
@@ -51,18 +40,14 @@ TCReportWait::TCReportWait(const std::string& stateDirectory, double timeout)
 
 bool TCReportWait::Begin()
 {
-    std::error_code failure;
-    for (fs::directory_iterator entry(m_directory, failure), end; !failure && entry != end;
-         entry.increment(failure)) {
-    }
-    if (failure) {
-        std::fprintf(stderr, "kelctl: the report could not be waited for: %s: %s\n",
-                     tools::Printable(m_directory).c_str(), failure.message().c_str());
+    std::vector<std::string> names;
+    const tools::TCOutcome listed = m_directory.List(names);
+    if (!listed) {
+        std::fprintf(stderr, "kelctl: the report could not be waited for: %s\n",
+                     tools::Printable(listed.Reason()).c_str());
         return false;
     }
-    for (const std::string& name : m_NewReports()) {
-        m_known = std::max(m_known, std::strtoull(name.c_str(), nullptr, 10));
-    }
+    m_known = names.empty() ? 0 : TCReportDirectory::IdOf(names.back());
     return true;
 }
 
@@ -72,8 +57,8 @@ EStatus TCReportWait::Run(const TSAwaited& awaited)
     const auto start = std::chrono::steady_clock::now();
     const std::chrono::duration<double> timeout(m_timeout);
     for (;;) {
-        if (const std::optional<unsigned long long> number = m_Find(awaited)) {
-            std::printf("report %llu\n", *number);
+        if (const std::optional<uint64_t> number = m_Find(awaited)) {
+            std::printf("report %" PRIu64 "\n", *number);
             return EStatus::Success;
         }
         if (m_timeout > 0 && std::chrono::steady_clock::now() - start > timeout) {
@@ -84,27 +69,17 @@ EStatus TCReportWait::Run(const TSAwaited& awaited)
     }
 }
 
-// An agent that has collected nothing yet has no directory of reports; one that is dropped at this
-// moment is not the one.
-std::vector<std::string> TCReportWait::m_NewReports() const
+std::optional<uint64_t> TCReportWait::m_Find(const TSAwaited& awaited)
 {
     std::vector<std::string> names;
-    std::error_code failure;
-    for (fs::directory_iterator entry(m_directory + "/reports", failure), end;
-         !failure && entry != end; entry.increment(failure)) {
-        const std::string name = entry->path().filename();
-        if (IsReport(name) && std::strtoull(name.c_str(), nullptr, 10) > m_known) {
-            names.push_back(name);
-        }
+    if (!m_directory.List(names)) {
+        return std::nullopt; // there is another look
     }
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-std::optional<unsigned long long> TCReportWait::m_Find(const TSAwaited& awaited)
-{
-    for (const std::string& name : m_NewReports()) {
-        m_known = std::strtoull(name.c_str(), nullptr, 10);
+    for (const std::string& name : names) {
+        if (TCReportDirectory::IdOf(name) <= m_known) {
+            continue;
+        }
+        m_known = TCReportDirectory::IdOf(name);
         if (m_Is(name, awaited)) {
             return m_known;
         }
@@ -115,10 +90,9 @@ std::optional<unsigned long long> TCReportWait::m_Find(const TSAwaited& awaited)
 // A report is there at once, and whole.
 bool TCReportWait::m_Is(const std::string& name, const TSAwaited& awaited) const
 {
-    std::ifstream file(m_directory + "/reports/" + name + "/report.json");
-    const std::string text((std::istreambuf_iterator<char>(file)), {});
     TJson report;
-    if (!TSReportView::Read(text, report) || !report["request"].is_object()) {
+    if (m_directory.Read(name, report) != TCReportDirectory::ERead::Done
+        || !report["request"].is_object()) {
         return false;
     }
     const TJson& request = report["request"];

@@ -1,11 +1,11 @@
 #pragma once
 
-#include <ctime>
+#include <cstdint>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "ExitStatus.h"
+#include "ReportDirectory.h"
 
 namespace kel {
 namespace ctl {
@@ -35,14 +35,13 @@ public:
     EStatus Run(const TSAwaited& awaited);
 
 private:
-    std::vector<std::string> m_NewReports() const;
-    std::optional<unsigned long long> m_Find(const TSAwaited& awaited);
+    std::optional<uint64_t> m_Find(const TSAwaited& awaited);
     bool m_Is(const std::string& name, const TSAwaited& awaited) const;
 
-    const std::string m_directory;
+    const TCReportDirectory m_directory;
     const double m_timeout;
-    const std::string m_since;      // as a report tells when its request was left
-    unsigned long long m_known = 0; // the newest report that need not be looked at any more
+    const std::string m_since; // as a report tells when its request was left
+    uint64_t m_known = 0;      // the newest report that need not be looked at any more
 };
 
 } // namespace ctl
