@@ -1,5 +1,6 @@
 #include <poll.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -7,9 +8,10 @@
 #include <cstdio>
 #include <cstring>
 #include <iterator>
+#include <map>
 #include <optional>
-#include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "Reports.h"
@@ -22,6 +24,18 @@ namespace {
 constexpr uint32_t kComing = IN_CREATE | IN_MOVED_TO | IN_ONLYDIR;
 constexpr uint32_t kGoing = IN_DELETE_SELF | IN_MOVE_SELF;
 constexpr int kForever = -1;
+
+// Which report it is that has a number: the number may be given again.
+using TIdentity = std::tuple<dev_t, ino_t, time_t, long>;
+
+TIdentity IdentityOf(const std::string& report)
+{
+    struct stat status;
+    if (stat((report + "/" + TCReportDirectory::kReportFile).c_str(), &status) != 0) {
+        return {};
+    }
+    return {status.st_dev, status.st_ino, status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
+}
 
 // Goes on until its end has a status. It sleeps until something happens in the directory.
 class TCFollower
@@ -40,7 +54,7 @@ private:
     const TSReportsOptions& m_options;
     const TCReportDirectory m_directory;
     const tools::TCDescriptor m_events;
-    std::set<std::string> m_known; // names of reports that were there at the last look
+    std::map<std::string, TIdentity> m_known; // by their names: those of the last look
     TSReportView::TWidths m_widths = {};
     bool m_hasHead = false;
     std::optional<EStatus> m_status; // from its end on
@@ -69,7 +83,8 @@ EStatus TCFollower::Run()
     return *m_status;
 }
 
-// What comes while it looks is seen the next time: it watches before.
+// It watches before it looks: what comes meanwhile is seen now or the next time. An event tells
+// only that it is time to look, as what it tells of may have been seen.
 void TCFollower::m_Look()
 {
     const std::string& state = m_directory.State();
@@ -86,14 +101,18 @@ void TCFollower::m_Look()
     }
     bool allRead = true;
     std::vector<TJson> reports;
+    std::map<std::string, TIdentity> found;
     for (const std::string& name : names) {
+        const TIdentity identity = IdentityOf(m_directory.PathOf(name));
+        found.emplace(name, identity);
+        const auto known = m_known.find(name);
         TJson report;
-        if (m_known.count(name) == 0
+        if ((known == m_known.end() || known->second != identity)
             && ReadSelected(m_options, m_directory, name, report, allRead)) {
             reports.push_back(std::move(report));
         }
     }
-    m_known = std::set<std::string>(names.begin(), names.end());
+    m_known = std::move(found);
     m_Print(reports);
 }
 
@@ -106,17 +125,7 @@ void TCFollower::m_Wait()
         return;
     }
     char block[4096];
-    ssize_t size = 0;
-    while ((size = read(m_events.Get(), block, sizeof(block))) > 0) {
-        for (ssize_t at = 0; at < size;) {
-            inotify_event event;
-            std::memcpy(&event, block + at, sizeof(event));
-            at += static_cast<ssize_t>(sizeof(event));
-            if (event.len > 0) {
-                m_known.erase(block + at); // a number may be given again
-            }
-            at += static_cast<ssize_t>(event.len);
-        }
+    while (read(m_events.Get(), block, sizeof(block)) > 0) {
     }
 }
 
