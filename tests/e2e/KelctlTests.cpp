@@ -407,7 +407,7 @@ TEST_F(Kelctl, ASilentAgentIsWaitedForTenSeconds)
 
 TEST_F(Kelctl, AnAgentWithoutOurCodeAnswers)
 {
-    ChildProcess agent({"/usr/bin/python3", KEL_FOREIGN_AGENT});
+    ChildProcess agent({"/usr/bin/python3", "-B", KEL_EXAMPLES "/python/agent.py"});
     ASSERT_TRUE(agent.WaitForOutput("ready\n")) << agent.ErrorOutput();
 
     const TSFinished good = SetPolicy("<policy/>");
@@ -416,7 +416,8 @@ TEST_F(Kelctl, AnAgentWithoutOurCodeAnswers)
     EXPECT_EQ(good.m_exit, 0) << Text(good);
     EXPECT_EQ(bad.m_exit, 1) << Text(bad);
     EXPECT_EQ(bad.m_output, "5 (refused)\n");
-    EXPECT_TRUE(agent.WaitForOutput("policy '<policy/>'\npolicy 'text'\n")) << agent.Output();
+    EXPECT_TRUE(agent.WaitForOutput("policy of 9 bytes: '<policy/>'\n")) << agent.Output();
+    EXPECT_TRUE(agent.WaitForOutput("policy of 4 bytes: 'text'\n")) << agent.Output();
 }
 
 TEST_F(Kelctl, TheExampleAgentAccepts)
