@@ -106,6 +106,21 @@ void Server()
     //! [TCDbusServer]
 }
 
+void Clients(kel::TCDbusServer& server)
+{
+    //! [SendToEach]
+    for (const kel::TSClientOutcome& outcome :
+         server.SendToEach(kel::ICallbacks::POLICY_UPDATE, {}, 5000)) {
+        if (outcome.m_failure.m_kind == kel::EFailure::TimedOut) {
+            std::cout << outcome.m_uniqueName << " has not answered\n";
+        }
+    }
+    for (const kel::TSRegisteredClient& client : server.Clients(16)) {
+        std::cout << client.m_uniqueName << " asks for " << client.m_numberOfTypes << " types\n";
+    }
+    //! [SendToEach]
+}
+
 //! [TCDeactivator]
 class TCFarewell : public kel::TIDestroyCallback
 {

@@ -1,9 +1,11 @@
 #include <kel/KELDbusServer.h>
 
+#include <algorithm>
 #include <atomic>
 #include <future>
 #include <memory>
 
+#include "KELFailureNote.h"
 #include "KELFanOut.h"
 #include "KELGlib.h"
 #include "KELGlibEntry.h"
@@ -29,6 +31,24 @@ constexpr GDBusProxyFlags kClientProxyFlags = static_cast<GDBusProxyFlags>(
 
 constexpr char kBus[] = "org.freedesktop.DBus"; // its name and its interface
 constexpr char kBusPath[] = "/org/freedesktop/DBus";
+
+// When a client was registered, in microseconds of the time of day. It is kept with the proxy,
+// which lives as long as the client: the place of each member of a client is an interface.
+constexpr char kRegistered[] = "kel-registered";
+
+void SetRegistered(GDBusProxy* proxy)
+{
+    gint64* const pTime = g_new(gint64, 1);
+    *pTime = g_get_real_time();
+    g_object_set_data_full(G_OBJECT(proxy), kRegistered, pTime, &g_free);
+}
+
+std::chrono::system_clock::time_point Registered(GDBusProxy* proxy)
+{
+    const void* const pTime = g_object_get_data(G_OBJECT(proxy), kRegistered);
+    return std::chrono::system_clock::time_point(
+        std::chrono::microseconds(*static_cast<const gint64*>(pTime)));
+}
 
 gboolean QuitLoop(gpointer loop)
 {
@@ -91,20 +111,23 @@ struct TCDbusServer::TSAsyncMessage
     }
 
     // The last that the private thread does with it.
-    void End(bool handled)
+    void End(EFailure kind)
     {
-        m_promise.set_value(handled);
+        m_kind = kind;
+        m_end = g_get_monotonic_time();
+        m_promise.set_value(kind == EFailure::None);
         m_pFanOut->Ended();
     }
 
     // Instead of End(), for a client that is not there, as it seems: an application may hand on
     // such an error of a call of its own, but the bus knows.
-    void EndWhenTheBusHasBeenAsked()
+    void EndWhenTheBusHasBeenAsked(EFailure kind)
     {
+        m_kind = kind;
         const auto answered = [](GObject* connection, GAsyncResult* result, gpointer message) {
             TSAsyncMessage* const pMessage = static_cast<TSAsyncMessage*>(message);
             pMessage->m_isGone = SaysNoOwner(connection, result);
-            pMessage->End(false);
+            pMessage->End(pMessage->m_isGone ? pMessage->m_kind : EFailure::Other);
         };
         CallBus(g_dbus_proxy_get_connection(m_pProxy.get()), "NameHasOwner",
                 g_dbus_proxy_get_name(m_pProxy.get()), m_pFanOut->TimeLeft(), answered, this);
@@ -118,6 +141,19 @@ struct TCDbusServer::TSAsyncMessage
     int m_timeout;                 // in milliseconds; -1 for the D-Bus library's default
     TCFanOut* m_pFanOut;           // the send that it is part of
     bool m_isGone = false;         // the bus says that the client's name is no more
+    size_t m_place = 0;            // of the outcome, where outcomes are asked for
+    EFailure m_kind = EFailure::None;
+    TCGlibError m_error; // what has ended the call, if anything
+    gint64 m_end = 0;    // monotonic
+};
+
+// What both kinds of a send do. Its function is named for them in the log.
+struct TCDbusServer::TSFanOut
+{
+    static std::pair<size_t, size_t> SendMessage(TCDbusServer& server, int type,
+                                                 const std::vector<unsigned char>& data,
+                                                 int timeout,
+                                                 std::vector<TSClientOutcome>* outcomes);
 };
 
 // Finds out whether the bus grants this connection one more match rule: it has so many for each
@@ -192,45 +228,90 @@ size_t TCDbusServer::NumberOfClients()
     return m_clients.size();
 }
 
+std::vector<TSRegisteredClient> TCDbusServer::Clients(unsigned int mostTypes)
+{
+    const TCReadLock state(m_stateMutex);
+    std::vector<TSRegisteredClient> clients(m_clients.size()); // one that grows is more code
+    auto next = clients.begin();
+    for (const auto& [uniqueName, client] : m_clients) {
+        TSRegisteredClient& told = *next++;
+        told.m_uniqueName = uniqueName;
+        told.m_numberOfTypes = client.m_types.size();
+        told.m_types = std::vector<int>(std::min<size_t>(mostTypes, told.m_numberOfTypes));
+        std::copy_n(client.m_types.begin(), told.m_types.size(), told.m_types.begin());
+        told.m_registered = Registered(client.m_pProxy);
+    }
+    return clients;
+}
+
 std::pair<size_t, size_t>
 TCDbusServer::SendMessage(int type, const std::vector<unsigned char>& data, int timeout)
 {
+    return TSFanOut::SendMessage(*this, type, data, timeout, nullptr);
+}
+
+std::vector<TSClientOutcome>
+TCDbusServer::SendToEach(int type, const std::vector<unsigned char>& data, int timeout)
+{
+    std::vector<TSClientOutcome> outcomes;
+    TSFanOut::SendMessage(*this, type, data, timeout, &outcomes);
+    return outcomes;
+}
+
+std::pair<size_t, size_t>
+TCDbusServer::TSFanOut::SendMessage(TCDbusServer& server, int type,
+                                    const std::vector<unsigned char>& data, int timeout,
+                                    std::vector<TSClientOutcome>* outcomes)
+{
+    const gint64 begin = g_get_monotonic_time();
     size_t successes = 0;
     size_t failures = 0;
+    size_t told = 0; // of the outcomes
     TGlibPtr<GVariant> parameters;
     std::vector<std::unique_ptr<TSAsyncMessage>> messages;
-    TCFanOut fanOut(m_pContext, timeout, &TSAsyncMessage::Start);
+    TCFanOut fanOut(server.m_pContext, timeout, &TSAsyncMessage::Start);
     {
-        const TCReadLock state(m_stateMutex);
-        if (!m_ready || m_clients.empty()) {
-            KEL_DEBUG("Connection is ready %d, number of clients %zu", m_ready, m_clients.size());
+        const TCReadLock state(server.m_stateMutex);
+        if (!server.m_ready || server.m_clients.empty()) {
+            KEL_DEBUG("Connection is ready %d, number of clients %zu", server.m_ready,
+                      server.m_clients.size());
             return {0, 0};
         }
-        const std::string blocked = m_BlockedSender();
-        for (const auto& [uniqueName, client] : m_clients) {
+        if (outcomes != nullptr) {
+            *outcomes = std::vector<TSClientOutcome>(server.m_clients.size());
+        }
+        const std::string blocked = server.m_BlockedSender();
+        for (const auto& [uniqueName, client] : server.m_clients) {
             const char* const name = g_dbus_proxy_get_name(client.m_pProxy);
             if (client.m_types.count(type) == 0) {
                 KEL_DEBUG("Client %s is not registered for event %d", name, type);
                 continue;
             }
+            EFailure obstacle = EFailure::Waiting;
             if (uniqueName == blocked) {
                 KEL_ERROR("Unable to send message to %s, type %d, waiting for sync replay", name,
                           type);
-                ++failures;
-                continue;
+            } else {
+                obstacle = server.m_Obstacle(name, data.size(), timeout);
             }
-            if (!m_IsSendable(name, data.size(), timeout)) {
+            if (outcomes != nullptr) {
+                (*outcomes)[told].m_uniqueName = uniqueName;
+                (*outcomes)[told].m_failure.m_kind = obstacle;
+            }
+            const size_t place = told++;
+            if (obstacle != EFailure::None) {
                 ++failures;
                 continue;
             }
             if (parameters == nullptr) {
                 GVariant* request = nullptr;
-                t_ConvertBytes(type, false, data, request);
+                server.t_ConvertBytes(type, false, data, request);
                 parameters = SinkVariant(request);
             }
-            messages.push_back(std::make_unique<TSAsyncMessage>(this, client.m_pProxy));
+            messages.push_back(std::make_unique<TSAsyncMessage>(&server, client.m_pProxy));
             messages.back()->m_pParameters = parameters.get();
             messages.back()->m_pFanOut = &fanOut;
+            messages.back()->m_place = place;
             fanOut.Add(messages.back().get());
         }
         if (!messages.empty()) {
@@ -242,14 +323,22 @@ TCDbusServer::SendMessage(int type, const std::vector<unsigned char>& data, int 
     }
     for (const auto& message : messages) {
         ++(message->m_future.get() ? successes : failures);
+        if (outcomes != nullptr) {
+            TSClientOutcome& outcome = (*outcomes)[message->m_place];
+            outcome.m_failure = Describe(message->m_kind, message->m_error.Peek());
+            outcome.m_latency = std::chrono::microseconds(message->m_end - begin);
+        }
+    }
+    while (outcomes != nullptr && outcomes->size() > told) {
+        outcomes->pop_back(); // of those that have not asked for this type
     }
     bool isUntold = false;
     for (const auto& message : messages) {
         isUntold |= message->m_isGone
-                    && m_ClientNameVanished(g_dbus_proxy_get_name(message->m_pProxy.get()));
+                    && server.m_ClientNameVanished(g_dbus_proxy_get_name(message->m_pProxy.get()));
     }
     if (isUntold) {
-        TSRuleProbe::Ask(m_pConnection); // why has the bus not told of it?
+        TSRuleProbe::Ask(server.m_pConnection); // why has the bus not told of it?
     }
     KEL_DEBUG("Callback result: success %zu, fails %zu", successes, failures);
     return {successes, failures};
@@ -350,6 +439,7 @@ void TCDbusServer::m_HandleHelloMessage(const char* sender, GVariant* parameters
             KEL_ERROR("Registering proxy error, errno %d", error.Code());
             return;
         }
+        SetRegistered(made.m_pProxy);
         made.m_watchId = g_bus_watch_name_on_connection(
             m_pConnection, sender, G_BUS_NAME_WATCHER_FLAGS_NONE, nullptr,
             &TSGlibEvent<TCDbusServer, GDBusConnection*,
@@ -383,21 +473,21 @@ std::string TCDbusServer::m_BlockedSender()
     return m_currentAsync ? std::string() : m_currentSender;
 }
 
-bool TCDbusServer::m_IsSendable(const char* name, size_t size, int timeout) const
+EFailure TCDbusServer::m_Obstacle(const char* name, size_t size, int timeout) const
 {
     if (timeout < -1) {
         // GDBus would not even start such a call, and nobody would be told.
         KEL_ERROR("Sending message from %s error, errno %d", name, G_IO_ERROR_INVALID_ARGUMENT);
-        return false;
+        return EFailure::Other;
     }
     const size_t whole = MessageSize({name, m_objectPath, t_interfaceName, t_dbusSendMethod}, false,
                                      kRequestHeaderSize + size);
     if (whole > kBusMessageLimit) {
         KEL_ERROR("Unable to send %zu bytes to %s, the bus takes %zu", whole, name,
                   kBusMessageLimit);
-        return false;
+        return EFailure::TooLarge;
     }
-    return true;
+    return EFailure::None;
 }
 
 // The bus's event and a send that fails may learn of the same end on two threads: who takes the
@@ -439,21 +529,25 @@ void TCDbusServer::m_AsyncReadyCallback(GObject* source, GAsyncResult* result,
     }
     if (error.IsSet()) {
         KEL_ERROR("Sending message from %s error, errno %d", name, error.Code());
-        if (error.Is(G_DBUS_ERROR_SERVICE_UNKNOWN) || error.Is(G_DBUS_ERROR_NAME_HAS_NO_OWNER)
-            || error.Is(G_DBUS_ERROR_NO_REPLY)) {
-            message->EndWhenTheBusHasBeenAsked();
-        } else {
-            message->End(false);
-        }
+        const bool isGone = error.Is(G_DBUS_ERROR_SERVICE_UNKNOWN)
+                            || error.Is(G_DBUS_ERROR_NAME_HAS_NO_OWNER)
+                            || error.Is(G_DBUS_ERROR_NO_REPLY);
+        // There was no room until the time was over.
+        const EFailure kind
+            = IsRefusal(reply.get(), error) ? EFailure::TimedOut : KindOf(error.Get());
+        *message->m_error.Out() = error.Release();
+        isGone ? message->EndWhenTheBusHasBeenAsked(kind) : message->End(kind);
         return;
     }
 
     bool handled = false;
+    EFailure kind = EFailure::Unreadable;
     if (reply != nullptr) {
         GVariant* const body = g_dbus_message_get_body(reply.get());
         const auto [pBytes, size] = BytesOf(body); // one byte of them matters
         if (size != 0) {
             handled = *pBytes != 0;
+            kind = handled ? EFailure::None : EFailure::NotHandled;
         } else {
             std::vector<unsigned char> none;
             t_ConvertBytes(body, handled, none); // reports the failed check
@@ -464,7 +558,7 @@ void TCDbusServer::m_AsyncReadyCallback(GObject* source, GAsyncResult* result,
     if (!handled) {
         KEL_DEBUG("Sending message to %s failed", name);
     }
-    message->End(handled);
+    message->End(kind);
 }
 
 void TCDbusServer::m_NameAcquired(GDBusConnection* connection, const char* name, void* userData)

@@ -45,6 +45,8 @@ EFailure KindOfAnswer(int code)
     }
 }
 
+} // namespace
+
 EFailure KindOf(const GError& error)
 {
     if (error.domain == G_DBUS_ERROR) {
@@ -59,27 +61,29 @@ EFailure KindOf(const GError& error)
     return EFailure::Other;
 }
 
-} // namespace
-
-TSFailure LastFailure()
+TSFailure Describe(EFailure kind, const GError* error)
 {
     TSFailure failure;
-    failure.m_kind = lastKind;
-    const GError* const pError = static_cast<GError*>(g_private_get(&lastError));
-    if (failure.m_kind == EFailure::None || pError == nullptr) {
+    failure.m_kind = kind;
+    if (kind == EFailure::None || error == nullptr) {
         return failure;
     }
-    const std::unique_ptr<char, decltype(&g_free)> name(g_dbus_error_get_remote_error(pError),
+    const std::unique_ptr<char, decltype(&g_free)> name(g_dbus_error_get_remote_error(error),
                                                         &g_free);
     if (name != nullptr) {
         failure.m_errorName = name.get();
     }
     // The name stands before a text that has come over the bus.
-    const std::unique_ptr<GError, decltype(&g_error_free)> plain(g_error_copy(pError),
+    const std::unique_ptr<GError, decltype(&g_error_free)> plain(g_error_copy(error),
                                                                  &g_error_free);
     g_dbus_error_strip_remote_error(plain.get());
     failure.m_text = plain->message;
     return failure;
+}
+
+TSFailure LastFailure()
+{
+    return Describe(lastKind, static_cast<GError*>(g_private_get(&lastError)));
 }
 
 void ClearFailure() { lastKind = EFailure::None; }

@@ -11,6 +11,12 @@ namespace kel {
 // What LastFailure() tells on this thread. Noting costs a store where nothing has failed: an error
 // is kept as it came, and looked at by whoever asks.
 
+/// What an error tells.
+EFailure KindOf(const GError& error);
+
+/// A failure in words; without an error there are none.
+TSFailure Describe(EFailure kind, const GError* error);
+
 /// The beginning of an operation.
 void ClearFailure();
 

@@ -50,6 +50,7 @@ public:
     int Code() const { return m_pError->code; }
     const char* Message() const { return m_pError->message; }
     const GError& Get() const { return *m_pError; }
+    const GError* Peek() const { return m_pError; }
     /// Hands the error over.
     GError* Release() { return std::exchange(m_pError, nullptr); }
 

@@ -10,6 +10,7 @@
 #include <boost/thread/thread.hpp>
 
 #include <kel/IDbusServer.h>
+#include <kel/KELClients.h>
 #include <kel/KELDbus.h>
 
 namespace kel {
@@ -44,6 +45,17 @@ public:
     std::pair<size_t, size_t> SendMessage(int type, const std::vector<unsigned char>& data,
                                           int timeout) override;
 
+    /// Sends one message like SendMessage(), and tells what has become of it for each client that
+    /// subscribed to its type, in the order of their names. Nothing while the server is not ready.
+    std::vector<TSClientOutcome> SendToEach(int type, const std::vector<unsigned char>& data,
+                                            int timeout);
+
+    /// The clients that have introduced themselves and are still on the bus, in the order of their
+    /// names. Thread-safe.
+    ///
+    /// @param mostTypes  of each client no more types are told: a "Hello" may have millions.
+    std::vector<TSRegisteredClient> Clients(unsigned int mostTypes);
+
 protected:
     /// Starts the base, asks for the bus name and starts the private thread.
     bool t_Start();
@@ -65,6 +77,7 @@ private:
 
     struct KEL_HIDDEN TSAsyncMessage; // one outgoing call; defined in the source file
     struct KEL_HIDDEN TSRuleProbe;    // of the bus's limit; the same
+    struct KEL_HIDDEN TSFanOut;       // a message to all clients; the same
 
     void m_NameAcquired(GDBusConnection* connection, const char* name);
     void m_ClientNameVanished(GDBusConnection* connection, const char* name);
@@ -82,7 +95,8 @@ private:
 
     // The peer that waits for the answer to the message being handled; empty when there is none.
     KEL_HIDDEN std::string m_BlockedSender() KEL_EXCLUDES(m_messageMutex);
-    KEL_HIDDEN bool m_IsSendable(const char* name, size_t size, int timeout) const;
+    // What keeps a message from being sent to a client; None when nothing does.
+    KEL_HIDDEN EFailure m_Obstacle(const char* name, size_t size, int timeout) const;
     // A client's name is no more: tells of it and forgets the client; false when that is done.
     KEL_HIDDEN bool m_ClientNameVanished(const char* name) KEL_EXCLUDES(m_stateMutex);
     KEL_HIDDEN static void m_ClientHasGone(GDBusConnection* connection, const char* name,

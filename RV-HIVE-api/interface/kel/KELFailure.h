@@ -20,7 +20,9 @@ enum class EFailure : int {
     Unreadable, ///< The answer cannot be read.
     TooLarge,   ///< The message is larger than the bus takes. It was not sent.
     Ended, ///< The agent, or the bus, has ended instead of an answer; or this process is exiting.
-    Other  ///< Of something else, which the name and the text tell.
+    Other, ///< Of something else, which the name and the text tell.
+    /// Of a client's waiting for this agent's answer: an event cannot reach it before.
+    Waiting
 };
 
 /// A failure, and the words of whoever has told of it.
