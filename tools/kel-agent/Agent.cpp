@@ -53,11 +53,12 @@ private:
 TCAgent::TCAgent(bool test, const std::string& stateDirectory,
                  const TCReportStore::TSLimits& limits, TCReaderServer& readerServer)
     : m_store(stateDirectory), m_pLoop(g_main_loop_new(nullptr, FALSE)), m_nameDeadline(0),
-      m_ok(true), m_server(test), m_announcer(m_server),
-      m_collector(m_server, m_intake, stateDirectory, limits, readerServer)
+      m_ok(true), m_applications(m_server), m_server(test), m_announcer(m_applications),
+      m_collector(m_applications, m_intake, stateDirectory, limits, readerServer)
 {
     m_server.SetCallback(kSetPolicyType, boost::bind(&TCAgent::m_SetPolicy, this, _1, _2));
     m_server.SetCallback(tools::AskVersion, boost::bind(&TCAgent::m_TellVersion, _2));
+    m_server.SetCallback(tools::AskClients, boost::bind(&TCAgent::m_TellClients, this, _2));
 }
 
 TCAgent::~TCAgent() { g_main_loop_unref(m_pLoop); }
@@ -133,6 +134,13 @@ bool TCAgent::m_TellVersion(TBytes& response)
 {
     const std::string_view version = KEL_VERSION;
     response.assign(version.begin(), version.end());
+    return true;
+}
+
+bool TCAgent::m_TellClients(TBytes& response)
+{
+    const std::string clients = m_applications.Tell();
+    response.assign(clients.begin(), clients.end());
     return true;
 }
 

@@ -6,6 +6,7 @@
 #include <kel/KELDbusServer.h>
 
 #include "Announcer.h"
+#include "Applications.h"
 #include "Collector.h"
 #include "policy/PolicyStore.h"
 #include "reports/ReportStore.h"
@@ -49,6 +50,7 @@ private:
     bool m_SetPolicy(const TBytes& request, TBytes& response);
     EAnswer m_Take(const std::string& policy);
     static bool m_TellVersion(TBytes& response);
+    bool m_TellClients(TBytes& response);
     void m_End(bool ok);
 
     static int m_OnSignal(void* agent);
@@ -62,7 +64,8 @@ private:
     long long m_nameDeadline; // in the monotonic clock's microseconds
     bool m_ok;
     TCRequestIntake m_intake; // before the server: who sees the agent's name finds its directories
-    TCDbusServer m_server;    // behind what its callbacks use
+    TCApplications m_applications;
+    TCDbusServer m_server; // behind what its callbacks use
     // Last, because no send may be under way when the server goes.
     TCAnnouncer m_announcer;
     TCCollector m_collector;

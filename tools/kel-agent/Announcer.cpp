@@ -1,24 +1,13 @@
 #include "Announcer.h"
 
 #include <algorithm>
-#include <cstdio>
 
 namespace kel {
 namespace agent {
 
-namespace {
-
-constexpr int kAnswerTimeout = 5000; // milliseconds
-
-const char* Name(ICallbacks::ECallbackType event)
-{
-    return event == ICallbacks::POLICY_UPDATE ? "policy update" : "process information";
-}
-
-} // namespace
-
-TCAnnouncer::TCAnnouncer(IDbusServer& server)
-    : m_server(server), m_open(false), m_stopped(false), m_thread(&TCAnnouncer::m_Run, this)
+TCAnnouncer::TCAnnouncer(TCApplications& applications)
+    : m_applications(applications), m_open(false), m_stopped(false),
+      m_thread(&TCAnnouncer::m_Run, this)
 {}
 
 TCAnnouncer::~TCAnnouncer() { Stop(); }
@@ -64,15 +53,9 @@ void TCAnnouncer::m_Run()
         const ICallbacks::ECallbackType event = m_waiting.front();
         m_waiting.pop_front();
         lock.unlock();
-        m_Send(event);
+        m_applications.Send(event);
         lock.lock();
     }
-}
-
-void TCAnnouncer::m_Send(ICallbacks::ECallbackType event)
-{
-    const auto [handled, failed] = m_server.SendMessage(event, {}, kAnswerTimeout);
-    std::fprintf(stderr, "kel-agent: %s: %zu handled, %zu not\n", Name(event), handled, failed);
 }
 
 } // namespace agent

@@ -6,7 +6,8 @@
 #include <thread>
 
 #include <kel/ICallbacks.h>
-#include <kel/IDbusServer.h>
+
+#include "Applications.h"
 
 namespace kel {
 namespace agent {
@@ -18,8 +19,8 @@ namespace agent {
 class TCAnnouncer
 {
 public:
-    /// @param server  outlives this object.
-    explicit TCAnnouncer(IDbusServer& server);
+    /// @param applications  outlive this object.
+    explicit TCAnnouncer(TCApplications& applications);
     ~TCAnnouncer();
     TCAnnouncer(const TCAnnouncer&) = delete;
     TCAnnouncer& operator=(const TCAnnouncer&) = delete;
@@ -27,7 +28,7 @@ public:
     /// Lets the events out, once the server is ready.
     void Open();
 
-    /// Has an event sent, behind those that wait, and its two counts written to standard error.
+    /// Has an event sent, behind those that wait.
     /// One that waits already is not sent twice: it will tell of both causes.
     void Request(ICallbacks::ECallbackType event);
 
@@ -36,9 +37,8 @@ public:
 
 private:
     void m_Run();
-    void m_Send(ICallbacks::ECallbackType event);
 
-    IDbusServer& m_server;
+    TCApplications& m_applications;
 
     std::mutex m_mutex;
     std::condition_variable m_changed;

@@ -44,10 +44,10 @@ std::chrono::milliseconds Until(TClock::time_point due, std::chrono::millisecond
 
 } // namespace
 
-TCCollector::TCCollector(IDbusServer& server, TCRequestIntake& intake,
+TCCollector::TCCollector(TCApplications& applications, TCRequestIntake& intake,
                          const std::string& stateDirectory, const TCReportStore::TSLimits& limits,
                          TCReaderServer& readerServer)
-    : m_reporter(server, stateDirectory, limits, readerServer), m_intake(intake),
+    : m_reporter(applications, stateDirectory, limits, readerServer), m_intake(intake),
       m_slot(stateDirectory), m_stop(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
 {}
 

@@ -7,8 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include <kel/IDbusServer.h>
-
+#include "Applications.h"
 #include "common/Files.h"
 #include "common/Outcome.h"
 #include "reports/Reporter.h"
@@ -28,10 +27,11 @@ namespace agent {
 class TCCollector
 {
 public:
-    /// @param server  asked to ask the applications; this, the intake and the reader server outlive
-    ///                this object.
-    TCCollector(IDbusServer& server, TCRequestIntake& intake, const std::string& stateDirectory,
-                const TCReportStore::TSLimits& limits, TCReaderServer& readerServer);
+    /// @param applications  asked for information; they, the intake and the reader server outlive
+    ///                      this object.
+    TCCollector(TCApplications& applications, TCRequestIntake& intake,
+                const std::string& stateDirectory, const TCReportStore::TSLimits& limits,
+                TCReaderServer& readerServer);
     ~TCCollector();
     TCCollector(const TCCollector&) = delete;
     TCCollector& operator=(const TCCollector&) = delete;

@@ -71,6 +71,15 @@ std::string ToJson(std::string_view text)
     return json += '"';
 }
 
+std::string ToJson(const std::vector<int>& numbers)
+{
+    std::string json = "[";
+    for (const int number : numbers) {
+        json += (json.size() > 1 ? ", " : "") + std::to_string(number);
+    }
+    return json += ']';
+}
+
 void TCJsonWriter::Begin(const char* name)
 {
     m_Add(name, "{");

@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <vector>
 
 namespace kel {
 namespace agent {
@@ -27,6 +28,8 @@ std::string ToJson(Scalar value)
         return std::to_string(value);
     }
 }
+
+std::string ToJson(const std::vector<int>& numbers);
 
 template <typename Value> std::string ToJson(const std::optional<Value>& value)
 {

@@ -23,8 +23,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr int kAnswerTimeout = 5000; // of the applications, in ms
-constexpr auto kPatience = 1s;       // with the applications and the kernel log
+constexpr auto kPatience = 1s; // with the applications and the kernel log
 
 // Others are served while a copy takes longer. One of which nobody has taken the end has lost its
 // request.
@@ -70,9 +69,9 @@ void EndWithoutDestructors()
 
 } // namespace
 
-TCReporter::TCReporter(IDbusServer& server, const std::string& stateDirectory,
+TCReporter::TCReporter(TCApplications& applications, const std::string& stateDirectory,
                        const TCReportStore::TSLimits& limits, TCReaderServer& readerServer)
-    : m_server(server), m_store(stateDirectory, limits),
+    : m_clients(applications), m_store(stateDirectory, limits),
       m_copier(limits.m_bytes, readerServer), m_kernelLog{TSKernelLog::EState::Late, "", false, 0}
 {}
 
@@ -100,13 +99,7 @@ void TCReporter::Gather()
         m_TakeKernelLog(std::move(*late));
     }
     m_question.Take(0s); // of requests before
-    m_question.Begin([this] {
-        const TAnswers answers
-            = m_server.SendMessage(ICallbacks::REQUEST_PROCESS_INFO, {}, kAnswerTimeout);
-        std::fprintf(stderr, "kel-agent: process information: %zu handled, %zu not\n",
-                     answers.first, answers.second);
-        return answers;
-    });
+    m_question.Begin([this] { return m_clients.Send(ICallbacks::REQUEST_PROCESS_INFO); });
     // It leaves its thread in the idle scheduling class: on a busy device it may take long.
     m_reading.Begin([] {
         TSRead read;

@@ -10,8 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include <kel/IDbusServer.h>
-
+#include "Applications.h"
 #include "common/KernelLog.h"
 #include "common/Outcome.h"
 #include "reports/Artefact.h"
@@ -29,9 +28,8 @@ namespace agent {
 class TCReporter
 {
 public:
-    /// @param server  asked to ask the applications; this and the reader server outlive this
-    ///                object.
-    TCReporter(IDbusServer& server, const std::string& stateDirectory,
+    /// @param applications  asked for information; they and the reader server outlive this object.
+    TCReporter(TCApplications& applications, const std::string& stateDirectory,
                const TCReportStore::TSLimits& limits, TCReaderServer& readerServer);
 
     /// Returns when no application is asked any more: at most 5 s later.
@@ -102,7 +100,7 @@ private:
     void m_AddArtefact(TCReportDraft& draft, uint64_t room, const TSArtefact& artefact,
                        TSReport& report, uint64_t& size);
 
-    IDbusServer& m_server;
+    TCApplications& m_clients;
     TCReportStore m_store;
     std::map<uid_t, TSCopying> m_copyings; // one of a user
     TCArtefactCopier m_copier;             // gone before the drafts that it writes to
