@@ -20,18 +20,27 @@ EStatus TSAgent::Find(const TSChannel& channel)
     if (!connection) {
         return EStatus::NoAnswer;
     }
+    std::string reason;
+    const EStatus found = Find(connection.get(), channel, reason);
+    if (found != EStatus::Success) {
+        std::fprintf(stderr, "kelctl: %s\n", reason.c_str());
+    }
+    return found;
+}
+
+EStatus TSAgent::Find(GDBusConnection* connection, const TSChannel& channel, std::string& reason)
+{
     TGlibPtr<GError> error;
-    if (m_FindOwner(connection.get(), channel.m_agent, error)) {
-        m_Ask(connection.get(), channel);
+    if (m_FindOwner(connection, channel.m_agent, error)) {
+        m_Ask(connection, channel);
         return EStatus::Success;
     }
     if (g_error_matches(error.get(), G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER)) {
-        std::fprintf(stderr, "kelctl: no agent runs\n");
+        reason = "no agent runs";
         return EStatus::Negative;
     }
-    std::fprintf(stderr, "kelctl: %s: %s\n",
-                 IsDenied(error) ? "the bus forbids it" : "no answer from the bus",
-                 TextOf(*error).c_str());
+    reason = IsDenied(error) ? "the bus forbids it: " : "no answer from the bus: ";
+    reason += TextOf(*error);
     return EStatus::NoAnswer;
 }
 

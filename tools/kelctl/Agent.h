@@ -22,6 +22,9 @@ struct TSAgent
     /// @return Success; otherwise the status to end with, and one line on standard error.
     EStatus Find(const TSChannel& channel);
 
+    /// The same over a connection that is there. The line is the reason.
+    EStatus Find(GDBusConnection* connection, const TSChannel& channel, std::string& reason);
+
 private:
     bool m_FindOwner(GDBusConnection* connection, const char* name, TGlibPtr<GError>& error);
     void m_Ask(GDBusConnection* connection, const TSChannel& channel);

@@ -12,10 +12,36 @@ namespace ctl {
 
 namespace {
 
-constexpr int kVersionTimeout = 3000; // ms; who is busy may be so for long
+constexpr char kInterface[] = "com.norvale.kel.IControl";
+constexpr int kAnswerTimeout = 3000; // ms; who is busy may be so for long
 constexpr size_t kLongestVersion = 64;
 
 bool IsOfAVersion(char letter) { return g_ascii_isalnum(letter) || std::strchr(".+~-", letter); }
+
+// The body of a message without data, by a caller who waits.
+GVariant* Request(int type)
+{
+    unsigned char request[sizeof(type) + 1] = {};
+    std::memcpy(request, &type, sizeof(type));
+    GVariant* bytes = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, request, sizeof(request), 1);
+    return g_variant_new_tuple(&bytes, 1);
+}
+
+// What follows the byte that tells that the message was handled; nothing when it was not.
+std::optional<std::string> Answer(GVariant* body)
+{
+    if (body == nullptr || !g_variant_is_of_type(body, G_VARIANT_TYPE("(ay)"))) {
+        return std::nullopt;
+    }
+    const TGlibPtr<GVariant> array(g_variant_get_child_value(body, 0));
+    gsize size = 0;
+    const char* const bytes
+        = static_cast<const char*>(g_variant_get_fixed_array(array.get(), &size, 1));
+    if (size == 0 || bytes[0] == 0) {
+        return std::nullopt;
+    }
+    return std::string(bytes + 1, size - 1);
+}
 
 } // namespace
 
@@ -47,13 +73,9 @@ TGlibPtr<GVariant> AskBus(GDBusConnection* connection, const char* question, con
 void AskVersion(GDBusConnection* connection, const TSChannel& channel, const char* agent,
                 GAsyncReadyCallback answered, void* user)
 {
-    const int type = tools::AskVersion;
-    unsigned char request[sizeof(type) + 1] = {}; // and the flag of a caller who waits
-    std::memcpy(request, &type, sizeof(type));
-    GVariant* bytes = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, request, sizeof(request), 1);
-    g_dbus_connection_call(connection, agent, channel.m_object, "com.norvale.kel.IControl", "Send",
-                           g_variant_new_tuple(&bytes, 1), nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START,
-                           kVersionTimeout, nullptr, answered, user);
+    g_dbus_connection_call(connection, agent, channel.m_object, kInterface, "Send",
+                           Request(tools::AskVersion), nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START,
+                           kAnswerTimeout, nullptr, answered, user);
 }
 
 std::string TakeVersion(GObject* connection, GAsyncResult* result, TGlibPtr<GError>& error)
@@ -62,18 +84,22 @@ std::string TakeVersion(GObject* connection, GAsyncResult* result, TGlibPtr<GErr
     const TGlibPtr<GVariant> answer(
         g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &failure));
     error.reset(failure);
-    if (!answer || !g_variant_is_of_type(answer.get(), G_VARIANT_TYPE("(ay)"))) {
-        return {};
-    }
-    const TGlibPtr<GVariant> array(g_variant_get_child_value(answer.get(), 0));
-    gsize size = 0;
-    const char* const bytes
-        = static_cast<const char*>(g_variant_get_fixed_array(array.get(), &size, 1));
-    if (size < 2 || bytes[0] == 0 || size > kLongestVersion) {
-        return {};
-    }
-    const std::string version(bytes + 1, size - 1);
-    return std::all_of(version.begin(), version.end(), IsOfAVersion) ? version : "";
+    const std::string version = Answer(answer.get()).value_or("");
+    return version.size() < kLongestVersion
+                   && std::all_of(version.begin(), version.end(), IsOfAVersion)
+               ? version
+               : "";
+}
+
+std::optional<std::string> AskAgent(GDBusConnection* connection, const TSChannel& channel,
+                                    const char* agent, int type, TGlibPtr<GError>& error)
+{
+    GError* failure = nullptr;
+    const TGlibPtr<GVariant> answer(g_dbus_connection_call_sync(
+        connection, agent, channel.m_object, kInterface, "Send", Request(type), nullptr,
+        G_DBUS_CALL_FLAGS_NO_AUTO_START, kAnswerTimeout, nullptr, &failure));
+    error.reset(failure);
+    return Answer(answer.get());
 }
 
 bool IsDenied(const TGlibPtr<GError>& error)

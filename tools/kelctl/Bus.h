@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <gio/gio.h>
@@ -51,6 +52,15 @@ void AskVersion(GDBusConnection* connection, const TSChannel& channel, const cha
 /// The version, in what AskVersion() has got; empty, with the error, when there was no answer, and
 /// without one when the agent does not tell its version.
 std::string TakeVersion(GObject* connection, GAsyncResult* result, TGlibPtr<GError>& error);
+
+/// Asks the owner of the agent's name for what a message without data is answered with, and waits.
+///
+/// @param type   the message's: see tools::EAgentMessage.
+/// @param agent  its unique name.
+/// @return the bytes of the answer; nothing, with the error, when there was none, and without one
+///         when the agent has declined.
+std::optional<std::string> AskAgent(GDBusConnection* connection, const TSChannel& channel,
+                                    const char* agent, int type, TGlibPtr<GError>& error);
 
 /// Whether it is the bus that forbids something to this user.
 bool IsDenied(const TGlibPtr<GError>& error);

@@ -21,7 +21,7 @@ _kelctl() {
             esac
             words='--count --json --timeout --help'
             ;;
-        status) words='--json --help' ;;
+        status) words='--clients --json --watch --help' ;;
         policy)
             if [[ $previous == --state-dir ]]; then
                 compopt -o filenames 2>/dev/null

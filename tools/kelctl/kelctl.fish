@@ -20,6 +20,8 @@ complete -c kelctl -n $none -a process-info -d 'have the agent ask for process i
 
 complete -c kelctl -n '__fish_seen_subcommand_from set-policy' -F
 complete -c kelctl -n '__fish_seen_subcommand_from monitor status reports policy' -l json -d 'print JSON'
+complete -c kelctl -n '__fish_seen_subcommand_from status' -l clients -d 'tell what it knows of each application'
+complete -c kelctl -n '__fish_seen_subcommand_from status' -l watch -d 'go on, and show what changes'
 complete -c kelctl -n '__fish_seen_subcommand_from monitor' -x -l count -d 'end after so many events'
 complete -c kelctl -n '__fish_seen_subcommand_from monitor' -x -l timeout -d 'end after so many seconds'
 complete -c kelctl -n '__fish_seen_subcommand_from report' -x -l process -d 'the process that it is about'

@@ -34,7 +34,11 @@ _kelctl() {
                 '--count[end after so many events]:events: ' \
                 '--timeout[end after so many seconds]:seconds: '
             ;;
-        status) _arguments $help '--json[print a JSON object]' ;;
+        status)
+            _arguments $help '--json[print a JSON object]' \
+                '--clients[tell what it knows of each application]' \
+                '--watch[go on, and show what changes]'
+            ;;
         policy)
             _arguments $help '--json[print a JSON object]' \
                 "--print[print the text of the agent's own policy]" \
