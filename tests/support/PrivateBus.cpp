@@ -30,6 +30,8 @@ std::string PolicyForThisUser()
                   " send_path=\"/com/norvale/kel/CommunicationChannel"
                 + suffix + "\"/>";
     }
+    text += "<allow send_destination=\"org.freedesktop.DBus\""
+            " send_interface=\"org.freedesktop.DBus.Monitoring\"/>";
     return text + "</policy>";
 }
 

@@ -72,7 +72,7 @@ void WriteConfiguration(const std::string& directory)
 {
     const std::string root = "<policy user=\"root\">";
     const std::string ours = "<policy user=\"" + std::to_string(geteuid()) + "\">";
-    WriteFile(directory + "/strict-bus.conf", kStrictBus);
+    WriteFile(directory + "/strict-bus.conf", Replaced(kStrictBus, root, ours));
     WriteFile(directory + "/channel.conf", Replaced(kChannelPolicy, root, ours));
     WriteFile(directory + "/test-channel.conf", Replaced(kTestChannelPolicy, root, ours));
     const std::string place = InXml(directory);
