@@ -82,7 +82,8 @@ TWords Completed(const std::string& words, const std::string& tool = "kelctl",
 }
 
 const std::vector<std::string> kCommands{"set-policy", "monitor", "status", "report",
-                                         "reports",    "klog",    "policy", "process-info"};
+                                         "reports",    "klog",    "policy", "process-info",
+                                         "trace",      "replay"};
 
 } // namespace
 
@@ -159,6 +160,12 @@ TEST(ToolDocuments, TheCompletionOffersFilesWhereFilesAreMeantAndNothingForANumb
               TWords{KEL_EXAMPLES "/policy.xml"});
     EXPECT_EQ(Completed("kelctl reports --state-dir '" KEL_TOOLS "/kelc'"),
               TWords{KEL_TOOLS "/kelctl"});
+    EXPECT_EQ(Completed("kelctl trace --input '" KEL_EXAMPLES "/pol'"),
+              TWords{KEL_EXAMPLES "/policy.xml"});
+    EXPECT_EQ(Completed("kelctl replay '" KEL_EXAMPLES "/pol'"),
+              TWords{KEL_EXAMPLES "/policy.xml"});
+    EXPECT_EQ(Completed("kelctl replay --as ag"), TWords{"agent"});
+    EXPECT_EQ(Completed("kelctl replay --speed ''"), TWords{});
     EXPECT_EQ(Completed("kelctl unknown ''"), TWords{});
 }
 

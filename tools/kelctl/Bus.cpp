@@ -58,6 +58,26 @@ TGlibPtr<GDBusConnection> ConnectToBus()
     return connection;
 }
 
+TGlibPtr<GDBusConnection> ConnectAlone()
+{
+    constexpr auto flags
+        = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT
+                                            | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
+    GError* failure = nullptr;
+    TGlibPtr<GDBusConnection> connection;
+    char* const address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &failure);
+    if (address != nullptr) {
+        connection.reset(
+            g_dbus_connection_new_for_address_sync(address, flags, nullptr, nullptr, &failure));
+        g_free(address);
+    }
+    const TGlibPtr<GError> error(failure);
+    if (!connection) {
+        std::fprintf(stderr, "kelctl: no system bus: %s\n", TextOf(*error).c_str());
+    }
+    return connection;
+}
+
 TGlibPtr<GVariant> AskBus(GDBusConnection* connection, const char* question, const char* name,
                           const char* type, TGlibPtr<GError>& error)
 {

@@ -12,6 +12,8 @@ namespace ctl {
 struct TSRelease
 {
     void operator()(GDBusConnection* connection) const { g_object_unref(connection); }
+    void operator()(GDBusMessage* message) const { g_object_unref(message); }
+    void operator()(GDBusNodeInfo* node) const { g_dbus_node_info_unref(node); }
     void operator()(GError* error) const { g_error_free(error); }
     void operator()(GMainLoop* loop) const { g_main_loop_unref(loop); }
     void operator()(GVariant* value) const { g_variant_unref(value); }
@@ -25,6 +27,11 @@ template <typename Handle> using TGlibPtr = std::unique_ptr<Handle, TSRelease>;
 ///
 /// @return empty, with one line on standard error, when there is no bus.
 TGlibPtr<GDBusConnection> ConnectToBus();
+
+/// A connection of its own, which nobody shares.
+///
+/// @return empty, with one line on standard error, when there is no bus.
+TGlibPtr<GDBusConnection> ConnectAlone();
 
 /// Asks the bus itself, which starts nobody for that. The answer holds one value of the type.
 ///

@@ -20,10 +20,12 @@ void AddKernelLog(CLI::App& program, EStatus& status);
 void AddMonitor(CLI::App& program, const TSCommon& common, EStatus& status);
 void AddPolicy(CLI::App& program, EStatus& status);
 void AddProcessInfo(CLI::App& program, const TSCommon& common, EStatus& status);
+void AddReplay(CLI::App& program, const TSCommon& common, EStatus& status);
 void AddReport(CLI::App& program, EStatus& status);
 void AddReports(CLI::App& program, EStatus& status);
 void AddSetPolicy(CLI::App& program, const TSCommon& common, EStatus& status);
 void AddStatus(CLI::App& program, const TSCommon& common, EStatus& status);
+void AddTrace(CLI::App& program, const TSCommon& common, EStatus& status);
 
 } // namespace ctl
 } // namespace kel

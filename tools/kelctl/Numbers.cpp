@@ -34,5 +34,12 @@ std::string CheckSeconds(const std::string& text)
                : text + " is no number of seconds from 0.001 to 4000000";
 }
 
+std::string CheckFactor(const std::string& text)
+{
+    return IsWithin(text, "0123456789.", 0.001, 1000000)
+               ? ""
+               : text + " is no number from 0.001 to 1000000";
+}
+
 } // namespace ctl
 } // namespace kel

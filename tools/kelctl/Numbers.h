@@ -11,5 +11,8 @@ std::string CheckCount(const std::string& text);
 /// The same of a time in seconds.
 std::string CheckSeconds(const std::string& text);
 
+/// The same of a factor.
+std::string CheckFactor(const std::string& text);
+
 } // namespace ctl
 } // namespace kel

@@ -7,7 +7,7 @@ _kelctl() {
     COMPREPLY=()
 
     if [[ $COMP_CWORD -eq 1 ]]; then
-        words='set-policy monitor status report reports klog policy process-info --help --test --verbose --version'
+        words='set-policy monitor status report reports klog policy process-info trace replay --help --test --verbose --version'
     else
         case $command in
         set-policy)
@@ -71,6 +71,27 @@ _kelctl() {
             ;;
         klog) words='--follow --help' ;;
         process-info) words='--help' ;;
+        trace)
+            case $previous in
+            --input | --output)
+                compopt -o filenames 2>/dev/null
+                mapfile -t COMPREPLY < <(compgen -f -- "$current")
+                return
+                ;;
+            esac
+            words='--input --output --help'
+            ;;
+        replay)
+            case $previous in
+            --speed) return ;; # a number of the user's own
+            --as) words='agent applications' ;;
+            *)
+                compopt -o filenames 2>/dev/null
+                mapfile -t COMPREPLY < <(compgen -f -- "$current")
+                words='--as --speed --help'
+                ;;
+            esac
+            ;;
         esac
         if [[ $words == *--help ]]; then # it is an option's turn
             words+=' --test --verbose'

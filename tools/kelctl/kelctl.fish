@@ -1,6 +1,6 @@
 # Completes the command line of kelctl(1) in fish.
 
-set -l commands set-policy monitor status report reports klog policy process-info
+set -l commands set-policy monitor status report reports klog policy process-info trace replay
 set -l none "not __fish_seen_subcommand_from $commands"
 
 complete -c kelctl -f
@@ -17,6 +17,8 @@ complete -c kelctl -n $none -a reports -d 'list the reports, or print one'
 complete -c kelctl -n $none -a klog -d 'print the newest lines of the kernel log'
 complete -c kelctl -n $none -a policy -d 'tell which policy file applies'
 complete -c kelctl -n $none -a process-info -d 'have the agent ask for process information'
+complete -c kelctl -n $none -a trace -d 'show what the channel carries'
+complete -c kelctl -n $none -a replay -d 'send again what a trace has kept'
 
 complete -c kelctl -n '__fish_seen_subcommand_from set-policy' -F
 complete -c kelctl -n '__fish_seen_subcommand_from monitor status reports policy' -l json -d 'print JSON'
@@ -47,4 +49,9 @@ complete -c kelctl -n '__fish_seen_subcommand_from reports' -l reverse -d 'turn 
 complete -c kelctl -n '__fish_seen_subcommand_from reports' -l follow -d 'go on with those that are new'
 complete -c kelctl -n '__fish_seen_subcommand_from reports' -r -F -l html -d 'write them to a page for a browser'
 complete -c kelctl -n '__fish_seen_subcommand_from reports' -l remove -d 'remove them'
+complete -c kelctl -n '__fish_seen_subcommand_from trace' -r -F -l input -d "show a file's messages"
+complete -c kelctl -n '__fish_seen_subcommand_from trace' -r -F -l output -d 'keep the messages in a file'
+complete -c kelctl -n '__fish_seen_subcommand_from replay' -F
+complete -c kelctl -n '__fish_seen_subcommand_from replay' -x -l as -a 'agent applications' -d 'what to be'
+complete -c kelctl -n '__fish_seen_subcommand_from replay' -x -l speed -d 'so many times as fast as it was'
 complete -c kelctl -n '__fish_seen_subcommand_from klog' -l follow -d 'go on with new lines'

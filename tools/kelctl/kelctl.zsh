@@ -19,6 +19,8 @@ _kelctl() {
         'klog:print the newest lines of the kernel log'
         'policy:tell which policy file applies'
         'process-info:have the agent ask for process information'
+        'trace:show what the channel carries'
+        'replay:send again what a trace has kept'
     )
 
     _arguments -C $help '(- *)--version[print the version and exit]' \
@@ -71,6 +73,14 @@ _kelctl() {
                 "--state-dir[the agent's directory of state]:directory:_files -/" '*:report: '
             ;;
         process-info) _arguments $help ;;
+        trace)
+            _arguments $help "--input[show a file's messages]:file:_files" \
+                '--output[keep the messages in a file]:file:_files'
+            ;;
+        replay)
+            _arguments $help '--as[what to be]:part:(agent applications)' \
+                '--speed[so many times as fast as it was]:factor: ' '1:recording:_files'
+            ;;
         klog) _arguments $help '--follow[go on with new lines]' ;;
         esac
         ;;

@@ -84,6 +84,8 @@ int main(int argc, char** argv)
     kel::ctl::AddKernelLog(app, status);
     kel::ctl::AddPolicy(app, status);
     kel::ctl::AddProcessInfo(app, common, status);
+    kel::ctl::AddTrace(app, common, status);
+    kel::ctl::AddReplay(app, common, status);
     std::vector<CLI::App*> takers = app.get_subcommands({});
     takers.push_back(&app);
     for (CLI::App* const taker : takers) {
