@@ -14,6 +14,7 @@
 
 namespace kel::test {
 
+using testing::EndsWith;
 using testing::HasSubstr;
 
 namespace {
@@ -169,7 +170,26 @@ TEST_F(TraceFile, ACallThatHasWaitedForLongIsMarkedAndItsLateAnswerShown)
                      "2023-11-14T22:13:31.123Z :1.5 -> agent version (100): UNANSWERED for "
                      "11000.000 ms\n"
                      "2023-11-14T22:13:32.123Z :1.2 -> :1.5 version (100): NOT HANDLED, 0 bytes, "
-                     "12000.000 ms\n");
+                     "12000.000 ms, LATE\n");
+}
+
+TEST_F(TraceFile, AnEventIsWaitedForAsLongAsTheAgentDoes)
+{
+    const TMessage event = Call(G_DBUS_MESSAGE_BYTE_ORDER_LITTLE_ENDIAN, "Send", SendBytes(2, 0));
+    g_dbus_message_set_destination(event.get(), ":1.7");
+    const TMessage answer(g_dbus_message_new_method_reply(event.get()));
+    g_dbus_message_set_sender(answer.get(), ":1.7");
+    g_dbus_message_set_destination(answer.get(), ":1.5");
+    g_dbus_message_set_serial(answer.get(), 9);
+    g_dbus_message_set_body(answer.get(), Body({1}).get());
+
+    const std::string file = ctl::PcapHead() + Record(Blob(*event));
+
+    EXPECT_THAT(Shown(file + Record(Blob(*answer), 4)), EndsWith(" ms\n"));
+    EXPECT_THAT(Shown(file + Record(Blob(*answer), 6)),
+                EndsWith(" :1.5 -> :1.7 policy-update (2): UNANSWERED for 6000.000 ms\n"
+                         "2023-11-14T22:13:26.123Z :1.7 -> :1.5 policy-update (2): handled, "
+                         "0 bytes, 6000.000 ms, LATE\n"));
 }
 
 TEST_F(TraceFile, ThatIsNoneOrIsCutIsTold)

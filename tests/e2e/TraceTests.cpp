@@ -114,8 +114,10 @@ TEST_F(KelctlTrace, MarksWhatIsRefusedFailedOrNotHandled)
     EXPECT_THAT(output, HasSubstr("message (7): FAILED, org.example.Failed: "));
     EXPECT_THAT(output, HasSubstr("message (0), of 2 bytes, which are too few\n"));
     EXPECT_THAT(output, HasSubstr(" -> agent call of Sing(s), which is none of the channel\n"));
-    EXPECT_THAT(output, HasSubstr("policy-update (2): REFUSED, "
-                                  "org.freedesktop.DBus.Error.AccessDenied: "));
+    EXPECT_THAT(output,
+                HasSubstr(" org.freedesktop.DBus for " + third.Name() + " -> " + m_peer.Name()
+                          + " policy-update (2): REFUSED, "
+                            "org.freedesktop.DBus.Error.AccessDenied: "));
 }
 
 TEST_F(KelctlTrace, AStrangersTextSteersNoTerminalAndIsNoLineOfOurs)

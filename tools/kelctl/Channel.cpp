@@ -15,10 +15,16 @@ namespace {
 
 constexpr char kInterface[] = "com.norvale.kel.IControl";
 constexpr char kBus[] = "org.freedesktop.DBus";
-constexpr TMicroseconds kPatience = 10'000'000; // for as long the library waits for an agent
+constexpr TMicroseconds kPatience = 10'000'000;     // for as long the library waits for an agent
+constexpr TMicroseconds kEventPatience = 5'000'000; // and kel-agent for an application
 constexpr size_t kMostPending = 4096;
 constexpr size_t kMostAgents = 4096;
 constexpr TMicroseconds kNever = std::numeric_limits<TMicroseconds>::max();
+
+TMicroseconds Deadline(const TSChannelCall& call)
+{
+    return call.m_time + (call.m_toAgent ? kPatience : kEventPatience);
+}
 
 std::string Text(const char* text) { return text == nullptr ? "" : text; }
 
@@ -143,7 +149,7 @@ void TCChannel::Look(TMicroseconds time)
         if (pending.m_told) {
             continue;
         }
-        const TMicroseconds late = pending.m_call.m_time + kPatience;
+        const TMicroseconds late = Deadline(pending.m_call);
         if (late <= time) {
             pending.m_told = true;
             m_listener.OnUnanswered(pending.m_call, time);
@@ -197,7 +203,7 @@ bool TCChannel::m_TakeCall(TMicroseconds time, GDBusMessage& message)
     call.m_data = {};
     pending.m_told = !call.m_isAnswered;
     if (!pending.m_told) {
-        m_nextLook = std::min(m_nextLook, time + kPatience);
+        m_nextLook = std::min(m_nextLook, Deadline(call));
     }
     if (m_pending.size() >= kMostPending) {
         const auto oldest = std::min_element(
@@ -223,6 +229,8 @@ bool TCChannel::m_TakeAnswer(TMicroseconds time, GDBusMessage& message)
     if (found == m_pending.end() || !m_MayAnswer(answer.m_from, found->second.m_call)) {
         return false;
     }
+    answer.m_isOfBus = answer.m_from == kBus;
+    answer.m_isLate = time >= Deadline(found->second.m_call);
     if (g_dbus_message_get_message_type(&message) == G_DBUS_MESSAGE_TYPE_ERROR) {
         answer.m_error = Text(g_dbus_message_get_error_name(&message));
         answer.m_errorText = Text(g_dbus_message_get_arg0(&message));

@@ -47,7 +47,9 @@ struct TSChannelAnswer
 {
     TMicroseconds m_time = 0;
     std::string m_from;
-    std::string m_error; // the name of the D-Bus error; empty when there is none
+    bool m_isOfBus = false; // the bus has answered, in place of who was called
+    bool m_isLate = false;  // the caller may have stopped waiting for it
+    std::string m_error;    // the name of the D-Bus error; empty when there is none
     std::string m_errorText;
     bool m_readable = false; // as an answer to a Send
     bool m_handled = false;

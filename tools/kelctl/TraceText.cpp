@@ -110,9 +110,11 @@ std::string TSTraceText::Answer(const TSChannelCall& call, const TSChannelAnswer
     const std::string size = answer.m_readable && call.m_kind == TSChannelCall::EKind::Send
                                  ? ", " + Count(answer.m_data.size(), "byte")
                                  : "";
-    return IsoTime(answer.m_time) + " " + Peer(answer.m_from) + " -> " + Peer(call.m_from) + " "
-           + tools::PrintableStart(NameOf(call)) + ": " + Outcome(call, answer) + size + ", "
-           + Milliseconds(answer.m_time - call.m_time) + "\n";
+    const std::string inPlaceOf = answer.m_isOfBus ? " for " + Peer(call.m_to) : "";
+    return IsoTime(answer.m_time) + " " + Peer(answer.m_from) + inPlaceOf + " -> "
+           + Peer(call.m_from) + " " + tools::PrintableStart(NameOf(call)) + ": "
+           + Outcome(call, answer) + size + ", " + Milliseconds(answer.m_time - call.m_time)
+           + (answer.m_isLate ? ", LATE" : "") + "\n";
 }
 
 std::string TSTraceText::Unanswered(const TSChannelCall& call, TMicroseconds time)
