@@ -90,6 +90,11 @@ struct TSPrinted : ctl::IChannelListener
         m_text += ctl::TSTraceText::Agent(time, agent);
     }
 
+    void OnFlood(ctl::TMicroseconds time, const ctl::TSFlood& flood) override
+    {
+        m_text += ctl::TSTraceText::Flood(time, flood);
+    }
+
     std::string m_text;
 };
 
@@ -190,6 +195,27 @@ TEST_F(TraceFile, AnEventIsWaitedForAsLongAsTheAgentDoes)
                 EndsWith(" :1.5 -> :1.7 policy-update (2): UNANSWERED for 6000.000 ms\n"
                          "2023-11-14T22:13:26.123Z :1.7 -> :1.5 policy-update (2): handled, "
                          "0 bytes, 6000.000 ms, LATE\n"));
+}
+
+TEST_F(TraceFile, WhoCallsAnotherTooOftenWithinASecondIsTold)
+{
+    const TMessage call = Call(G_DBUS_MESSAGE_BYTE_ORDER_LITTLE_ENDIAN, "Hello", HelloBytes({}));
+    const auto calls = [&call](int count, int later) {
+        std::string records;
+        for (int i = 0; i < count; ++i) {
+            records += Record(Blob(*call), later);
+        }
+        return records;
+    };
+
+    const std::string none = Shown(ctl::PcapHead() + calls(100, 0) + calls(100, 1) + calls(1, 0));
+    const std::string two = Shown(ctl::PcapHead() + calls(101, 0) + calls(1, 3) + calls(101, 5));
+
+    EXPECT_EQ(CountOf(none, "FLOOD"), 0U);
+    EXPECT_THAT(two, HasSubstr("\n2023-11-14T22:13:23.123Z :1.5 -> agent FLOOD: 101 calls within a "
+                               "second\n2023-11-14T22:13:23.123Z :1.5 -> agent hello, no types\n"));
+    EXPECT_THAT(two, EndsWith("\n2023-11-14T22:13:25.123Z :1.5 -> agent FLOOD: 101 calls within a "
+                              "second\n"));
 }
 
 TEST_F(TraceFile, ThatIsNoneOrIsCutIsTold)

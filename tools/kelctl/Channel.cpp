@@ -129,6 +129,7 @@ bool TCChannel::Take(TMicroseconds time, GDBusMessage& message)
     if (time >= m_nextLook) {
         Look(time);
     }
+    m_Tell(time, m_rates.Look(time));
     switch (g_dbus_message_get_message_type(&message)) {
     case G_DBUS_MESSAGE_TYPE_METHOD_CALL:
         return m_TakeCall(time, message);
@@ -144,6 +145,7 @@ bool TCChannel::Take(TMicroseconds time, GDBusMessage& message)
 
 void TCChannel::Look(TMicroseconds time)
 {
+    m_Tell(time, m_rates.Look(time));
     m_nextLook = kNever;
     for (auto& [key, pending] : m_pending) {
         if (pending.m_told) {
@@ -167,6 +169,14 @@ void TCChannel::End(TMicroseconds time)
         }
     }
     m_pending.clear();
+    m_Tell(time, m_rates.End());
+}
+
+void TCChannel::m_Tell(TMicroseconds time, const std::vector<TSFlood>& floods)
+{
+    for (const TSFlood& flood : floods) {
+        m_listener.OnFlood(time, flood);
+    }
 }
 
 bool TCChannel::m_TakeCall(TMicroseconds time, GDBusMessage& message)
@@ -198,6 +208,7 @@ bool TCChannel::m_TakeCall(TMicroseconds time, GDBusMessage& message)
     }
     call.m_toAgent = m_IsAgent(call.m_to);
     m_listener.OnCall(call);
+    m_rates.Add(call.m_from, call.m_to);
 
     // Who wants no answer may get a refusal.
     call.m_data = {};

@@ -11,6 +11,7 @@
 #include <gio/gio.h>
 
 #include "Bus.h"
+#include "CallRates.h"
 #include "Pcap.h"
 
 namespace kel {
@@ -75,6 +76,9 @@ public:
 
     /// @param agent  the unique name of the agent from now on; empty for none.
     virtual void OnAgent(TMicroseconds time, const std::string& agent) = 0;
+
+    /// @param time  when the second was over.
+    virtual void OnFlood(TMicroseconds time, const TSFlood& flood) = 0;
 };
 
 /// Finds the messages of the channel among those of a bus, and which answer is whose. They may be
@@ -92,7 +96,7 @@ public:
     /// @return whether the message is one of the channel.
     bool Take(TMicroseconds time, GDBusMessage& message);
 
-    /// Tells of the calls that have waited for too long at this time.
+    /// Tells of the calls that have waited for too long at this time, and of too many in a second.
     void Look(TMicroseconds time);
 
     /// Tells of all that wait.
@@ -106,6 +110,7 @@ private:
         bool m_told = false; // that it is late
     };
 
+    void m_Tell(TMicroseconds time, const std::vector<TSFlood>& floods);
     bool m_TakeCall(TMicroseconds time, GDBusMessage& message);
     bool m_TakeAnswer(TMicroseconds time, GDBusMessage& message);
     bool m_TakeOwner(TMicroseconds time, GDBusMessage& message);
@@ -119,6 +124,7 @@ private:
     size_t m_calls = 0;
     TMicroseconds m_nextLook = 0;
     std::map<TKey, TSPending> m_pending;
+    TCCallRates m_rates;
 };
 
 /// What a call is about: "set-policy (4)".

@@ -40,6 +40,7 @@ private:
     void OnAnswer(const TSChannelCall& call, const TSChannelAnswer& answer) override;
     void OnUnanswered(const TSChannelCall&, TMicroseconds) override {}
     void OnAgent(TMicroseconds, const std::string&) override {}
+    void OnFlood(TMicroseconds, const TSFlood&) override {}
 
     const bool m_test;
     size_t m_size = 0; // of all data

@@ -68,6 +68,11 @@ void TCTrace::OnAgent(TMicroseconds time, const std::string& agent)
     m_Print(TSTraceText::Agent(time, agent));
 }
 
+void TCTrace::OnFlood(TMicroseconds time, const TSFlood& flood)
+{
+    m_Print(TSTraceText::Flood(time, flood));
+}
+
 void TCTrace::m_Print(const std::string& text)
 {
     if (m_status) {

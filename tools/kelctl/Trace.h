@@ -47,6 +47,7 @@ private:
     void OnAnswer(const TSChannelCall& call, const TSChannelAnswer& answer) override;
     void OnUnanswered(const TSChannelCall& call, TMicroseconds time) override;
     void OnAgent(TMicroseconds time, const std::string& agent) override;
+    void OnFlood(TMicroseconds time, const TSFlood& flood) override;
     void m_Print(const std::string& text);
     void m_Keep(TMicroseconds time, GDBusMessage& message, const TBytes& bytes);
     void m_Fail(const std::string& reason);

@@ -129,6 +129,12 @@ std::string TSTraceText::Agent(TMicroseconds time, const std::string& agent)
            + (agent.empty() ? " no agent" : " agent is " + tools::PrintableStart(agent)) + "\n";
 }
 
+std::string TSTraceText::Flood(TMicroseconds time, const TSFlood& flood)
+{
+    return IsoTime(time) + " " + Peer(flood.m_from) + " -> " + Peer(flood.m_to)
+           + " FLOOD: " + Count(flood.m_calls, "call") + " within a second\n";
+}
+
 std::string TSTraceText::Outcome(const TSChannelCall& call, const TSChannelAnswer& answer)
 {
     if (!answer.m_error.empty()) {

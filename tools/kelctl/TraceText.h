@@ -16,6 +16,7 @@ struct TSTraceText
     static std::string Answer(const TSChannelCall& call, const TSChannelAnswer& answer);
     static std::string Unanswered(const TSChannelCall& call, TMicroseconds time);
     static std::string Agent(TMicroseconds time, const std::string& agent);
+    static std::string Flood(TMicroseconds time, const TSFlood& flood);
 
     /// Who calls whom, and what about, without a time and the line's end.
     static std::string About(const TSChannelCall& call);
