@@ -20,6 +20,12 @@ private:
     int m_descriptor;
 };
 
+/// Closes a stream, for std::unique_ptr.
+struct TSClose
+{
+    void operator()(FILE* file) const { fclose(file); }
+};
+
 /// Opens a regular file to write to, or makes it, where anybody may have put something else under
 /// its name: follows no link in the last place, waits for nobody (for another process's lease a
 /// second at most), and refuses whatever has no bytes of its own or a second name.

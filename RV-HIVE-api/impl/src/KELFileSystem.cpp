@@ -33,11 +33,6 @@ bool Contains(const fs::path& path, const char* text)
     return path.string().find(text) != std::string::npos;
 }
 
-struct TSClose
-{
-    void operator()(FILE* file) const { fclose(file); }
-};
-
 // Opens a file without waiting for the other end of a FIFO. Another process's lease on a regular
 // file is waited for, as an ordinary open() does: it is asked for by way of the file itself, since
 // there may be a FIFO under its name by now. Where there is no /proc, the lease is a failure.

@@ -10,11 +10,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <fstream>
-#include <ios>
+#include <memory>
 
 #include <kel/KELLocks.h>
 
+#include "KELDescriptor.h"
 #include "KELFileStatus.h"
 
 pthread_mutex_t DTLock; // zero-initialised is a valid state: PTHREAD_MUTEX_INITIALIZER is all zero
@@ -58,19 +58,28 @@ bool ClearPlace()
 // The snapshot's lines but the empty ones; false when it cannot be opened.
 bool ReadSnapshot(std::vector<std::string>& lines)
 {
-    try {
-        std::ifstream snapshot(kSnapshot);
-        if (!snapshot) {
-            return false;
+    const std::unique_ptr<FILE, kel::TSClose> snapshot(fopen(kSnapshot, "re"));
+    if (snapshot == nullptr) {
+        return false;
+    }
+    std::string line;
+    const auto keep = [&] {
+        if (!line.empty()) {
+            lines.push_back(line);
+            line.clear();
         }
-        snapshot.exceptions(std::ios::badbit); // a read error is no end of file
-        for (std::string line; std::getline(snapshot, line);) {
-            if (!line.empty()) {
-                lines.push_back(line);
-            }
+    };
+    for (int c = 0; (c = getc_unlocked(snapshot.get())) != EOF;) {
+        if (c == '\n') {
+            keep();
+        } else {
+            line += static_cast<char>(c);
         }
-    } catch (const std::ios_base::failure&) {
+    }
+    if (ferror(snapshot.get()) != 0) {
         printf("Error Opening File Device_Tracker.log");
+    } else {
+        keep(); // the last one needs no newline
     }
     return true;
 }
