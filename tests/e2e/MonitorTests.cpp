@@ -178,7 +178,8 @@ TEST_F(KelctlMonitor, EndsWhenItsOutputIsFull)
     AnnounceTo(1);
 
     EXPECT_EQ(monitor.Wait(), 5);
-    EXPECT_EQ(monitor.ErrorOutput(), "kelctl: No space left on device\n");
+    EXPECT_EQ(monitor.ErrorOutput(),
+              "kelctl: the output cannot be written: No space left on device\n");
 }
 
 TEST_F(KelctlMonitor, EndsWithTheBus)

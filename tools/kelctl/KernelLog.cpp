@@ -1,21 +1,11 @@
 #include "Commands.h"
 
-#include <poll.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <climits>
-#include <csignal>
 #include <cstdio>
-#include <cstring>
-#include <iterator>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
+#include "EndableOutput.h"
 #include "common/KernelLog.h"
 #include "common/Text.h"
 
@@ -25,30 +15,6 @@ namespace ctl {
 namespace {
 
 constexpr int kPeriod = 1000; // ms between two looks
-constexpr int kForever = -1;
-
-// SIGINT and SIGTERM are read from a descriptor, and so come when it suits.
-class TCEndSignals
-{
-public:
-    TCEndSignals()
-    {
-        sigset_t signals;
-        sigemptyset(&signals);
-        sigaddset(&signals, SIGINT);
-        sigaddset(&signals, SIGTERM);
-        sigprocmask(SIG_BLOCK, &signals, nullptr);
-        m_descriptor = signalfd(-1, &signals, SFD_CLOEXEC);
-    }
-    ~TCEndSignals() { close(m_descriptor); }
-    TCEndSignals(const TCEndSignals&) = delete;
-    TCEndSignals& operator=(const TCEndSignals&) = delete;
-
-    int Get() const { return m_descriptor; }
-
-private:
-    int m_descriptor;
-};
 
 // The kernel's log has strangers' names in it. The backslash stays: dmesg writes escapes of its
 // own.
@@ -75,80 +41,24 @@ EStatus PrintOnce()
     return EStatus::Success;
 }
 
-// Goes on until its end has a status.
-class TCFollower
+EStatus Follow()
 {
-public:
-    EStatus Run();
-
-private:
-    bool m_Wait(short output, int time);
-    void m_Print(const std::string& text);
-
-    const TCEndSignals m_signals;
-    std::optional<EStatus> m_status; // from its end on
-};
-
-EStatus TCFollower::Run()
-{
+    TCEndableOutput output;
     std::string known; // the reason that was told
-    while (!m_status) {
+    while (!output.Status()) {
         tools::TSKernelLines read;
         const tools::TCOutcome outcome = tools::ReadKernelLog(read);
-        m_Print(Text(read.m_lines));
-        if (!outcome && outcome.Reason() != known) {
+        output.Print(Text(read.m_lines));
+        output.Wait(0); // a signal of the terminal ends dmesg, too, and that is no news
+        if (!output.Status() && !outcome && outcome.Reason() != known) {
             std::fprintf(stderr, "kelctl: the kernel log is not read: %s\n",
                          outcome.Reason().c_str());
         }
         known = outcome.Reason();
-        m_Wait(0, kPeriod);
+        output.Wait(kPeriod);
     }
-    return *m_status;
+    return *output.Status();
 }
-
-// Waits for an event of the output, for a time or without end. True when it has come; a signal that
-// has come, too, is seen the next time.
-bool TCFollower::m_Wait(short output, int time)
-{
-    if (m_status) {
-        return false;
-    }
-    pollfd events[] = {{m_signals.Get(), POLLIN, 0}, {STDOUT_FILENO, output, 0}};
-    poll(events, std::size(events), time);
-    if ((events[1].revents & ~output) != 0) {
-        m_status = EStatus::NoOutput;
-    } else if (events[1].revents != 0) {
-        return true;
-    } else if (events[0].revents != 0) {
-        m_status = EStatus::Success;
-    }
-    return false;
-}
-
-// A reader that has stopped must not keep a signal from ending this. So nothing is written but what
-// there is room for, and a signal counts when there is none: no line is lost that can be had.
-void TCFollower::m_Print(const std::string& text)
-{
-    size_t printed = 0;
-    while (!m_status && printed < text.size()) {
-        if (!m_Wait(POLLOUT, kForever)) {
-            continue;
-        }
-        const ssize_t size = write(STDOUT_FILENO, text.data() + printed,
-                                   std::min<size_t>(text.size() - printed, PIPE_BUF));
-        if (size >= 0) {
-            printed += static_cast<size_t>(size);
-        } else if (errno != EINTR && errno != EAGAIN) {
-            if (errno != EPIPE) { // who has gone knows
-                std::fprintf(stderr, "kelctl: the output cannot be written: %s\n",
-                             std::strerror(errno));
-            }
-            m_status = EStatus::NoOutput;
-        }
-    }
-}
-
-EStatus Follow() { return TCFollower().Run(); }
 
 } // namespace
 

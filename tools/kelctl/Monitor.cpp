@@ -2,9 +2,7 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <memory>
 #include <optional>
@@ -17,6 +15,7 @@
 #include <kel/KELDbusClient.h>
 
 #include "Bus.h"
+#include "EndableOutput.h"
 #include "Numbers.h"
 #include "common/Text.h"
 
@@ -46,7 +45,7 @@ private:
     void m_Print(const char* event);
     void m_End(EStatus status, const char* reason = nullptr);
 
-    static int m_OnSignal(void* monitor);
+    static int m_OnSignal(int descriptor, GIOCondition condition, void* monitor);
     static int m_OnTimeout(void* monitor);
     static int m_OnOutputGone(int descriptor, GIOCondition condition, void* monitor);
     static void m_OnAgent(GDBusConnection* connection, const char* name, const char* owner,
@@ -56,6 +55,7 @@ private:
 
     const TSOptions m_options;
     const TSChannel& m_channel;
+    TCEndableOutput m_output;
     // The process's: that of the channel that the first asks for.
     const boost::shared_ptr<IDbusClient> m_client;
     const TGlibPtr<GDBusConnection> m_connection;
@@ -69,8 +69,7 @@ TCMonitor::TCMonitor(const TSOptions& options, bool test, TGlibPtr<GDBusConnecti
       m_client(TCDbusClientProvider::Get(test)), m_connection(std::move(connection)),
       m_loop(g_main_loop_new(nullptr, FALSE)), m_printed(0)
 {
-    g_unix_signal_add(SIGINT, &TCMonitor::m_OnSignal, this);
-    g_unix_signal_add(SIGTERM, &TCMonitor::m_OnSignal, this);
+    g_unix_fd_add(m_output.Signals(), G_IO_IN, &TCMonitor::m_OnSignal, this);
     g_unix_fd_add(STDOUT_FILENO, G_IO_ERR, &TCMonitor::m_OnOutputGone, this);
     g_signal_connect(m_connection.get(), "closed", G_CALLBACK(&TCMonitor::m_OnBusGone), this);
     g_bus_watch_name_on_connection(m_connection.get(), m_channel.m_agent,
@@ -107,16 +106,11 @@ void TCMonitor::m_Print(const char* event)
         return; // this one comes too late
     }
     const std::string time = tools::IsoTime(tools::Now());
-    if (m_options.m_json) {
-        std::printf("{\"time\": \"%s\", \"event\": \"%s\"}\n", time.c_str(), event);
-    } else {
-        std::printf("%s %s\n", time.c_str(), event);
-    }
-    if (std::fflush(stdout) != 0) {
-        m_End(EStatus::NoOutput, errno == EPIPE ? nullptr : std::strerror(errno));
-        return;
-    }
-    if (++m_printed == m_options.m_count) {
+    m_output.Print(m_options.m_json ? "{\"time\": \"" + time + "\", \"event\": \"" + event + "\"}\n"
+                                    : time + " " + event + "\n");
+    if (m_output.Status()) {
+        m_End(*m_output.Status());
+    } else if (++m_printed == m_options.m_count) {
         m_End(EStatus::Success);
     }
 }
@@ -133,10 +127,10 @@ void TCMonitor::m_End(EStatus status, const char* reason)
     g_main_loop_quit(m_loop.get());
 }
 
-int TCMonitor::m_OnSignal(void* monitor)
+int TCMonitor::m_OnSignal(int, GIOCondition, void* monitor)
 {
     static_cast<TCMonitor*>(monitor)->m_End(EStatus::Success);
-    return G_SOURCE_CONTINUE;
+    return G_SOURCE_REMOVE;
 }
 
 int TCMonitor::m_OnTimeout(void* monitor)

@@ -1,8 +1,6 @@
 #include "Trace.h"
 
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 
 #include "Bus.h"
@@ -45,47 +43,34 @@ EStatus TCTrace::End(TMicroseconds time, EStatus status)
     if (m_isKept) {
         const tools::TCOutcome finished = m_file.Finish();
         if (!finished) {
-            m_Fail("the trace cannot be kept: " + finished.Reason());
+            std::fprintf(stderr, "kelctl: the trace cannot be kept: %s\n",
+                         finished.Reason().c_str());
+            return EStatus::NoOutput;
         }
     }
-    return m_status.value_or(status);
+    return m_output.Status().value_or(status);
 }
 
-void TCTrace::OnCall(const TSChannelCall& call) { m_Print(TSTraceText::Call(call)); }
+void TCTrace::OnCall(const TSChannelCall& call) { m_output.Print(TSTraceText::Call(call)); }
 
 void TCTrace::OnAnswer(const TSChannelCall& call, const TSChannelAnswer& answer)
 {
-    m_Print(TSTraceText::Answer(call, answer));
+    m_output.Print(TSTraceText::Answer(call, answer));
 }
 
 void TCTrace::OnUnanswered(const TSChannelCall& call, TMicroseconds time)
 {
-    m_Print(TSTraceText::Unanswered(call, time));
+    m_output.Print(TSTraceText::Unanswered(call, time));
 }
 
 void TCTrace::OnAgent(TMicroseconds time, const std::string& agent)
 {
-    m_Print(TSTraceText::Agent(time, agent));
+    m_output.Print(TSTraceText::Agent(time, agent));
 }
 
 void TCTrace::OnFlood(TMicroseconds time, const TSFlood& flood)
 {
-    m_Print(TSTraceText::Flood(time, flood));
-}
-
-void TCTrace::m_Print(const std::string& text)
-{
-    if (m_status) {
-        return;
-    }
-    if (std::fwrite(text.data(), 1, text.size(), stdout) < text.size()
-        || std::fflush(stdout) != 0) {
-        if (errno == EPIPE) {
-            m_status = EStatus::NoOutput; // who has gone knows
-        } else {
-            m_Fail(std::string("the output cannot be written: ") + std::strerror(errno));
-        }
-    }
+    m_output.Print(TSTraceText::Flood(time, flood));
 }
 
 void TCTrace::m_Keep(TMicroseconds time, GDBusMessage& message, const TBytes& bytes)
@@ -103,12 +88,6 @@ void TCTrace::m_Keep(TMicroseconds time, GDBusMessage& message, const TBytes& by
     m_file.Write(record); // whether that works is told at the end
 }
 
-void TCTrace::m_Fail(const std::string& reason)
-{
-    std::fprintf(stderr, "kelctl: %s\n", reason.c_str());
-    m_status = m_status.value_or(EStatus::NoOutput);
-}
-
 namespace {
 
 struct TSOptions
@@ -123,7 +102,7 @@ EStatus TraceFile(TCTrace& trace, const std::string& path)
     tools::TCOutcome outcome = reader.Open(path);
     TSPcapRecord record;
     size_t unreadable = 0;
-    while (outcome && !trace.Status() && reader.Next(record, outcome)) {
+    while (outcome && !trace.Output().Status() && reader.Next(record, outcome)) {
         const TGlibPtr<GDBusMessage> message = MessageOf(record);
         if (message) {
             trace.Take(record.m_time, *message, record.m_bytes);
@@ -145,7 +124,7 @@ EStatus TraceFile(TCTrace& trace, const std::string& path)
 
 EStatus Trace(const TSOptions& options, bool test)
 {
-    TCTrace trace(test);
+    TCTrace trace(test, options.m_input.empty());
     if (!options.m_output.empty() && !trace.KeepIn(options.m_output)) {
         return EStatus::NoOutput;
     }

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "Channel.h"
+#include "EndableOutput.h"
 #include "ExitStatus.h"
 #include "NewFile.h"
 
@@ -15,7 +16,8 @@ class TCTrace : private IChannelListener
 {
 public:
     /// @param test  whether the test channel is meant.
-    explicit TCTrace(bool test) : m_channel(test, *this) {}
+    /// @param isLive  whether it goes on until a signal comes.
+    TCTrace(bool test, bool isLive) : m_output(isLive), m_channel(test, *this) {}
 
     /// Keeps the messages in a new file, too.
     ///
@@ -32,10 +34,10 @@ public:
     void Look(TMicroseconds time) { m_channel.Look(time); }
 
     /// Tells a line of its own, beside the messages.
-    void Tell(const std::string& line) { m_Print(line); }
+    void Tell(const std::string& line) { m_output.Print(line); }
 
-    /// Why it cannot go on; nothing while it can.
-    std::optional<EStatus> Status() const { return m_status; }
+    /// Whether it goes on, and what ends it.
+    TCEndableOutput& Output() { return m_output; }
 
     /// Ends it, and gives the file its name.
     ///
@@ -48,14 +50,12 @@ private:
     void OnUnanswered(const TSChannelCall& call, TMicroseconds time) override;
     void OnAgent(TMicroseconds time, const std::string& agent) override;
     void OnFlood(TMicroseconds time, const TSFlood& flood) override;
-    void m_Print(const std::string& text);
     void m_Keep(TMicroseconds time, GDBusMessage& message, const TBytes& bytes);
-    void m_Fail(const std::string& reason);
 
+    TCEndableOutput m_output;
     TCChannel m_channel;
     TCNewFile m_file;
     bool m_isKept = false;
-    std::optional<EStatus> m_status;
 };
 
 /// Traces the bus until a signal comes, the bus goes or the trace cannot go on.

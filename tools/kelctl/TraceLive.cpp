@@ -19,6 +19,7 @@ namespace {
 
 constexpr char kInterface[] = "com.norvale.kel.IControl";
 constexpr size_t kMostWaiting = 64U << 20; // bytes of messages that are not shown yet
+constexpr size_t kHead = 2048;             // of a message, about: what it takes beside its body
 constexpr unsigned int kLookEvery = 1;     // seconds
 
 class TCLive;
@@ -62,7 +63,7 @@ private:
                                      int incoming, void* inbox);
     static int m_OnSeen(void* seen);
     static int m_OnSecond(void* live);
-    static int m_OnSignal(void* live);
+    static int m_OnSignal(int descriptor, GIOCondition condition, void* live);
     static int m_OnOutputGone(int descriptor, GIOCondition condition, void* live);
     static void m_OnBusGone(GDBusConnection* connection, int remote, GError* error, void* live);
 
@@ -94,8 +95,7 @@ EStatus TCLive::Run()
         return EStatus::NoAnswer;
     }
     m_trace.Begin(agent);
-    g_unix_signal_add(SIGINT, &TCLive::m_OnSignal, this);
-    g_unix_signal_add(SIGTERM, &TCLive::m_OnSignal, this);
+    g_unix_fd_add(m_trace.Output().Signals(), G_IO_IN, &TCLive::m_OnSignal, this);
     g_unix_fd_add(STDOUT_FILENO, G_IO_ERR, &TCLive::m_OnOutputGone, this);
     g_timeout_add_seconds(kLookEvery, &TCLive::m_OnSecond, this);
     g_signal_connect(m_connection.get(), "closed", G_CALLBACK(&TCLive::m_OnBusGone), this);
@@ -176,7 +176,7 @@ GDBusMessage* TCLive::m_OnMessage(GDBusConnection*, GDBusMessage* message, int i
     }
     TGlibPtr<GDBusMessage> taken(message);
     GVariant* const body = g_dbus_message_get_body(message);
-    const size_t size = body == nullptr ? 0 : g_variant_get_size(body);
+    const size_t size = kHead + (body == nullptr ? 0 : g_variant_get_size(body));
     if (all->m_waiting > kMostWaiting) {
         ++all->m_lost;
         return nullptr;
@@ -194,8 +194,8 @@ int TCLive::m_OnSeen(void* seen)
     TCLive& live = *all.m_inbox->m_pLive;
     all.m_inbox->m_waiting -= all.m_size;
     live.m_trace.Take(all.m_time, *all.m_message);
-    if (live.m_trace.Status()) {
-        live.m_End(EStatus::NoOutput);
+    if (live.m_trace.Output().Status()) {
+        live.m_End(*live.m_trace.Output().Status());
     }
     return G_SOURCE_REMOVE;
 }
@@ -212,10 +212,10 @@ int TCLive::m_OnSecond(void* live)
     return G_SOURCE_CONTINUE;
 }
 
-int TCLive::m_OnSignal(void* live)
+int TCLive::m_OnSignal(int, GIOCondition, void* live)
 {
     static_cast<TCLive*>(live)->m_End(EStatus::Success);
-    return G_SOURCE_CONTINUE;
+    return G_SOURCE_REMOVE;
 }
 
 int TCLive::m_OnOutputGone(int, GIOCondition, void* live)
