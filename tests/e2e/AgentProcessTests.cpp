@@ -91,6 +91,18 @@ TEST_F(AgentProcess, TheTestChannelIsAnother)
     EXPECT_FALSE(AgentId().has_value());
 }
 
+TEST_F(AgentProcess, GivesAnArchiveToWhoAsksForOne)
+{
+    const std::unique_ptr<ChildProcess> agent = StartAgent();
+    ASSERT_TRUE(Says(*agent, "kel-agent: ready\n"));
+
+    TBytes handled{1};
+    const TBytes archive = ArchiveOf(0);
+    handled.insert(handled.end(), archive.begin(), archive.end());
+
+    EXPECT_EQ(m_peer.Send(SendBytes(102, 0)).m_bytes, handled);
+}
+
 TEST_F(AgentProcess, ItsOwnDirectoryIsMade)
 {
     const Mount machines("/var/lib");

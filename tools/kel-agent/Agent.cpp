@@ -59,6 +59,7 @@ TCAgent::TCAgent(bool test, const std::string& stateDirectory,
     m_server.SetCallback(kSetPolicyType, boost::bind(&TCAgent::m_SetPolicy, this, _1, _2));
     m_server.SetCallback(tools::AskVersion, boost::bind(&TCAgent::m_TellVersion, _2));
     m_server.SetCallback(tools::AskClients, boost::bind(&TCAgent::m_TellClients, this, _2));
+    m_server.SetCallback(tools::AskArchive, boost::bind(&TCAgent::m_TellArchive, _2));
 }
 
 TCAgent::~TCAgent() { g_main_loop_unref(m_pLoop); }
@@ -141,6 +142,12 @@ bool TCAgent::m_TellClients(TBytes& response)
 {
     const std::string clients = m_applications.Tell();
     response.assign(clients.begin(), clients.end());
+    return true;
+}
+
+bool TCAgent::m_TellArchive(TBytes& response)
+{
+    TSPolicyArchive::Write(Accepted, response);
     return true;
 }
 

@@ -51,6 +51,7 @@ private:
     EAnswer m_Take(const std::string& policy);
     static bool m_TellVersion(TBytes& response);
     bool m_TellClients(TBytes& response);
+    static bool m_TellArchive(TBytes& response);
     void m_End(bool ok);
 
     static int m_OnSignal(void* agent);
