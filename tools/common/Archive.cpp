@@ -32,6 +32,13 @@ TCArchiveView::TCArchiveView(const std::vector<unsigned char>& bytes) : m_bytes(
     }
 }
 
+unsigned int TCArchiveView::Version() const
+{
+    return m_word == 0 ? 0
+                       : static_cast<unsigned int>(
+                           m_Number(m_word + kSignatureLength, kVersionLength, m_bigEndian));
+}
+
 std::optional<std::string_view> TCArchiveView::String() const
 {
     if (m_word == 0 || m_bytes.size() - BodyAt(m_word) < m_word) {

@@ -20,6 +20,12 @@ public:
     /// Whether it begins like an archive.
     bool IsArchive() const { return m_word != 0; }
 
+    /// The bytes of a size_t of the machine that has written it; 0 for what is no archive.
+    std::size_t Word() const { return m_word; }
+
+    /// The version of its writer's archive library; 0 for what is no archive.
+    unsigned int Version() const;
+
     /// The string in an archive of one, which fills it to the end.
     std::optional<std::string_view> String() const;
 
@@ -31,7 +37,7 @@ private:
     unsigned long long m_Number(std::size_t at, std::size_t size, bool bigEndian) const;
 
     const std::vector<unsigned char>& m_bytes;
-    std::size_t m_word = 0; // of the size_t of the machine; 0 for what is no archive
+    std::size_t m_word = 0;
     bool m_bigEndian = false;
 };
 

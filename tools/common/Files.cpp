@@ -208,5 +208,52 @@ bool ListNames(int directory, std::vector<std::string>& names)
     });
 }
 
+// Without waiting: for a FIFO's other end, or for who has a lease on a file.
+bool ReadRegularFile(int directory, const std::string& name, int flags, size_t most,
+                     std::string& text)
+{
+    const TCDescriptor file(
+        openat(directory, name.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | flags));
+    struct stat status;
+    if (!file.IsOpen() || !GetStatus(file.Get(), status)) {
+        return false;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        errno = EINVAL;
+        return false;
+    }
+    std::string content;
+    char block[1U << 14];
+    for (ssize_t size = 1; size > 0 && content.size() < most;) {
+        size = read(file.Get(), block, std::min(sizeof(block), most - content.size()));
+        if (size < 0) {
+            return false;
+        }
+        content.append(block, static_cast<size_t>(size));
+    }
+    text = std::move(content);
+    return true;
+}
+
+std::optional<std::string> ReadText(const std::string& path, size_t most)
+{
+    std::string text;
+    if (!ReadRegularFile(AT_FDCWD, path, 0, most + 1, text)) {
+        return std::nullopt;
+    }
+    if (text.size() > most) {
+        errno = EFBIG;
+        return std::nullopt;
+    }
+    return text;
+}
+
+bool ListNames(const std::string& path, std::vector<std::string>& names)
+{
+    const TCDescriptor directory(
+        open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC));
+    return directory.IsOpen() && ListNames(directory.Get(), names);
+}
+
 } // namespace tools
 } // namespace kel

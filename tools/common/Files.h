@@ -3,7 +3,9 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <cstddef>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -85,6 +87,24 @@ bool ForEachName(int directory,
 ///
 /// @return true on success, otherwise false with errno set.
 bool ListNames(int directory, std::vector<std::string>& names);
+
+/// Reads a regular file. Nothing else in its place is waited for.
+///
+/// @param flags  of open(): O_NOFOLLOW, say.
+/// @param most   bytes; what is behind them stays unread.
+/// @param text   replaced on success.
+/// @return true on success, otherwise false with errno set.
+bool ReadRegularFile(int directory, const std::string& name, int flags, size_t most,
+                     std::string& text);
+
+/// The whole text of a regular file.
+///
+/// @param most  the bytes of the longest that is read.
+/// @return nothing, with errno set, when it cannot be read; EFBIG when it is longer.
+std::optional<std::string> ReadText(const std::string& path, size_t most);
+
+/// The names in a directory, which is followed when it is a link.
+bool ListNames(const std::string& path, std::vector<std::string>& names);
 
 } // namespace tools
 } // namespace kel

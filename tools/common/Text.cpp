@@ -84,5 +84,20 @@ std::string PrintableStart(const std::string& text, size_t most)
     return printable;
 }
 
+std::string Joined(const std::vector<std::string>& words)
+{
+    std::string text;
+    for (const std::string& word : words) {
+        text += (text.empty() ? "" : ", ") + word;
+    }
+    return text;
+}
+
+bool EndsWith(const std::string& text, std::string_view end)
+{
+    return text.size() >= end.size()
+           && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
 } // namespace tools
 } // namespace kel

@@ -4,6 +4,7 @@
 #include <ctime>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace kel {
 namespace tools {
@@ -28,6 +29,11 @@ std::string Printable(const std::string& text, std::string_view kept = {});
 ///
 /// @param most  the bytes of the beginning, escapes included.
 std::string PrintableStart(const std::string& text, size_t most = 200);
+
+/// Words with a comma between each two.
+std::string Joined(const std::vector<std::string>& words);
+
+bool EndsWith(const std::string& text, std::string_view end);
 
 } // namespace tools
 } // namespace kel

@@ -2,17 +2,10 @@
 
 #include <cstdio>
 
+#include "common/AgentMessages.h"
+
 namespace kel {
 namespace ctl {
-
-namespace {
-
-void KeepResult(GObject*, GAsyncResult* result, void* kept)
-{
-    *static_cast<GAsyncResult**>(kept) = G_ASYNC_RESULT(g_object_ref(result));
-}
-
-} // namespace
 
 EStatus TSAgent::Find(const TSChannel& channel)
 {
@@ -66,14 +59,12 @@ bool TSAgent::m_FindOwner(GDBusConnection* connection, const char* name, TGlibPt
 
 void TSAgent::m_Ask(GDBusConnection* connection, const TSChannel& channel)
 {
-    GAsyncResult* result = nullptr;
-    AskVersion(connection, channel, m_uniqueName.c_str(), &KeepResult, &result);
-    while (result == nullptr) {
-        g_main_context_iteration(nullptr, TRUE);
-    }
+    using std::chrono::steady_clock;
+    const steady_clock::time_point asked = steady_clock::now();
     TGlibPtr<GError> error;
-    m_version = TakeVersion(G_OBJECT(connection), result, error);
-    g_object_unref(result);
+    m_version = VersionIn(
+        AskAgent(connection, channel, m_uniqueName.c_str(), tools::AskVersion, error, m_timeout));
+    m_took = std::chrono::duration_cast<std::chrono::milliseconds>(steady_clock::now() - asked);
     m_denied = IsDenied(error);
     m_answers = !error;
 }

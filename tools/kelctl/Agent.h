@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <string>
 
 #include "Bus.h"
@@ -16,6 +17,8 @@ struct TSAgent
     std::string m_version; // empty when it does not tell it
     bool m_denied = false; // to this user, by the bus
     bool m_answers = true;
+    std::chrono::milliseconds m_took{0}; // to answer
+    int m_timeout = kAnswerTimeout;      // in ms: how long it is waited for
 
     /// Finds the agent of a channel, and starts none.
     ///

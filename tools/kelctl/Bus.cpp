@@ -13,7 +13,6 @@ namespace ctl {
 namespace {
 
 constexpr char kInterface[] = "com.norvale.kel.IControl";
-constexpr int kAnswerTimeout = 3000; // ms; who is busy may be so for long
 constexpr size_t kLongestVersion = 64;
 
 bool IsOfAVersion(char letter) { return g_ascii_isalnum(letter) || std::strchr(".+~-", letter); }
@@ -60,6 +59,16 @@ TGlibPtr<GDBusConnection> ConnectToBus()
 
 TGlibPtr<GDBusConnection> ConnectAlone()
 {
+    TGlibPtr<GError> error;
+    TGlibPtr<GDBusConnection> connection = ConnectAlone(nullptr, error);
+    if (!connection) {
+        std::fprintf(stderr, "kelctl: no system bus: %s\n", TextOf(*error).c_str());
+    }
+    return connection;
+}
+
+TGlibPtr<GDBusConnection> ConnectAlone(GCancellable* cancellable, TGlibPtr<GError>& error)
+{
     constexpr auto flags
         = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT
                                             | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
@@ -68,26 +77,31 @@ TGlibPtr<GDBusConnection> ConnectAlone()
     char* const address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &failure);
     if (address != nullptr) {
         connection.reset(
-            g_dbus_connection_new_for_address_sync(address, flags, nullptr, nullptr, &failure));
+            g_dbus_connection_new_for_address_sync(address, flags, nullptr, cancellable, &failure));
         g_free(address);
     }
-    const TGlibPtr<GError> error(failure);
-    if (!connection) {
-        std::fprintf(stderr, "kelctl: no system bus: %s\n", TextOf(*error).c_str());
-    }
+    error.reset(failure);
     return connection;
+}
+
+TGlibPtr<GVariant> Call(GDBusConnection* connection, const TSMethod& method, GVariant* arguments,
+                        const char* type, int timeout, TGlibPtr<GError>& error)
+{
+    GError* failure = nullptr;
+    TGlibPtr<GVariant> answer(g_dbus_connection_call_sync(
+        connection, method.m_owner, method.m_object, method.m_interface, method.m_name, arguments,
+        type != nullptr ? G_VARIANT_TYPE(type) : nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, timeout,
+        nullptr, &failure));
+    error.reset(failure);
+    return answer;
 }
 
 TGlibPtr<GVariant> AskBus(GDBusConnection* connection, const char* question, const char* name,
                           const char* type, TGlibPtr<GError>& error)
 {
-    GError* failure = nullptr;
-    TGlibPtr<GVariant> answer(g_dbus_connection_call_sync(
-        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        question, g_variant_new("(s)", name), G_VARIANT_TYPE(type), G_DBUS_CALL_FLAGS_NO_AUTO_START,
-        -1, nullptr, &failure));
-    error.reset(failure);
-    return answer;
+    const TSMethod method
+        = {"org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", question};
+    return Call(connection, method, g_variant_new("(s)", name), type, -1, error);
 }
 
 void AskVersion(GDBusConnection* connection, const TSChannel& channel, const char* agent,
@@ -104,22 +118,24 @@ std::string TakeVersion(GObject* connection, GAsyncResult* result, TGlibPtr<GErr
     const TGlibPtr<GVariant> answer(
         g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &failure));
     error.reset(failure);
-    const std::string version = Answer(answer.get()).value_or("");
+    return VersionIn(Answer(answer.get()));
+}
+
+std::optional<std::string> AskAgent(GDBusConnection* connection, const TSChannel& channel,
+                                    const char* agent, int type, TGlibPtr<GError>& error,
+                                    int timeout)
+{
+    const TSMethod send = {agent, channel.m_object, kInterface, "Send"};
+    return Answer(Call(connection, send, Request(type), nullptr, timeout, error).get());
+}
+
+std::string VersionIn(const std::optional<std::string>& answer)
+{
+    const std::string version = answer.value_or("");
     return version.size() < kLongestVersion
                    && std::all_of(version.begin(), version.end(), IsOfAVersion)
                ? version
                : "";
-}
-
-std::optional<std::string> AskAgent(GDBusConnection* connection, const TSChannel& channel,
-                                    const char* agent, int type, TGlibPtr<GError>& error)
-{
-    GError* failure = nullptr;
-    const TGlibPtr<GVariant> answer(g_dbus_connection_call_sync(
-        connection, agent, channel.m_object, kInterface, "Send", Request(type), nullptr,
-        G_DBUS_CALL_FLAGS_NO_AUTO_START, kAnswerTimeout, nullptr, &failure));
-    error.reset(failure);
-    return Answer(answer.get());
 }
 
 bool IsDenied(const TGlibPtr<GError>& error)

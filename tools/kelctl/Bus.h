@@ -33,11 +33,36 @@ TGlibPtr<GDBusConnection> ConnectToBus();
 /// @return empty, with one line on standard error, when there is no bus.
 TGlibPtr<GDBusConnection> ConnectAlone();
 
+/// The same, for who tells of a failure himself, and may not wait for ever.
+///
+/// @return empty, with the error, when there is no bus.
+TGlibPtr<GDBusConnection> ConnectAlone(GCancellable* cancellable, TGlibPtr<GError>& error);
+
+/// A method of an object.
+struct TSMethod
+{
+    const char* m_owner; // on the bus
+    const char* m_object;
+    const char* m_interface;
+    const char* m_name;
+};
+
+/// Calls a method and waits for its answer, and starts nobody for that.
+///
+/// @param arguments  a tuple, whose reference is taken when it is floating; null for none.
+/// @param type       of the answer; null for any.
+/// @param timeout    in ms; -1 for the D-Bus library's own.
+/// @return empty, with the error, when there is none.
+TGlibPtr<GVariant> Call(GDBusConnection* connection, const TSMethod& method, GVariant* arguments,
+                        const char* type, int timeout, TGlibPtr<GError>& error);
+
 /// Asks the bus itself, which starts nobody for that. The answer holds one value of the type.
 ///
 /// @return empty, with the error, when there is none.
 TGlibPtr<GVariant> AskBus(GDBusConnection* connection, const char* question, const char* name,
                           const char* type, TGlibPtr<GError>& error);
+
+constexpr int kAnswerTimeout = 3000; // of an agent, in ms; who is busy may be so for long
 
 /// The names of a channel.
 struct TSChannel
@@ -62,12 +87,17 @@ std::string TakeVersion(GObject* connection, GAsyncResult* result, TGlibPtr<GErr
 
 /// Asks the owner of the agent's name for what a message without data is answered with, and waits.
 ///
-/// @param type   the message's: see tools::EAgentMessage.
-/// @param agent  its unique name.
+/// @param type     the message's: see tools::EAgentMessage.
+/// @param agent    its unique name.
+/// @param timeout  in ms.
 /// @return the bytes of the answer; nothing, with the error, when there was none, and without one
 ///         when the agent has declined.
 std::optional<std::string> AskAgent(GDBusConnection* connection, const TSChannel& channel,
-                                    const char* agent, int type, TGlibPtr<GError>& error);
+                                    const char* agent, int type, TGlibPtr<GError>& error,
+                                    int timeout = kAnswerTimeout);
+
+/// The version in an answer to AskVersion; empty when it tells none.
+std::string VersionIn(const std::optional<std::string>& answer);
 
 /// Whether it is the bus that forbids something to this user.
 bool IsDenied(const TGlibPtr<GError>& error);

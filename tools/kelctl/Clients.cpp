@@ -92,6 +92,16 @@ const TCClients::TRow TCClients::kHead
     = {"CLIENT",  "PROCESS",   "USER",        "TYPES",   "REGISTERED", "SENT",   "HANDLED",
        "REFUSED", "TIMED-OUT", "UNREACHABLE", "LAST-MS", "SLOWEST-MS", "PROGRAM"};
 
+std::optional<TJson> ClientsIn(const std::optional<std::string>& answer)
+{
+    TJson told = TJson::parse(answer.value_or(""), nullptr, false);
+    const auto clients = told.find("clients");
+    if (!told.is_object() || clients == told.end() || !clients->is_object()) {
+        return std::nullopt;
+    }
+    return std::move(*clients);
+}
+
 EStatus TCClients::Ask(GDBusConnection* connection, const TSChannel& channel, const TSAgent& agent,
                        std::string& reason)
 {
@@ -104,9 +114,8 @@ EStatus TCClients::Ask(GDBusConnection* connection, const TSChannel& channel, co
         reason += TextOf(*error);
         return EStatus::NoAnswer;
     }
-    const TJson told = TJson::parse(answer.value_or(""), nullptr, false);
-    const auto clients = told.find("clients");
-    if (!told.is_object() || clients == told.end() || !clients->is_object()) {
+    const std::optional<TJson> clients = ClientsIn(answer);
+    if (!clients) {
         reason = "the agent that runs does not tell of its applications: it is another one than "
                  "kel-agent, or older";
         return EStatus::Negative;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,10 @@ public:
 private:
     TJson m_clients = TJson::array();
 };
+
+/// The applications in an agent's answer to AskClients: an object with a member for each, by unique
+/// name. Nothing when the answer tells of none.
+std::optional<TJson> ClientsIn(const std::optional<std::string>& answer);
 
 /// What there is to say of an agent that runs: the rest of a line, and the members of an object of
 /// JSON, without its braces.
