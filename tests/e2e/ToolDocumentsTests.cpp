@@ -83,7 +83,7 @@ TWords Completed(const std::string& words, const std::string& tool = "kelctl",
 
 const std::vector<std::string> kCommands{"set-policy", "monitor", "status", "report",
                                          "reports",    "klog",    "policy", "process-info",
-                                         "trace",      "replay"};
+                                         "trace",      "replay",  "doctor"};
 
 } // namespace
 
@@ -159,6 +159,8 @@ TEST(ToolDocuments, TheCompletionOffersFilesWhereFilesAreMeantAndNothingForANumb
     EXPECT_EQ(Completed("kelctl reports --html '" KEL_EXAMPLES "/pol'"),
               TWords{KEL_EXAMPLES "/policy.xml"});
     EXPECT_EQ(Completed("kelctl reports --state-dir '" KEL_TOOLS "/kelc'"),
+              TWords{KEL_TOOLS "/kelctl"});
+    EXPECT_EQ(Completed("kelctl doctor --state-dir '" KEL_TOOLS "/kelc'"),
               TWords{KEL_TOOLS "/kelctl"});
     EXPECT_EQ(Completed("kelctl trace --input '" KEL_EXAMPLES "/pol'"),
               TWords{KEL_EXAMPLES "/policy.xml"});

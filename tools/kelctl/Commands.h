@@ -16,6 +16,7 @@ struct TSCommon
 /// A subcommand adds itself to the program, in a source file of its own. When it is the one that
 /// was called, it runs after parsing and sets the status; a failure is told in one line on
 /// standard error. What it has left in standard output's buffer is written at the program's end.
+void AddDoctor(CLI::App& program, const TSCommon& common, EStatus& status);
 void AddKernelLog(CLI::App& program, EStatus& status);
 void AddMonitor(CLI::App& program, const TSCommon& common, EStatus& status);
 void AddPolicy(CLI::App& program, EStatus& status);

@@ -7,7 +7,7 @@ namespace ctl {
 enum class EStatus {
     Success = 0,
     Negative = 1, // the agent refused the policy; no agent owns the name; the request could not be
-                  // left; a report, or the kernel log, cannot be read
+                  // left; a report, or the kernel log, cannot be read; the machine has a fault
     WrongUsage = 2,
     NoAnswer = 3,     // from the agent, or from the bus
     TooFewEvents = 4, // in time, or no report

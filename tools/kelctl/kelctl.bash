@@ -7,7 +7,7 @@ _kelctl() {
     COMPREPLY=()
 
     if [[ $COMP_CWORD -eq 1 ]]; then
-        words='set-policy monitor status report reports klog policy process-info trace replay --help --test --verbose --version'
+        words='set-policy monitor status report reports klog policy process-info trace replay doctor --help --test --verbose --version'
     else
         case $command in
         set-policy)
@@ -22,13 +22,14 @@ _kelctl() {
             words='--count --json --timeout --help'
             ;;
         status) words='--clients --json --watch --help' ;;
-        policy)
+        policy | doctor)
             if [[ $previous == --state-dir ]]; then
                 compopt -o filenames 2>/dev/null
                 mapfile -t COMPREPLY < <(compgen -d -- "$current")
                 return
             fi
-            words='--json --print --state-dir --help'
+            words='--json --state-dir --help'
+            [[ $command == doctor ]] || words="--print $words"
             ;;
         report)
             case $previous in

@@ -1,6 +1,6 @@
 # Completes the command line of kelctl(1) in fish.
 
-set -l commands set-policy monitor status report reports klog policy process-info trace replay
+set -l commands set-policy monitor status report reports klog policy process-info trace replay doctor
 set -l none "not __fish_seen_subcommand_from $commands"
 
 complete -c kelctl -f
@@ -19,9 +19,10 @@ complete -c kelctl -n $none -a policy -d 'tell which policy file applies'
 complete -c kelctl -n $none -a process-info -d 'have the agent ask for process information'
 complete -c kelctl -n $none -a trace -d 'show what the channel carries'
 complete -c kelctl -n $none -a replay -d 'send again what a trace has kept'
+complete -c kelctl -n $none -a doctor -d 'look at this machine, and tell what is wrong'
 
 complete -c kelctl -n '__fish_seen_subcommand_from set-policy' -F
-complete -c kelctl -n '__fish_seen_subcommand_from monitor status reports policy' -l json -d 'print JSON'
+complete -c kelctl -n '__fish_seen_subcommand_from monitor status reports policy doctor' -l json -d 'print JSON'
 complete -c kelctl -n '__fish_seen_subcommand_from status' -l clients -d 'tell what it knows of each application'
 complete -c kelctl -n '__fish_seen_subcommand_from status' -l watch -d 'go on, and show what changes'
 complete -c kelctl -n '__fish_seen_subcommand_from monitor' -x -l count -d 'end after so many events'
@@ -36,7 +37,7 @@ complete -c kelctl -n '__fish_seen_subcommand_from report' -l slot -d 'leave the
 complete -c kelctl -n '__fish_seen_subcommand_from report' -l wait -d 'wait for the report'
 complete -c kelctl -n '__fish_seen_subcommand_from report' -x -l timeout -d 'wait for so many seconds at most'
 complete -c kelctl -n '__fish_seen_subcommand_from policy' -l print -d "print the text of the agent's own policy"
-complete -c kelctl -n '__fish_seen_subcommand_from report reports policy' -x -l state-dir \
+complete -c kelctl -n '__fish_seen_subcommand_from report reports policy doctor' -x -l state-dir \
     -a '(__fish_complete_directories)' -d "the agent's directory of state"
 complete -c kelctl -n '__fish_seen_subcommand_from reports' -x -l since -d 'only those of this time or age, and newer ones'
 complete -c kelctl -n '__fish_seen_subcommand_from reports' -x -l older-than -d 'only those of more than this age'

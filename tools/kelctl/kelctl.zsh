@@ -21,6 +21,7 @@ _kelctl() {
         'process-info:have the agent ask for process information'
         'trace:show what the channel carries'
         'replay:send again what a trace has kept'
+        'doctor:look at this machine, and tell what is wrong'
     )
 
     _arguments -C $help '(- *)--version[print the version and exit]' \
@@ -80,6 +81,10 @@ _kelctl() {
         replay)
             _arguments $help '--as[what to be]:part:(agent applications)' \
                 '--speed[so many times as fast as it was]:factor: ' '1:recording:_files'
+            ;;
+        doctor)
+            _arguments $help '--json[print a JSON array]' \
+                "--state-dir[the agent's directory of state]:directory:_files -/"
             ;;
         klog) _arguments $help '--follow[go on with new lines]' ;;
         esac

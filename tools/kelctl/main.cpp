@@ -86,6 +86,7 @@ int main(int argc, char** argv)
     kel::ctl::AddProcessInfo(app, common, status);
     kel::ctl::AddTrace(app, common, status);
     kel::ctl::AddReplay(app, common, status);
+    kel::ctl::AddDoctor(app, common, status);
     std::vector<CLI::App*> takers = app.get_subcommands({});
     takers.push_back(&app);
     for (CLI::App* const taker : takers) {
