@@ -16,7 +16,7 @@ struct TSOptions
 
     std::string m_stateDirectory = "/var/lib/kel-agent";
     bool m_isOwnDirectory = true; // which the agent makes; one that the user names is there
-    TCReportStore::TSLimits m_limits = {4096, 256U << 20};
+    TCReportStore::TSLimits m_limits;
     bool m_test = false;
 
     /// Prints what the user asks for to standard output, and what is wrong to standard error.

@@ -20,8 +20,8 @@ class TCShares
 public:
     struct TSLimits
     {
-        size_t m_reports;
-        uint64_t m_bytes;
+        size_t m_reports = 4096;
+        uint64_t m_bytes = 256U << 20;
     };
 
     /// A report that is about to be added.

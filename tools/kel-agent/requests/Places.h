@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstring>
 
@@ -24,6 +26,13 @@ struct TSDrop
 
 constexpr TSDrop kDrops[]
     = {{tools::kRebootRequestDrop, true, 'r'}, {tools::kRequestDrop, false, 'n'}};
+
+// To be written by all, to be listed by the agent; sticky.
+constexpr mode_t kDropMode = 01733;
+
+// Of those that were taken and are not in a report yet.
+constexpr char kTakenName[] = ".kel_NDF.taken";
+constexpr mode_t kTakenMode = 0700;
 
 inline const TSDrop& Drop(bool reboot) { return kDrops[reboot ? 0 : 1]; }
 

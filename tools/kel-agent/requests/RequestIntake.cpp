@@ -26,8 +26,6 @@ using tools::TCOutcome;
 
 namespace {
 
-constexpr mode_t kDropMode = 01733; // to be written by all, to be listed by us; sticky
-
 // What nothing tells of, that somebody unmounts something, say, is looked for.
 constexpr std::chrono::milliseconds kRetry(1000);
 // What is no request comes into being without being closed; it is in nobody's way for so long.
@@ -56,10 +54,7 @@ const char* Reason(EFound found)
     }
 }
 
-std::string TakenPath()
-{
-    return std::string(tools::kTemporaryDirectory) + "/" + TCTakenRequests::kName;
-}
+std::string TakenPath() { return std::string(tools::kTemporaryDirectory) + "/" + kTakenName; }
 
 TCExactDirectory Place(const TSDrop& drop)
 {

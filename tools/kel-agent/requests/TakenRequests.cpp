@@ -25,8 +25,6 @@ using tools::TCOutcome;
 
 namespace {
 
-constexpr mode_t kOwnersAlone = 0700;
-
 bool IsSameFile(int a, int b)
 {
     struct stat first;
@@ -80,7 +78,7 @@ std::string ReadContent(int file)
 } // namespace
 
 TCTakenRequests::TCTakenRequests()
-    : m_place(kName, kOwnersAlone, std::string(kAsidePrefix) + kAsideTaken),
+    : m_place(kTakenName, kTakenMode, std::string(kAsidePrefix) + kAsideTaken),
       m_number(TSTakenName::FirstNumber())
 {}
 

@@ -66,8 +66,6 @@ public:
 
     tools::TCOutcome Remove(const std::string& taken) const;
 
-    static constexpr char kName[] = ".kel_NDF.taken";
-
 private:
     const TCExactDirectory m_place;
     tools::TCDescriptor m_directory;
