@@ -23,6 +23,8 @@ namespace tools {
 
 namespace {
 
+constexpr uint64_t kBlock = 512; // what st_blocks counts
+
 constexpr const char* kAcls[] = {"system.posix_acl_access", "system.posix_acl_default"};
 
 // Fails with ENOSYS where there is no such system call, and with EPERM where it is forbidden.
@@ -152,7 +154,12 @@ TCDescriptor OpenIn(int directory, const std::string& name, int flags)
 bool HasAcl(int file)
 {
     return std::any_of(std::begin(kAcls), std::end(kAcls), [file](const char* acl) {
-        return fgetxattr(file, acl, nullptr, 0) >= 0 || (errno != ENODATA && errno != EOPNOTSUPP);
+        ssize_t size = fgetxattr(file, acl, nullptr, 0);
+        if (size < 0 && errno == EBADF) { // it is open as a place alone
+            const std::string place = "/proc/self/fd/" + std::to_string(file);
+            size = getxattr(place.c_str(), acl, nullptr, 0);
+        }
+        return size >= 0 || (errno != ENODATA && errno != EOPNOTSUPP);
     });
 }
 
@@ -208,6 +215,20 @@ bool ListNames(int directory, std::vector<std::string>& names)
     });
 }
 
+uint64_t WrittenSize(int directory)
+{
+    uint64_t size = 0;
+    ForEachName(directory, [&](const std::string& name, unsigned char) {
+        struct stat status;
+        if (GetStatus(directory, name, status)) {
+            size += std::min(static_cast<uint64_t>(status.st_size),
+                             static_cast<uint64_t>(status.st_blocks) * kBlock);
+        }
+        return true;
+    });
+    return size;
+}
+
 // Without waiting: for a FIFO's other end, or for who has a lease on a file.
 bool ReadRegularFile(int directory, const std::string& name, int flags, size_t most,
                      std::string& text)
@@ -224,12 +245,16 @@ bool ReadRegularFile(int directory, const std::string& name, int flags, size_t m
     }
     std::string content;
     char block[1U << 14];
-    for (ssize_t size = 1; size > 0 && content.size() < most;) {
-        size = read(file.Get(), block, std::min(sizeof(block), most - content.size()));
+    bool isEnd = false;
+    while (!isEnd && content.size() < most) {
+        const size_t wanted = std::min(sizeof(block), most - content.size());
+        const ssize_t size = read(file.Get(), block, wanted);
         if (size < 0) {
             return false;
         }
         content.append(block, static_cast<size_t>(size));
+        // What is shorter is the end, but of the kernel's own texts, which have no size.
+        isEnd = status.st_size > 0 ? static_cast<size_t>(size) < wanted : size == 0;
     }
     text = std::move(content);
     return true;

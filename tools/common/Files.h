@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -87,6 +88,9 @@ bool ForEachName(int directory,
 ///
 /// @return true on success, otherwise false with errno set.
 bool ListNames(int directory, std::vector<std::string>& names);
+
+/// How many bytes were written to the files in an open directory: holes are none.
+uint64_t WrittenSize(int directory);
 
 /// Reads a regular file. Nothing else in its place is waited for.
 ///

@@ -22,6 +22,7 @@ using tools::ListNames;
 using tools::TCDescriptor;
 using tools::TCOutcome;
 using tools::WriteNewFile;
+using tools::WrittenSize;
 
 namespace {
 
@@ -30,7 +31,6 @@ constexpr mode_t kMode = 0700;
 constexpr mode_t kFileMode = 0600;
 constexpr size_t kDigits = 10;
 constexpr size_t kMostOfAText = 64U << 10; // of a report.json: ours are smaller
-constexpr uint64_t kBlock = 512;           // what st_blocks counts
 // Names that no report has, for what is being made and for what is being removed.
 constexpr char kNew[] = ".new-";
 constexpr char kOld[] = ".old-";
@@ -51,22 +51,6 @@ bool IsReport(const std::string& name)
 bool IsUnfinished(const std::string& name)
 {
     return name.rfind(kNew, 0) == 0 || name.rfind(kOld, 0) == 0;
-}
-
-// What was written, without holes.
-uint64_t SizeOf(int directory)
-{
-    std::vector<std::string> names;
-    ListNames(directory, names);
-    uint64_t size = 0;
-    for (const std::string& name : names) {
-        struct stat status;
-        if (GetStatus(directory, name, status)) {
-            size += std::min(static_cast<uint64_t>(status.st_size),
-                             static_cast<uint64_t>(status.st_blocks) * kBlock);
-        }
-    }
-    return size;
 }
 
 TSOrigin OriginOf(int directory)
@@ -139,7 +123,7 @@ void TCReportStore::m_Learn(uint64_t id)
 {
     if (!m_shares.Has(id)) {
         const TCDescriptor directory = OpenDirectory(m_PathOf(id));
-        m_shares.Add(id, OriginOf(directory.Get()).m_user, SizeOf(directory.Get()));
+        m_shares.Add(id, OriginOf(directory.Get()).m_user, WrittenSize(directory.Get()));
     }
 }
 
