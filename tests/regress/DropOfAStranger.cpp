@@ -13,6 +13,7 @@
 #include <gmock/gmock.h>
 
 #include "e2e/ReportRoad.h"
+#include "support/Acl.h"
 #include "support/Stranger.h"
 
 namespace kel::test {
@@ -21,30 +22,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr char kAccessAcl[] = "system.posix_acl_access";
-constexpr char kDefaultAcl[] = "system.posix_acl_default";
-
-struct TSAclEntry
-{
-    uint16_t m_tag;
-    uint16_t m_rights;
-    uint32_t m_id;
-};
-
-struct TSAcl
-{
-    uint32_t m_version = 2;
-    TSAclEntry m_entries[5] = {{0x01, 7, ~0U},
-                               {0x02, 7, Stranger::kNobody},
-                               {0x04, 7, ~0U},
-                               {0x10, 7, ~0U}, // the mask
-                               {0x20, 7, ~0U}};
-};
-
 void SetAcl(const fs::path& path, const char* kind)
 {
-    const TSAcl acl;
-    if (setxattr(path.c_str(), kind, &acl, sizeof(acl), 0) != 0) {
+    if (!TSAcl(Stranger::kNobody).Set(path, kind)) {
         perror("setxattr");
     }
 }
