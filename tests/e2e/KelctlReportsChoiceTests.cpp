@@ -298,6 +298,7 @@ TEST_F(KelctlReportsChoice, RemovingFollowsNoLinkAndEntersNoMount)
 
 TEST_F(KelctlReportsChoice, AStrangerWhoOwnsTheDirectoryLeadsNobodyAstray)
 {
+    Sandbox::NeedOtherUsers();
     const fs::path other = kState / "not a report's";
     fs::create_directories(other / "kept");
     const uid_t stranger = Stranger::kNobody;
