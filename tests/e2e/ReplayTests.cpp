@@ -49,6 +49,22 @@ TEST_F(KelctlReplay, SendsWhatAnApplicationHasSentAndFindsTheSameAnswer)
               SendBytes(4, 0, ArchiveOf(std::string("<policy/>"))));
 }
 
+TEST_F(KelctlReplay, WhatAnAgentTellsOfItsClientsIsOfThatMoment)
+{
+    const std::unique_ptr<ChildProcess> agent = StartAgent();
+    ASSERT_TRUE(Says(*agent, "ready"));
+    const std::unique_ptr<ChildProcess> trace = Trace({"--output", m_file});
+    ASSERT_EQ(Kelctl({"status", "--clients"}).m_exit, 0);
+    ASSERT_TRUE(trace->WaitForOutput("clients (101): handled"));
+    End(*trace);
+    ASSERT_TRUE(m_peer.Hello({2}).IsOk());
+
+    const TSFinished ended = Kelctl({"replay", m_file});
+
+    EXPECT_EQ(ended.m_exit, 0) << Text(ended);
+    EXPECT_THAT(ended.m_output, HasSubstr(" clients (101): same: handled\n"));
+}
+
 TEST_F(KelctlReplay, TellsOfAnotherAnswer)
 {
     RecordPolicy();

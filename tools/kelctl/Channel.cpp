@@ -92,7 +92,18 @@ bool IsForAgents(const TSChannelCall& call)
 const char* NameOf(int type, bool toAgent)
 {
     if (toAgent) {
-        return type == 4 ? "set-policy" : type == tools::AskVersion ? "version" : "message";
+        switch (type) {
+        case 4:
+            return "set-policy";
+        case tools::AskVersion:
+            return "version";
+        case tools::AskClients:
+            return "clients";
+        case tools::AskArchive:
+            return "archive";
+        default:
+            return "message";
+        }
     }
     return type == 2 ? "policy-update" : type == 4 ? "process-info-request" : "event";
 }

@@ -1,5 +1,6 @@
 #include "Recording.h"
 
+#include "common/AgentMessages.h"
 #include "common/Archive.h"
 
 namespace kel {
@@ -70,6 +71,9 @@ bool IsSame(const TSChannelCall& call, const std::optional<TSChannelAnswer>& one
     if (one->m_error != other->m_error || one->m_readable != other->m_readable
         || one->m_handled != other->m_handled) {
         return false;
+    }
+    if (call.m_toAgent && call.m_type == tools::AskClients) {
+        return true; // it tells of that moment
     }
     // An archive of another machine has other bytes for the same number.
     const std::optional<int> number = tools::TCArchiveView(one->m_data).Int();
