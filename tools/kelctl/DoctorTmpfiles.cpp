@@ -82,7 +82,7 @@ std::string MissingIn(const std::string& text)
 std::string FindFile()
 {
     for (const char* const directory : kDirectories) {
-        const std::string path = std::string(directory) + "/" + kFile;
+        std::string path = std::string(directory) + "/" + kFile;
         struct stat status;
         if (lstat(path.c_str(), &status) == 0) {
             return path;

@@ -17,7 +17,6 @@
 namespace kel {
 namespace agent {
 
-using tools::GetStatus;
 using tools::ListNames;
 using tools::TCDescriptor;
 using tools::TCOutcome;
