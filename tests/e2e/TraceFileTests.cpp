@@ -6,11 +6,11 @@
 
 #include <gmock/gmock.h>
 
-#include "Channel.h"
-#include "Pcap.h"
-#include "TraceText.h"
 #include "e2e/AgentRoad.h"
 #include "support/Archives.h"
+#include "trace/Channel.h"
+#include "trace/Pcap.h"
+#include "trace/TraceText.h"
 
 namespace kel::test {
 

@@ -5,10 +5,10 @@
 
 #include <algorithm>
 
-#include "Channel.h"
 #include "Fuzz.h"
-#include "Recording.h"
-#include "TraceText.h"
+#include "trace/Channel.h"
+#include "trace/Recording.h"
+#include "trace/TraceText.h"
 
 using kel::ctl::TMicroseconds;
 using kel::ctl::TSChannelAnswer;
