@@ -116,8 +116,8 @@ TEST_F(KelctlKlog, ASignalEndsItBeforeTheNextLook)
 {
     SetDmesg("echo >>/tmp/running; echo line");
     const auto looks = [] { return fs::file_size("/tmp/running"); };
-    bool noMore = false;
-    for (int i = 0; i < 10 && !noMore; ++i) { // one may have begun just before the signal
+    int without = 0;
+    for (int i = 0; i < 10; ++i) {
         const std::unique_ptr<ChildProcess> klog = FollowKlog();
         ASSERT_TRUE(klog->WaitForOutput("line\n"));
         const uintmax_t before = looks();
@@ -125,9 +125,9 @@ TEST_F(KelctlKlog, ASignalEndsItBeforeTheNextLook)
         klog->Signal(i % 2 == 0 ? SIGINT : SIGTERM);
 
         EXPECT_EQ(klog->Wait(), 0);
-        noMore = looks() == before;
+        without += looks() == before ? 1 : 0;
     }
-    EXPECT_TRUE(noMore);
+    EXPECT_GT(without, 5); // one may have begun just before the signal
 }
 
 TEST_F(KelctlKlog, ASignalDuringALookLosesNoLine)

@@ -84,7 +84,8 @@ bool TCEndableOutput::m_Wait(short output, int time)
         return false;
     }
     pollfd events[] = {{m_signals.Get(), POLLIN, 0}, {STDOUT_FILENO, output, 0}};
-    poll(events, std::size(events), time);
+    while (poll(events, std::size(events), time) < 0 && errno == EINTR) { // by such a signal
+    }
     if ((events[1].revents & ~output) != 0) {
         m_status = EStatus::NoOutput;
     } else if (events[1].revents != 0) {
