@@ -38,10 +38,10 @@ void SetHandler(void (*handler)(int))
 
 } // namespace
 
-TCEndableOutput::TCEndableOutput(bool bySignals) : m_signals(-1)
+TCEndableOutput::TCEndableOutput(bool bySignals)
+    : m_signals(bySignals ? eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK) : -1)
 {
-    if (bySignals) {
-        m_signals.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (m_signals.IsOpen()) { // without one a signal ends the program
         toldOf = m_signals.Get();
         SetHandler(&Tell);
     }
