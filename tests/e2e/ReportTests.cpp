@@ -500,9 +500,10 @@ TEST_F(DropDirectories, ThatAreRemovedAreMadeAgain)
     Request(ALWAYS, "proc", "first");
     ASSERT_TRUE(WaitForReports(1)) << agent->ErrorOutput();
 
-    fs::remove_all(kDrop);
-    fs::remove_all(kTaken);
-    fs::remove_all(kRebootDrop);
+    for (const fs::path& place : {kDrop, kTaken, kRebootDrop}) {
+        std::error_code filled; // by the agent, in the moment before
+        EXPECT_TRUE(WaitUntil([&] { return fs::remove_all(place, filled), !filled; })) << filled;
+    }
 
     for (const fs::path& drop : {kDrop, kRebootDrop}) {
         EXPECT_TRUE(WaitUntil([&] { return ModeOf(drop) == 01733; })) << drop;
