@@ -1,8 +1,6 @@
 #include "trace/Channel.h"
 
-#include <algorithm>
 #include <cstring>
-#include <limits>
 #include <memory>
 
 #include "common/AgentMessages.h"
@@ -19,7 +17,6 @@ constexpr TMicroseconds kPatience = 10'000'000;     // for as long the library w
 constexpr TMicroseconds kEventPatience = 5'000'000; // and kel-agent for an application
 constexpr size_t kMostPending = 4096;
 constexpr size_t kMostAgents = 4096;
-constexpr TMicroseconds kNever = std::numeric_limits<TMicroseconds>::max();
 
 TMicroseconds Deadline(const TSChannelCall& call)
 {
@@ -137,10 +134,7 @@ void TCChannel::SetAgent(const std::string& agent)
 
 bool TCChannel::Take(TMicroseconds time, GDBusMessage& message)
 {
-    if (time >= m_nextLook) {
-        Look(time);
-    }
-    m_Tell(time, m_rates.Look(time));
+    Look(time);
     switch (g_dbus_message_get_message_type(&message)) {
     case G_DBUS_MESSAGE_TYPE_METHOD_CALL:
         return m_TakeCall(time, message);
@@ -157,30 +151,36 @@ bool TCChannel::Take(TMicroseconds time, GDBusMessage& message)
 void TCChannel::Look(TMicroseconds time)
 {
     m_Tell(time, m_rates.Look(time));
-    m_nextLook = kNever;
-    for (auto& [key, pending] : m_pending) {
-        if (pending.m_told) {
-            continue;
-        }
-        const TMicroseconds late = Deadline(pending.m_call);
-        if (late <= time) {
-            pending.m_told = true;
-            m_listener.OnUnanswered(pending.m_call, time);
-        } else {
-            m_nextLook = std::min(m_nextLook, late);
-        }
+    while (!m_due.empty() && m_due.begin()->first <= time) {
+        const TSChannelCall& call = m_pending.at(m_due.begin()->second);
+        m_due.erase(m_due.begin());
+        m_listener.OnUnanswered(call, time);
     }
 }
 
 void TCChannel::End(TMicroseconds time)
 {
-    for (auto& [key, pending] : m_pending) {
-        if (!pending.m_told) {
-            m_listener.OnUnanswered(pending.m_call, time);
-        }
+    while (!m_pending.empty()) {
+        m_GiveUp(m_pending.begin(), time);
     }
-    m_pending.clear();
     m_Tell(time, m_rates.End());
+}
+
+void TCChannel::m_GiveUp(TPending::iterator pending, TMicroseconds time)
+{
+    const TSChannelCall& call = pending->second;
+    if (m_due.count({Deadline(call), call.m_number}) > 0) {
+        m_listener.OnUnanswered(call, time);
+    }
+    m_Forget(pending);
+}
+
+void TCChannel::m_Forget(TPending::iterator pending)
+{
+    const TSChannelCall& call = pending->second;
+    m_due.erase({Deadline(call), call.m_number});
+    m_numbers.erase({call.m_from, call.m_serial});
+    m_pending.erase(pending);
 }
 
 void TCChannel::m_Tell(TMicroseconds time, const std::vector<TSFlood>& floods)
@@ -196,9 +196,9 @@ bool TCChannel::m_TakeCall(TMicroseconds time, GDBusMessage& message)
         || Text(g_dbus_message_get_path(&message)) == m_object) {
         return false;
     }
-    TSPending pending;
-    TSChannelCall& call = pending.m_call;
+    TSChannelCall call;
     call.m_number = m_calls++;
+    call.m_serial = g_dbus_message_get_serial(&message);
     call.m_time = time;
     call.m_from = Text(g_dbus_message_get_sender(&message));
     call.m_to = Text(g_dbus_message_get_destination(&message));
@@ -221,43 +221,45 @@ bool TCChannel::m_TakeCall(TMicroseconds time, GDBusMessage& message)
     m_listener.OnCall(call);
     m_rates.Add(call.m_from, call.m_to);
 
-    // Who wants no answer may get a refusal.
-    call.m_data = {};
-    pending.m_told = !call.m_isAnswered;
-    if (!pending.m_told) {
-        m_nextLook = std::min(m_nextLook, Deadline(call));
-    }
     if (m_pending.size() >= kMostPending) {
-        const auto oldest = std::min_element(
-            m_pending.begin(), m_pending.end(), [](const auto& one, const auto& other) {
-                return one.second.m_call.m_number < other.second.m_call.m_number;
-            });
-        if (!oldest->second.m_told) {
-            m_listener.OnUnanswered(oldest->second.m_call, time);
-        }
-        m_pending.erase(oldest);
+        m_GiveUp(m_pending.begin(), time);
     }
-    m_pending[{call.m_from, g_dbus_message_get_serial(&message)}] = pending;
+    const auto same = m_numbers.find({call.m_from, call.m_serial});
+    if (same != m_numbers.end()) {
+        m_Forget(m_pending.find(same->second));
+    }
+    // Who wants no answer may get a refusal, and waits for none.
+    if (call.m_isAnswered) {
+        m_due.emplace(Deadline(call), call.m_number);
+    }
+    call.m_data = {};
+    m_numbers.emplace(TKey(call.m_from, call.m_serial), call.m_number);
+    m_pending.emplace(call.m_number, std::move(call));
     return true;
 }
 
 bool TCChannel::m_TakeAnswer(TMicroseconds time, GDBusMessage& message)
 {
-    const auto found = m_pending.find({Text(g_dbus_message_get_destination(&message)),
-                                       g_dbus_message_get_reply_serial(&message)});
+    const auto number = m_numbers.find({Text(g_dbus_message_get_destination(&message)),
+                                        g_dbus_message_get_reply_serial(&message)});
+    if (number == m_numbers.end()) {
+        return false;
+    }
+    const auto found = m_pending.find(number->second);
+    const TSChannelCall& call = found->second;
     TSChannelAnswer answer;
     answer.m_time = time;
     answer.m_from = Text(g_dbus_message_get_sender(&message));
-    if (found == m_pending.end() || !m_MayAnswer(answer.m_from, found->second.m_call)) {
+    if (!m_MayAnswer(answer.m_from, call)) {
         return false;
     }
     answer.m_isOfBus = answer.m_from == kBus;
-    answer.m_isLate = time >= Deadline(found->second.m_call);
+    answer.m_isLate = time >= Deadline(call);
     if (g_dbus_message_get_message_type(&message) == G_DBUS_MESSAGE_TYPE_ERROR) {
         answer.m_error = Text(g_dbus_message_get_error_name(&message));
         answer.m_errorText = Text(g_dbus_message_get_arg0(&message));
     } else {
-        if (found->second.m_call.m_to == m_name) {
+        if (call.m_to == m_name) {
             SetAgent(answer.m_from);
         }
         answer.m_readable = TakeBytes(message, answer.m_data) && !answer.m_data.empty();
@@ -266,8 +268,8 @@ bool TCChannel::m_TakeAnswer(TMicroseconds time, GDBusMessage& message)
             answer.m_data.erase(answer.m_data.begin());
         }
     }
-    m_listener.OnAnswer(found->second.m_call, answer);
-    m_pending.erase(found);
+    m_listener.OnAnswer(call, answer);
+    m_Forget(found);
     return true;
 }
 

@@ -28,7 +28,8 @@ struct TSChannelCall
         Other // a method that the channel has not, or a body that is none of its
     };
 
-    size_t m_number = 0; // among the calls that were seen
+    size_t m_number = 0;        // among the calls that were seen
+    std::uint32_t m_serial = 0; // among those of its sender's connection
     TMicroseconds m_time = 0;
     std::string m_from;
     std::string m_to;
@@ -104,12 +105,10 @@ public:
 
 private:
     typedef std::pair<std::string, std::uint32_t> TKey; // the caller, and his number for the call
-    struct TSPending
-    {
-        TSChannelCall m_call;
-        bool m_told = false; // that it is late
-    };
+    typedef std::map<size_t, TSChannelCall> TPending;   // by number: the oldest first
 
+    void m_GiveUp(TPending::iterator pending, TMicroseconds time);
+    void m_Forget(TPending::iterator pending);
     void m_Tell(TMicroseconds time, const std::vector<TSFlood>& floods);
     bool m_TakeCall(TMicroseconds time, GDBusMessage& message);
     bool m_TakeAnswer(TMicroseconds time, GDBusMessage& message);
@@ -122,8 +121,9 @@ private:
     const std::string m_object;     // of the other channel, whose calls are left out
     std::set<std::string> m_agents; // unique names of agents, as far as they are known
     size_t m_calls = 0;
-    TMicroseconds m_nextLook = 0;
-    std::map<TKey, TSPending> m_pending;
+    TPending m_pending;                               // that an answer may come for
+    std::map<TKey, size_t> m_numbers;                 // of those that are pending
+    std::set<std::pair<TMicroseconds, size_t>> m_due; // when which is late, until that is told
     TCCallRates m_rates;
 };
 
