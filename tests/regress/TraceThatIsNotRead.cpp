@@ -13,7 +13,7 @@ namespace kel::test {
 
 TEST_F(TraceRoad, MessagesWithoutAnythingAreBounded)
 {
-    constexpr int kMore = 60000; // than are kept, and a pipe takes
+    constexpr int kMore = 40000; // than are kept, and a pipe takes
     constexpr char kPipe[] = "/tmp/pipe";
     ASSERT_EQ(mkfifo(kPipe, 0600), 0);
     ChildProcess trace(

@@ -2,13 +2,16 @@
 
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
+#include <deque>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
 #include <glib-unix.h>
+
+#include <kel/KELLocks.h>
 
 #include "Bus.h"
 
@@ -21,27 +24,71 @@ constexpr char kInterface[] = "com.norvale.kel.IControl";
 constexpr size_t kMostWaiting = 64U << 20; // bytes of messages that are not shown yet
 constexpr size_t kHead = 2048;             // of a message, about: what it takes beside its body
 constexpr unsigned int kLookEvery = 1;     // seconds
+constexpr int kAtOnce = 64;                // messages, before signals and the like have their turn
+
+// A message on its way from the connection's thread to the main one.
+struct TSSeen
+{
+    TMicroseconds m_time = 0;
+    TGlibPtr<GDBusMessage> m_message;
+    size_t m_size = 0;
+};
 
 class TCLive;
 
-// What the connection's thread and the main one have in common. It lives as long as either.
-struct TSInbox
+// What the two threads have in common. It lives as long as either.
+class TCInbox
 {
+public:
+    /// @return whether it was empty: what is in it is then to be looked for.
+    bool Put(TSSeen seen) KEL_EXCLUDES(m_mutex)
+    {
+        const TCLock lock(m_mutex);
+        if (m_size > kMostWaiting) {
+            ++m_lost;
+            return false;
+        }
+        m_size += seen.m_size;
+        m_waiting.push_back(std::move(seen));
+        return m_waiting.size() == 1;
+    }
+
+    /// @return false when it is empty.
+    bool Next(TSSeen& seen) KEL_EXCLUDES(m_mutex)
+    {
+        const TCLock lock(m_mutex);
+        if (m_waiting.empty()) {
+            return false;
+        }
+        seen = std::move(m_waiting.front());
+        m_waiting.pop_front();
+        m_size -= seen.m_size;
+        return true;
+    }
+
+    size_t Count() KEL_EXCLUDES(m_mutex)
+    {
+        const TCLock lock(m_mutex);
+        return m_waiting.size();
+    }
+
+    /// How many had no room since the last time.
+    unsigned int TakeLost() KEL_EXCLUDES(m_mutex)
+    {
+        const TCLock lock(m_mutex);
+        return std::exchange(m_lost, 0);
+    }
+
     std::string m_ownName;
     TCLive* m_pLive = nullptr; // of the main thread alone
-    std::atomic<size_t> m_waiting{0};
-    std::atomic<unsigned int> m_lost{0};
-};
-typedef std::shared_ptr<TSInbox> TInbox;
 
-// A message on its way from one thread to the other.
-struct TSSeen
-{
-    TInbox m_inbox;
-    TMicroseconds m_time;
-    TGlibPtr<GDBusMessage> m_message;
-    size_t m_size;
+private:
+    TCMutex m_mutex;
+    std::deque<TSSeen> m_waiting KEL_GUARDED_BY(m_mutex);
+    size_t m_size KEL_GUARDED_BY(m_mutex) = 0;
+    unsigned int m_lost KEL_GUARDED_BY(m_mutex) = 0;
 };
+typedef std::shared_ptr<TCInbox> TInbox;
 
 // Made, run and destroyed on one thread, which iterates the default main context.
 class TCLive
@@ -61,7 +108,7 @@ private:
 
     static GDBusMessage* m_OnMessage(GDBusConnection* connection, GDBusMessage* message,
                                      int incoming, void* inbox);
-    static int m_OnSeen(void* seen);
+    static int m_OnSeen(void* inbox);
     static int m_OnSecond(void* live);
     static int m_OnSignal(int descriptor, GIOCondition condition, void* live);
     static int m_OnOutputGone(int descriptor, GIOCondition condition, void* live);
@@ -77,7 +124,7 @@ private:
 
 TCLive::TCLive(TCTrace& trace, bool test)
     : m_trace(trace), m_channel(test ? kTestChannel : kChannel),
-      m_inbox(std::make_shared<TSInbox>()), m_loop(g_main_loop_new(nullptr, FALSE)),
+      m_inbox(std::make_shared<TCInbox>()), m_loop(g_main_loop_new(nullptr, FALSE)),
       m_status(EStatus::Success)
 {
     m_inbox->m_pLive = this;
@@ -103,6 +150,10 @@ EStatus TCLive::Run()
         m_OnBusGone(m_connection.get(), 0, nullptr, this); // before anybody listened for that
     } else {
         g_main_loop_run(m_loop.get());
+    }
+    TSSeen seen;
+    for (size_t left = m_inbox->Count(); left > 0 && m_inbox->Next(seen); --left) {
+        m_trace.Take(seen.m_time, *seen.m_message);
     }
     return m_trace.End(NowInMicroseconds(), m_status);
 }
@@ -134,7 +185,7 @@ std::string TCLive::m_FindAgent()
 bool TCLive::m_Watch()
 {
     g_dbus_connection_add_filter(m_connection.get(), &TCLive::m_OnMessage, new TInbox(m_inbox),
-                                 [](void* inbox) { delete static_cast<TInbox*>(inbox); });
+                                 [](void* pointer) { delete static_cast<TInbox*>(pointer); });
     const std::string calls = std::string("type='method_call',interface='") + kInterface + "'";
     const std::string owner
         = "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg0='"
@@ -177,33 +228,35 @@ GDBusMessage* TCLive::m_OnMessage(GDBusConnection*, GDBusMessage* message, int i
     TGlibPtr<GDBusMessage> taken(message);
     GVariant* const body = g_dbus_message_get_body(message);
     const size_t size = kHead + (body == nullptr ? 0 : g_variant_get_size(body));
-    if (all->m_waiting > kMostWaiting) {
-        ++all->m_lost;
-        return nullptr;
+    if (all->Put({NowInMicroseconds(), std::move(taken), size})) {
+        g_idle_add_full(G_PRIORITY_DEFAULT, &TCLive::m_OnSeen, new TInbox(all),
+                        [](void* pointer) { delete static_cast<TInbox*>(pointer); });
     }
-    all->m_waiting += size;
-    g_idle_add_full(G_PRIORITY_DEFAULT, &TCLive::m_OnSeen,
-                    new TSSeen{all, NowInMicroseconds(), std::move(taken), size},
-                    [](void* seen) { delete static_cast<TSSeen*>(seen); });
     return nullptr;
 }
 
-int TCLive::m_OnSeen(void* seen)
+int TCLive::m_OnSeen(void* inbox)
 {
-    TSSeen& all = *static_cast<TSSeen*>(seen);
-    TCLive& live = *all.m_inbox->m_pLive;
-    all.m_inbox->m_waiting -= all.m_size;
-    live.m_trace.Take(all.m_time, *all.m_message);
-    if (live.m_trace.Output().Status()) {
-        live.m_End(*live.m_trace.Output().Status());
+    TCInbox& all = **static_cast<TInbox*>(inbox);
+    TCLive& live = *all.m_pLive;
+    const std::optional<EStatus>& ended = live.m_trace.Output().Status();
+    TSSeen seen;
+    for (int count = 0; count < kAtOnce && !ended; ++count) {
+        if (!all.Next(seen)) {
+            return G_SOURCE_REMOVE; // the next one comes with a source of its own
+        }
+        live.m_trace.Take(seen.m_time, *seen.m_message);
     }
-    return G_SOURCE_REMOVE;
+    if (ended) {
+        live.m_End(*ended);
+    }
+    return ended ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
 }
 
 int TCLive::m_OnSecond(void* live)
 {
     TCLive* const pLive = static_cast<TCLive*>(live);
-    const unsigned int lost = pLive->m_inbox->m_lost.exchange(0);
+    const unsigned int lost = pLive->m_inbox->TakeLost();
     if (lost > 0) {
         pLive->m_trace.Tell(IsoTime(NowInMicroseconds())
                             + " messages that came too fast: " + std::to_string(lost) + "\n");
