@@ -1,7 +1,5 @@
 // A policy on its way from a file to the agent's directory of state.
 
-#include <signal.h>
-
 #include <filesystem>
 #include <fstream>
 #include <limits>
@@ -137,15 +135,12 @@ TEST_F(SetPolicyRoad, AnAgentThatDiesDuringTheSendIsNoAnswer)
 {
     // Not the bus's agent: that one would be started again for a message that comes too late.
     m_bus.AddService(kBusName, "/bin/false");
-    const std::unique_ptr<ChildProcess> agent = StartAgent();
-    ASSERT_TRUE(WaitUntil([&] { return AgentId() == std::optional<pid_t>(agent->Id()); }));
-    agent->Signal(SIGSTOP);
-    ChildProcess kelctl({KEL_CTL, "set-policy", KEL_EXAMPLES "/policy.xml"},
-                        {{"KEL_HOST_LOG", "stderr"}});
-    ASSERT_TRUE(
-        WaitUntil([&] { return kelctl.ErrorOutput().find("Send hello ") != std::string::npos; }));
+    ASSERT_TRUE(m_peer.OwnName());
+    m_peer.SetAnswer("Send", RawPeer::TSAnswer::Nothing());
+    ChildProcess kelctl({KEL_CTL, "set-policy", KEL_EXAMPLES "/policy.xml"});
+    ASSERT_TRUE(m_peer.WaitForCalls("Send", 1));
 
-    agent->Signal(SIGKILL);
+    m_peer.Vanish();
 
     EXPECT_EQ(kelctl.Wait(std::chrono::seconds(8)), 3); // before its own time is over
     EXPECT_EQ(kelctl.Output(), "");
