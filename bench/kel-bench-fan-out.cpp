@@ -344,9 +344,11 @@ void Compare(TSBench& bench, GDBusConnection* connection, TCRawFanOut& rawFanOut
                 sequential.m_baseline, sequential.m_ratio);
 }
 
-// One agent.
+// One agent. The C library would give the server's thread and the raw fan-out's an arena each, of
+// which one has long-lived memory in it and the other has not.
 int RunTimes(size_t count, size_t size)
 {
+    mallopt(M_ARENA_MAX, 1);
     TCDbusServer server(true);
     const test::HostLoop loop;
     Await([&] { return server.IsReady(); }, "the bus name");
