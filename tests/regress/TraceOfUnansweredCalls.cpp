@@ -1,5 +1,5 @@
 // kelctl trace looked through all the calls that waited for an answer whenever one more had none:
-// each of a flood took it ten times as long as the first ones, and messages got lost.
+// each of a flood took it more than ten times as long as the first ones, and messages got lost.
 
 #include <ctime>
 
@@ -37,7 +37,7 @@ double Now()
 double Take(TCChannel& channel, guint32& serial)
 {
     const TGlibPtr<GDBusMessage> message(g_dbus_message_new_method_call(
-        ":1.1", "/com/norvale/kel/control", "com.norvale.kel.IControl", "Send"));
+        ":1.1", kChannel.m_object, "com.norvale.kel.IControl", "Send"));
     g_dbus_message_set_sender(message.get(), ":1.2");
     const double begin = Now();
     for (guint32 i = 0; i < kCalls; ++i) {
