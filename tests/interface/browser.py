@@ -1,6 +1,7 @@
 """A browser without a screen, for the checks of pages."""
 import json
 import os
+import select
 import shutil
 import subprocess
 import sys
@@ -54,8 +55,10 @@ class Browser:
         self.process.wait()
         self.log.close()
 
-    def read(self):
+    def read(self, end):
         while b'\0' not in self.buffer:
+            if not select.select([self.input], [], [], max(0, end - time.monotonic()))[0]:
+                raise TimeoutError('no answer: ' + open(self.log.name).read()[-2000:])
             block = os.read(self.input, 1 << 20)
             if not block:
                 raise RuntimeError('the browser has ended: ' + open(self.log.name).read()[-2000:])
@@ -71,20 +74,19 @@ class Browser:
         data = json.dumps(message).encode() + b'\0'
         while data:
             data = data[os.write(self.output, data):]
+        end = time.monotonic() + DEADLINE
         while True:
-            answer = self.read()
+            answer = self.read(end)
             if answer.get('id') == self.number:
                 if 'error' in answer:
                     raise RuntimeError(method + ': ' + str(answer['error']))
                 return answer['result']
             self.events.append(answer)
 
-    def wait(self, method):
-        while True:
-            for event in self.events:
-                if event.get('method') == method:
-                    return event
-            self.events.append(self.read())
+    def told(self, method):
+        """Events of a kind. Any of them may come before the answer to the command that they follow from."""
+        self.value('0')
+        return [event['params'] for event in self.events if event.get('method') == method]
 
     def open(self, path):
         self.call('Page.navigate', url='about:blank')
