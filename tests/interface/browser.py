@@ -61,7 +61,7 @@ class Browser:
                 raise TimeoutError('no answer: ' + open(self.log.name).read()[-2000:])
             block = os.read(self.input, 1 << 20)
             if not block:
-                raise RuntimeError('the browser has ended: ' + open(self.log.name).read()[-2000:])
+                raise EOFError('the browser has ended: ' + open(self.log.name).read()[-2000:])
             self.buffer += block
         text, self.buffer = self.buffer.split(b'\0', 1)
         return json.loads(text)
@@ -106,7 +106,13 @@ class Browser:
         return answer['result'].get('value')
 
     def until(self, expression, what):
-        self.wait_for(lambda: self.value(expression), what)
+        def holds():
+            try:
+                return self.value(expression)
+            except RuntimeError:  # the page was left before it answered
+                return False
+
+        self.wait_for(holds, what)
 
     @staticmethod
     def wait_for(holds, what):
