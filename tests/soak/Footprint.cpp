@@ -14,8 +14,8 @@ namespace {
 // A leak of a hundred bytes per round or restart is far above it in an hour.
 constexpr size_t kAllocatorsShare = 4096; // KiB per process
 
-// A sanitizer keeps what has been freed.
-#if defined(__SANITIZE_ADDRESS__)
+// A sanitizer keeps what has been freed, and an emulator what it has translated.
+#if defined(__SANITIZE_ADDRESS__) || defined(KEL_EMULATED)
 constexpr bool kIsMemoryJudged = false;
 #elif defined(__has_feature)
 constexpr bool kIsMemoryJudged = !__has_feature(thread_sanitizer);
