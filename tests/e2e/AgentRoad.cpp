@@ -29,6 +29,7 @@ AgentRoad::~AgentRoad()
     std::ifstream ids(m_bus.Directory() + "/agents");
     std::copy(std::istream_iterator<pid_t>(ids), {}, std::back_inserter(started));
 
+    m_provided.reset();
     m_bus.Kill(); // which ends the agents
     const bool ended
         = WaitUntil([] { return waitpid(-1, nullptr, WNOHANG) < 0 && errno == ECHILD; },
@@ -43,14 +44,26 @@ AgentRoad::~AgentRoad()
     }
 }
 
-void AgentRoad::LetTheBusStartTheAgent()
+std::string AgentRoad::m_WriteStartScript() const
 {
     const std::string script = m_bus.Directory() + "/start-agent";
     std::ofstream(script) << "#!/bin/sh\necho $$ >>'" << m_bus.Directory()
                           << "/agents'\nexec '" KEL_AGENT "' --state-dir '" << m_stateDir
                           << "' 2>>'" << m_bus.Directory() << "/agent.log'\n";
     std::filesystem::permissions(script, std::filesystem::perms::owner_all);
-    m_bus.AddService(kBusName, script);
+    return script;
+}
+
+void AgentRoad::LetTheBusStartTheAgent() { m_bus.AddService(kBusName, m_WriteStartScript()); }
+
+void AgentRoad::ProvideAgent()
+{
+    if (!PrivateBus::IsBroker()) {
+        LetTheBusStartTheAgent();
+        return;
+    }
+    m_provided = std::make_unique<ChildProcess>(std::vector<std::string>{m_WriteStartScript()});
+    EXPECT_TRUE(WaitUntil([this] { return AgentId().has_value(); })) << AgentLog();
 }
 
 std::unique_ptr<ChildProcess> AgentRoad::StartAgent(const std::vector<std::string>& arguments)

@@ -24,8 +24,12 @@ protected:
     explicit AgentRoad(const PrivateBus::TSOptions& options = {});
     ~AgentRoad() override;
 
-    /// Has the bus start the agent for the first message.
+    /// Has the bus start the agent for the first message. Skips the running test on a bus that
+    /// starts none.
     void LetTheBusStartTheAgent();
+
+    /// The same; a bus that starts none has the agent at once.
+    void ProvideAgent();
 
     /// Starts one ourselves, with more arguments; it need not be ready.
     std::unique_ptr<ChildProcess> StartAgent(const std::vector<std::string>& arguments = {});
@@ -53,6 +57,11 @@ protected:
     const std::string m_stateDir;
     RawPeer m_peer;
     RawPeer m_busPeer; // for questions to the bus itself
+
+private:
+    std::string m_WriteStartScript() const;
+
+    std::unique_ptr<ChildProcess> m_provided; // where the bus starts none
 };
 
 /// The whole file; empty when there is none.

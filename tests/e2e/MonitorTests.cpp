@@ -39,7 +39,7 @@ std::string SinceRequest(const ChildProcess& monitor)
 class KelctlMonitor : public AgentRoad
 {
 protected:
-    KelctlMonitor() { LetTheBusStartTheAgent(); }
+    KelctlMonitor() { ProvideAgent(); }
 
     // Sets a policy and waits until the agent has told everybody of it; how it went.
     std::string Announce()
@@ -94,6 +94,7 @@ TEST_F(KelctlMonitor, HearsOfThePolicyFromANewAgentToo)
     AnnounceTo(1);
     Request({monitor.get()});
     KillAgent();
+    ProvideAgent();
 
     AnnounceTo(1);
 
@@ -152,6 +153,7 @@ TEST_F(KelctlMonitor, EachLineIsAJsonObjectWithTimeAndEvent)
 
 TEST_F(KelctlMonitor, TheTimeEndsIt)
 {
+    LetTheBusStartTheAgent();
     const TSFinished simply = Kelctl({"monitor", "--timeout", "0.05"});
     const TSFinished early = Kelctl({"monitor", "--timeout", "0.05", "--count", "1"});
 

@@ -82,7 +82,7 @@ TEST_F(PythonEnds, OurApplicationsHearFromThePythonAgent)
 
 TEST_F(PythonEnds, ThePythonApplicationSetsOurAgentsPolicyAndHearsFromIt)
 {
-    LetTheBusStartTheAgent();
+    ProvideAgent();
 
     ChildProcess application(Application());
 
@@ -94,6 +94,7 @@ TEST_F(PythonEnds, ThePythonApplicationSetsOurAgentsPolicyAndHearsFromIt)
     EXPECT_TRUE(application.WaitForOutput(kAsked)) << application.ErrorOutput();
 
     KillAgent();
+    ProvideAgent();
     EXPECT_TRUE(WaitUntil([&] { // until the "Hello" to another agent, which knows nobody, has come
         return SetPolicy("<policy/>").m_exit != 0 || CountOf(application.Output(), kHeard) > 1;
     }));

@@ -30,11 +30,12 @@ size_t PeakMemory(pid_t id)
 class SetPolicyRoad : public AgentRoad
 {
 protected:
-    SetPolicyRoad() { LetTheBusStartTheAgent(); }
+    SetPolicyRoad() { ProvideAgent(); }
 };
 
 TEST_F(SetPolicyRoad, TheBusStartsTheAgentWhichStoresThePolicy)
 {
+    LetTheBusStartTheAgent();
     ASSERT_FALSE(AgentId().has_value());
 
     const TSFinished set = Kelctl({"set-policy", KEL_EXAMPLES "/policy.xml"});
@@ -62,6 +63,7 @@ TEST_F(SetPolicyRoad, AMalformedPolicyIsRefusedAndTheStoredOneStays)
 
 TEST_F(SetPolicyRoad, AnAgentThatWasKilledIsStartedAgain)
 {
+    LetTheBusStartTheAgent();
     ASSERT_EQ(SetPolicy("<first/>").m_exit, 0);
     const std::optional<pid_t> first = AgentId();
     KillAgent();

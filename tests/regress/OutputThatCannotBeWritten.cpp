@@ -22,7 +22,7 @@ constexpr char kFull[] = "kelctl: the output cannot be written: No space left on
 
 TEST_F(AgentRoad, WhatKelctlSaysIsWrittenOrItIsNoSuccess)
 {
-    LetTheBusStartTheAgent();
+    ProvideAgent();
 
     const TSFinished ended[] = {
         IntoAFullDevice("set-policy -", "<policy/>"),

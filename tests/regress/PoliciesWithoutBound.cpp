@@ -40,7 +40,7 @@ class PolicyWithoutBound : public AgentRoad
 protected:
     PolicyWithoutBound()
     {
-        LetTheBusStartTheAgent();
+        ProvideAgent();
         EXPECT_EQ(SetPolicy("<policy/>").m_exit, 0);
     }
 
