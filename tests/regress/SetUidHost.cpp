@@ -20,9 +20,13 @@ TEST(SetUidHost, DoesNotAskItsCallersEnvironment)
         = RunProgram({"setpriv", "--reuid=65534", "--clear-groups", "--", program},
                      {{"KEL_HOST_LOG", "stderr"}, {"KEL_HOST_VCONF_DIR", "/tmp/theirs"}});
 
-    if (ended.m_output != "secure\n") {
-        GTEST_SKIP() << "no second user, or no set-uid programs: " << ended.m_errorOutput;
+    if (ended.m_errorOutput.rfind("setpriv: ", 0) == 0) {
+        GTEST_SKIP() << "there is no second user here: " << ended.m_errorOutput;
     }
+    if (ended.m_output == "plain\n") {
+        GTEST_SKIP() << "this machine has no set-uid programs";
+    }
+    EXPECT_EQ(ended.m_output, "secure\n");
     EXPECT_EQ(ended.m_exit, 0);
     EXPECT_EQ(ended.m_errorOutput, "");
     EXPECT_FALSE(fs::exists("/tmp/theirs"));
