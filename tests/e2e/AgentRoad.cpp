@@ -44,17 +44,15 @@ AgentRoad::~AgentRoad()
     }
 }
 
-std::string AgentRoad::m_WriteStartScript() const
+void AgentRoad::LetTheBusStartTheAgent()
 {
     const std::string script = m_bus.Directory() + "/start-agent";
     std::ofstream(script) << "#!/bin/sh\necho $$ >>'" << m_bus.Directory()
                           << "/agents'\nexec '" KEL_AGENT "' --state-dir '" << m_stateDir
                           << "' 2>>'" << m_bus.Directory() << "/agent.log'\n";
     std::filesystem::permissions(script, std::filesystem::perms::owner_all);
-    return script;
+    m_bus.AddService(kBusName, script);
 }
-
-void AgentRoad::LetTheBusStartTheAgent() { m_bus.AddService(kBusName, m_WriteStartScript()); }
 
 void AgentRoad::ProvideAgent()
 {
@@ -62,7 +60,7 @@ void AgentRoad::ProvideAgent()
         LetTheBusStartTheAgent();
         return;
     }
-    m_provided = std::make_unique<ChildProcess>(std::vector<std::string>{m_WriteStartScript()});
+    m_provided = StartAgent();
     EXPECT_TRUE(WaitUntil([this] { return AgentId().has_value(); })) << AgentLog();
 }
 
@@ -104,7 +102,10 @@ TSFinished AgentRoad::Kelctl(const std::vector<std::string>& arguments, const st
 
 std::string AgentRoad::StoredPolicy() const { return ReadFile(m_stateDir + "/policy.xml"); }
 
-std::string AgentRoad::AgentLog() const { return ReadFile(m_bus.Directory() + "/agent.log"); }
+std::string AgentRoad::AgentLog() const
+{
+    return m_provided ? m_provided->ErrorOutput() : ReadFile(m_bus.Directory() + "/agent.log");
+}
 
 std::string ReadFile(const std::string& path)
 {

@@ -50,7 +50,7 @@ protected:
 
     std::string StoredPolicy() const;
 
-    /// What the agents that the bus has started wrote to standard error.
+    /// What the agents that the bus has started wrote to standard error, or the provided one.
     std::string AgentLog() const;
 
     PrivateBus m_bus;
@@ -59,8 +59,6 @@ protected:
     RawPeer m_busPeer; // for questions to the bus itself
 
 private:
-    std::string m_WriteStartScript() const;
-
     std::unique_ptr<ChildProcess> m_provided; // where the bus starts none
 };
 

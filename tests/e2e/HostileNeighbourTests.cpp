@@ -28,6 +28,7 @@ constexpr int kThreads = 4;
 constexpr int kRequests = 125; // of each thread
 constexpr int kPause = 30;     // ms
 
+// Both make all of it some times slower.
 #if defined(__SANITIZE_ADDRESS__) || defined(KEL_EMULATED)
 constexpr std::chrono::seconds kServed(20);
 constexpr int kKills = 40;
