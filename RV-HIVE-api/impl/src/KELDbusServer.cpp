@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <future>
 #include <memory>
 
 #include "KELFailureNote.h"
@@ -94,14 +93,13 @@ bool IsTimeToProbe(size_t clients)
 
 } // namespace
 
-// One call to one client. It belongs to the sending thread, which reads the future when the fan-out
-// is over; the private thread borrows it from m_SendMessage until then.
+// One call to one client. It belongs to the sending thread, which reads how it went when the
+// fan-out is over; the private thread borrows it from m_SendMessage until then.
 struct TCDbusServer::TSAsyncMessage
 {
     TSAsyncMessage(TCDbusServer* pServer, GDBusProxy* pProxy)
-        : m_pServer(pServer), m_future(m_promise.get_future()),
-          m_pProxy(static_cast<GDBusProxy*>(g_object_ref(pProxy))), m_pParameters(nullptr),
-          m_timeout(-1), m_pFanOut(nullptr)
+        : m_pServer(pServer), m_pProxy(static_cast<GDBusProxy*>(g_object_ref(pProxy))),
+          m_pParameters(nullptr), m_timeout(-1), m_pFanOut(nullptr)
     {}
 
     static void Start(void* message, int timeout)
@@ -115,7 +113,6 @@ struct TCDbusServer::TSAsyncMessage
     {
         m_kind = kind;
         m_end = g_get_monotonic_time();
-        m_promise.set_value(kind == EFailure::None);
         m_pFanOut->Ended();
     }
 
@@ -134,8 +131,6 @@ struct TCDbusServer::TSAsyncMessage
     }
 
     TCDbusServer* m_pServer;
-    std::promise<bool> m_promise;
-    std::future<bool> m_future;
     TGlibPtr<GDBusProxy> m_pProxy; // keeps the call valid when the client is forgotten meanwhile
     GVariant* m_pParameters;       // the sender's request, one value for all its calls
     int m_timeout;                 // in milliseconds; -1 for the D-Bus library's default
@@ -322,7 +317,7 @@ TCDbusServer::TSFanOut::SendMessage(TCDbusServer& server, int type,
         fanOut.Wait();
     }
     for (const auto& message : messages) {
-        ++(message->m_future.get() ? successes : failures);
+        ++(message->m_kind == EFailure::None ? successes : failures);
         if (outcomes != nullptr) {
             TSClientOutcome& outcome = (*outcomes)[message->m_place];
             outcome.m_failure = Describe(message->m_kind, message->m_error.Peek());
